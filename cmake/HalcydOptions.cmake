@@ -1,0 +1,35 @@
+# Compiler flags shared by every target of ours. Link halcyd_options PRIVATE.
+add_library(halcyd_options INTERFACE)
+
+target_compile_definitions(halcyd_options INTERFACE
+  UNICODE _UNICODE WIN32_LEAN_AND_MEAN NOMINMAX _WIN32_WINNT=0x0A00 NTDDI_VERSION=0x0A000000
+  __USE_MINGW_ANSI_STDIO=0)
+target_include_directories(halcyd_options INTERFACE "${CMAKE_SOURCE_DIR}")
+target_compile_options(halcyd_options INTERFACE
+  $<$<COMPILE_LANGUAGE:C,CXX>:-Wall;-Wextra;-Werror;-fstack-protector-strong>
+  $<$<COMPILE_LANGUAGE:CXX>:-Wconversion;-Wsign-conversion;-Wshadow;-Wold-style-cast;-Wno-non-virtual-dtor;-Wno-attributes>
+  $<$<COMPILE_LANG_AND_ID:CXX,Clang>:-Wthread-safety;-Wno-missing-braces>)
+target_compile_definitions(halcyd_options INTERFACE
+  $<$<CONFIG:Release>:_FORTIFY_SOURCE=2> _GLIBCXX_ASSERTIONS)
+target_link_options(halcyd_options INTERFACE -static -municode)
+
+if(CMAKE_BUILD_TYPE STREQUAL "Release")
+  # -O2 everywhere; assert() stays out of the shipped binary, _GLIBCXX_ASSERTIONS stays in.
+  set(CMAKE_CXX_FLAGS_RELEASE "-O2 -DNDEBUG")
+  set(CMAKE_C_FLAGS_RELEASE "-O2 -DNDEBUG")
+endif()
+
+find_program(CCACHE_PROGRAM ccache)
+if(CCACHE_PROGRAM)
+  set(CMAKE_C_COMPILER_LAUNCHER "${CMAKE_COMMAND}" -E env
+    "CCACHE_SLOPPINESS=pch_defines,time_macros,include_file_mtime,include_file_ctime"
+    "CCACHE_BASEDIR=${CMAKE_SOURCE_DIR}" "CCACHE_NOHASHDIR=true" "${CCACHE_PROGRAM}")
+  set(CMAKE_CXX_COMPILER_LAUNCHER "${CMAKE_C_COMPILER_LAUNCHER}")
+endif()
+
+# halcyd_pch(target header...): precompiled headers where they are switched on.
+function(halcyd_pch target)
+  if(HALCYD_PCH)
+    target_precompile_headers(${target} PRIVATE ${ARGN})
+  endif()
+endfunction()
