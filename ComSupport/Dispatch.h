@@ -1,9 +1,12 @@
 #pragma once
 // IDispatch of a dual interface, answered from the type library.
 
+#include "ComSupport/Module.h"
 #include "ComSupport/TypeLibrary.h"
 
-template <class Interface, WORD Major = 1, WORD Minor = 0>
+// The library is the module's own unless a class names another.
+template <class Interface, const IID* InterfaceId = &__uuidof(Interface), const GUID* LibraryId = &CComModule::m_libid,
+          WORD Major = 1, WORD Minor = 0>
 class IDispatchImpl : public Interface {
 public:
     STDMETHODIMP GetTypeInfoCount(UINT* count) noexcept override
@@ -32,7 +35,7 @@ public:
 private:
     static CComTypeInfoHolder& Holder() noexcept
     {
-        static CComTypeInfoHolder holder(__uuidof(Interface), Major, Minor);
+        static CComTypeInfoHolder holder(*InterfaceId, *LibraryId, Major, Minor);
         return holder;
     }
 };

@@ -11,9 +11,9 @@ inline constexpr LONG kDyingReferences = 0x40000000;
 
 // A free-standing object. It keeps the module alive for as long as it lives.
 template <class Base>
-class CComObject : public Base {
+class CComObject final : public Base {
 public:
-    explicit CComObject(void* = nullptr) noexcept(noexcept(Base())) { _pModule->Lock(); }
+    explicit CComObject(void* = nullptr) { _pModule->Lock(); }
     ~CComObject()
     {
         this->m_references = kDyingReferences;
@@ -39,9 +39,9 @@ public:
 // An object that somebody in the module keeps at hand. The keeper's reference, the first one, does not keep the module
 // alive; the second reference locks the module and its release unlocks it.
 template <class Base>
-class CComObjectCached : public Base {
+class CComObjectCached final : public Base {
 public:
-    explicit CComObjectCached(void* = nullptr) noexcept(noexcept(Base())) {}
+    explicit CComObjectCached(void* = nullptr) {}
     ~CComObjectCached()
     {
         this->m_references = kDyingReferences;
@@ -74,9 +74,9 @@ public:
 
 // An object that has no say in the life of the module: class factories of an executable.
 template <class Base>
-class CComObjectNoLock : public Base {
+class CComObjectNoLock final : public Base {
 public:
-    explicit CComObjectNoLock(void* = nullptr) noexcept(noexcept(Base())) {}
+    explicit CComObjectNoLock(void* = nullptr) {}
     ~CComObjectNoLock()
     {
         this->m_references = kDyingReferences;
@@ -100,9 +100,9 @@ public:
 
 // The part of an aggregated object that clients see through the outer object: all three operations go there.
 template <class Base>
-class CComContainedObject : public Base {
+class CComContainedObject final : public Base {
 public:
-    explicit CComContainedObject(void* outer) noexcept(noexcept(Base())) { this->m_outer = static_cast<IUnknown*>(outer); }
+    explicit CComContainedObject(void* outer) { this->m_outer = static_cast<IUnknown*>(outer); }
 
     STDMETHODIMP_(ULONG) AddRef() noexcept override { return this->OuterAddRef(); }
     STDMETHODIMP_(ULONG) Release() noexcept override { return this->OuterRelease(); }

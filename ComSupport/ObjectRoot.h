@@ -5,6 +5,9 @@
 
 #include <objbase.h>
 
+// Marks a class that is only ever a base of one of the object classes in Object.h.
+#define ATL_NO_VTABLE
+
 // One row of an interface map: the identifier, and how to get that interface from the object.
 struct CComInterfaceEntry {
     const IID* iid;

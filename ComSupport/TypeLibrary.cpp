@@ -67,7 +67,7 @@ HRESULT UnregisterModuleTypeLibrary(HINSTANCE instance) noexcept
 HRESULT CComTypeInfoHolder::Load(LCID locale, ITypeInfo** result) const noexcept
 {
     ITypeLibPtr library;
-    HRESULT status = ::LoadRegTypeLib(CComModule::m_libid, m_major, m_minor, locale, &library);
+    HRESULT status = ::LoadRegTypeLib(m_library, m_major, m_minor, locale, &library);
     if (FAILED(status)) {
         wchar_t path[MAX_PATH] = {};
         status = GetModulePath(_pModule != nullptr ? _pModule->GetModuleInstance() : nullptr, path);

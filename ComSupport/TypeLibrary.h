@@ -14,7 +14,10 @@
 // registered library, or from the module's own resource when none is registered. Any thread may use it.
 class CComTypeInfoHolder {
 public:
-    CComTypeInfoHolder(const IID& iid, WORD major, WORD minor) noexcept : m_iid(iid), m_major(major), m_minor(minor) {}
+    CComTypeInfoHolder(const IID& iid, const GUID& library, WORD major, WORD minor) noexcept
+        : m_iid(iid), m_library(library), m_major(major), m_minor(minor)
+    {
+    }
 
     [[nodiscard]] HRESULT GetTypeInfo(UINT index, LCID locale, ITypeInfo** result) noexcept;
     [[nodiscard]] HRESULT GetIDsOfNames(LCID locale, LPOLESTR* names, UINT count, DISPID* ids) noexcept;
@@ -26,6 +29,7 @@ private:
     HRESULT Load(LCID locale, ITypeInfo** result) const noexcept;
 
     const IID& m_iid;
+    const GUID& m_library;
     const WORD m_major;
     const WORD m_minor;
     ITypeInfo* m_info = nullptr; // set once; never released, since objects may outlive every tear-down

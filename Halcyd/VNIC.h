@@ -1,0 +1,47 @@
+#pragma once
+
+#include "ComSupport/ComSupport.h"
+#include "Halcyd_h.h"
+
+// Routes, addresses and device state of the tunnel's virtual adapter on behalf of the client. The class has no state: each
+// method takes its arguments out of their wire form and hands them to the workers of Tunvex/vpnlib.
+//
+// This build has no workers yet: every method returns E_NOTIMPL and touches nothing.
+class ATL_NO_VTABLE CVNIC : public CComObjectRootEx<CComSingleThreadModel>,
+                            public CComCoClass<CVNIC, &CLSID_VNIC>,
+                            public IDispatchImpl<IVNIC, &IID_IVNIC, &LIBID_HALCYDLib>
+{
+public:
+    DECLARE_REGISTRY_RESOURCEID(104)
+    DECLARE_AGGREGATABLE(CVNIC)
+    BEGIN_COM_MAP(CVNIC)
+        COM_INTERFACE_ENTRY(IVNIC)
+        COM_INTERFACE_ENTRY(IDispatch)
+    END_COM_MAP()
+
+    STDMETHOD(CreateRouteEntry)(VARIANT vDest, VARIANT vNetMask, VARIANT vGateway, VARIANT vInterface, VARIANT vMetric,
+                                VARIANT vIfIndex, VARIANT vIfMask) override;
+    STDMETHOD(DeleteRouteEntry)(VARIANT vDest) override;
+    STDMETHOD(EnableVNICAdapter)() override;
+    STDMETHOD(EnableVNICAdapterAsynch)() override;
+    STDMETHOD(DisableVNICAdapter)() override;
+    STDMETHOD(DisableVNICAdapterAsynch)() override;
+    STDMETHOD(ResetVNICAdapterAsynch)() override;
+    STDMETHOD(ResetVNICAdapter)() override;
+    STDMETHOD(GetVNICStatus)() override;
+    STDMETHOD(TunvexSetIpForwardEntry)(VARIANT vVnicIpAddr, VARIANT vInterfaceIndex) override;
+    STDMETHOD(RouteCommand)(BSTR bstrCommand) override;
+    STDMETHOD(TunvexUpdateVnicState)(VARIANT vVnicState) override;
+    STDMETHOD(CleanUpVnicStateIfNecessary)() override;
+    STDMETHOD(TunvexInitVnicForVista)(VARIANT vVnicMetric, BSTR* Alias, LONG bIPv6) override;
+    STDMETHOD(TunvexGetInterfaceMetric)(VARIANT vIpv6, VARIANT vIndex, VARIANT* vMetric) override;
+    STDMETHOD(ConfigureVnic)(_VNIC_CONFIG_INFO* pVnicConfigInfo) override;
+    STDMETHOD(CreateMultipleRouteEntries)(VARIANT vRouteList, VARIANT vNumRoutes, VARIANT vGateway, VARIANT vInterface,
+                                          VARIANT vMetric, VARIANT vIfIndex, VARIANT vIfMask) override;
+    STDMETHOD(CreateMultipleIPv6RouteEntries)(ULONG NumRoutes, _ip_transfer* IPv6Acl, byte Gateway[16],
+                                              byte Interface[16], ULONG Metric, ULONG IfIndex,
+                                              BSTR FriendlyName) override;
+    STDMETHOD(DeleteMultipleIPv6RouteEntries)(ULONG ulNumACLEntries, _ip_transfer* pACL, BSTR FriendlyName,
+                                              BSTR GatewayIpAddress) override;
+    STDMETHOD(PerformGenericAction)(ULONG Action) override;
+};
