@@ -11,30 +11,37 @@
 #include "bench/Measure.h"
 #include "clients/common/DeviceList.h"
 
-namespace {
+namespace
+{
 
-struct ListCount {
+struct ListCount
+{
     int adapters = 0;
 };
 
-ListCount CountAdapters(const _DEVICE_ELEMENT* head) noexcept {
+ListCount CountAdapters(const _DEVICE_ELEMENT* head) noexcept
+{
     ListCount count;
-    for (; head != nullptr; head = head->pNext) ++count.adapters;
+    for (; head != nullptr; head = head->pNext)
+        ++count.adapters;
     return count;
 }
 
-}  // namespace
+} // namespace
 
-int RunCallBench(int rounds) {
+int RunCallBench(int rounds)
+{
     INetMonSv* monitor = nullptr;
     HRESULT result = CoCreateInstance(CLSID_NetMonSv, nullptr, CLSCTX_LOCAL_SERVER, IID_INetMonSv,
                                       reinterpret_cast<void**>(&monitor));
-    if (FAILED(result)) {
+    if (FAILED(result))
+    {
         std::fprintf(stderr, "cannot activate the monitor: 0x%08lx\n", static_cast<unsigned long>(result));
         return 1;
     }
     result = monitor->Open();
-    if (result != S_OK) {
+    if (result != S_OK)
+    {
         std::fprintf(stderr, "cannot open the monitor: 0x%08lx\n", static_cast<unsigned long>(result));
         monitor->Release();
         return 1;
@@ -43,7 +50,8 @@ int RunCallBench(int rounds) {
     Samples list;
     ListCount count;
     const int warmUp = rounds / 10 + 10;
-    for (int i = -warmUp; i < rounds; ++i) {
+    for (int i = -warmUp; i < rounds; ++i)
+    {
         LONG mask = 0;
         const std::int64_t start = NowNanoseconds();
         monitor->get_FilterMask(&mask);
@@ -53,7 +61,8 @@ int RunCallBench(int rounds) {
         const std::int64_t end = NowNanoseconds();
         count = CountAdapters(head);
         FreeDeviceList(head);
-        if (i < 0) continue;
+        if (i < 0)
+            continue;
         null.Add(middle - start);
         list.Add(end - middle);
     }

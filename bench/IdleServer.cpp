@@ -14,14 +14,16 @@
 
 #include "bench/IdleServer.h"
 
-namespace {
+namespace
+{
 
 HANDLE g_stop = nullptr;
 SERVICE_STATUS_HANDLE g_statusHandle = nullptr;
 bool g_isService = false;
 std::atomic<long> g_objects{0};
 
-void ReportState(DWORD state) noexcept {
+void ReportState(DWORD state) noexcept
+{
     SERVICE_STATUS status{};
     status.dwServiceType = SERVICE_WIN32_OWN_PROCESS;
     status.dwCurrentState = state;
@@ -29,42 +31,55 @@ void ReportState(DWORD state) noexcept {
     SetServiceStatus(g_statusHandle, &status);
 }
 
-class IdleObject final : public IUnknown {
+class IdleObject final : public IUnknown
+{
 public:
     IdleObject() noexcept { ++g_objects; }
 
-    STDMETHODIMP QueryInterface(REFIID iid, void** out) override {
-        if (out == nullptr) return E_POINTER;
+    STDMETHODIMP QueryInterface(REFIID iid, void** out) override
+    {
+        if (out == nullptr)
+            return E_POINTER;
         *out = IsEqualIID(iid, IID_IUnknown) ? this : nullptr;
-        if (*out == nullptr) return E_NOINTERFACE;
+        if (*out == nullptr)
+            return E_NOINTERFACE;
         AddRef();
         return S_OK;
     }
     STDMETHODIMP_(ULONG) AddRef() override { return ++m_references; }
-    STDMETHODIMP_(ULONG) Release() override {
+    STDMETHODIMP_(ULONG) Release() override
+    {
         const ULONG left = --m_references;
-        if (left == 0) delete this;
+        if (left == 0)
+            delete this;
         return left;
     }
 
 private:
-    ~IdleObject() {
-        if (--g_objects == 0 && !g_isService) SetEvent(g_stop);
+    ~IdleObject()
+    {
+        if (--g_objects == 0 && !g_isService)
+            SetEvent(g_stop);
     }
     std::atomic<ULONG> m_references{1};
 };
 
-class IdleFactory final : public IClassFactory {
+class IdleFactory final : public IClassFactory
+{
 public:
-    STDMETHODIMP QueryInterface(REFIID iid, void** out) override {
-        if (out == nullptr) return E_POINTER;
+    STDMETHODIMP QueryInterface(REFIID iid, void** out) override
+    {
+        if (out == nullptr)
+            return E_POINTER;
         *out = IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, IID_IClassFactory) ? this : nullptr;
         return *out != nullptr ? S_OK : E_NOINTERFACE;
     }
     STDMETHODIMP_(ULONG) AddRef() override { return 2; }
     STDMETHODIMP_(ULONG) Release() override { return 1; }
-    STDMETHODIMP CreateInstance(IUnknown* outer, REFIID iid, void** out) override {
-        if (outer != nullptr) return CLASS_E_NOAGGREGATION;
+    STDMETHODIMP CreateInstance(IUnknown* outer, REFIID iid, void** out) override
+    {
+        if (outer != nullptr)
+            return CLASS_E_NOAGGREGATION;
         auto* object = new IdleObject;
         const HRESULT result = object->QueryInterface(iid, out);
         object->Release();
@@ -73,45 +88,55 @@ public:
     STDMETHODIMP LockServer(BOOL) override { return S_OK; }
 };
 
-void Serve() {
+void Serve()
+{
     static IdleFactory factory;
     DWORD cookie = 0;
-    CoRegisterClassObject(CLSID_BenchIdle, &factory, CLSCTX_LOCAL_SERVER, REGCLS_MULTIPLEUSE | REGCLS_SUSPENDED, &cookie);
+    CoRegisterClassObject(CLSID_BenchIdle, &factory, CLSCTX_LOCAL_SERVER, REGCLS_MULTIPLEUSE | REGCLS_SUSPENDED,
+                          &cookie);
     CoResumeClassObjects();
-    if (g_isService) ReportState(SERVICE_RUNNING);
+    if (g_isService)
+        ReportState(SERVICE_RUNNING);
     WaitForSingleObject(g_stop, INFINITE);
     CoSuspendClassObjects();
     CoRevokeClassObject(cookie);
 }
 
-DWORD WINAPI Handler(DWORD control, DWORD, void*, void*) {
-    if (control == SERVICE_CONTROL_STOP) {
+DWORD WINAPI Handler(DWORD control, DWORD, void*, void*)
+{
+    if (control == SERVICE_CONTROL_STOP)
+    {
         ReportState(SERVICE_STOP_PENDING);
         SetEvent(g_stop);
     }
     return NO_ERROR;
 }
 
-void WINAPI ServiceMain(DWORD, wchar_t**) {
+void WINAPI ServiceMain(DWORD, wchar_t**)
+{
     g_statusHandle = RegisterServiceCtrlHandlerExW(BENCH_IDLE_SERVICE, Handler, nullptr);
     ReportState(SERVICE_START_PENDING);
     Serve();
     ReportState(SERVICE_STOPPED);
 }
 
-}  // namespace
+} // namespace
 
-int WINAPI wWinMain(HINSTANCE, HINSTANCE, wchar_t* commandLine, int) {
+int WINAPI wWinMain(HINSTANCE, HINSTANCE, wchar_t* commandLine, int)
+{
     g_isService = std::wcsstr(commandLine, L"-service") != nullptr;
     g_stop = CreateEventW(nullptr, TRUE, FALSE, nullptr);
     CoInitializeEx(nullptr, COINIT_MULTITHREADED);
     CoInitializeSecurity(nullptr, -1, nullptr, nullptr, RPC_C_AUTHN_LEVEL_PKT, RPC_C_IMP_LEVEL_IMPERSONATE, nullptr,
                          EOAC_NONE, nullptr);
-    if (g_isService) {
+    if (g_isService)
+    {
         wchar_t name[] = BENCH_IDLE_SERVICE;
         const SERVICE_TABLE_ENTRYW table[] = {{name, ServiceMain}, {nullptr, nullptr}};
         StartServiceCtrlDispatcherW(table);
-    } else {
+    }
+    else
+    {
         Serve();
     }
     CoUninitialize();

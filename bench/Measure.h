@@ -7,7 +7,8 @@
 #include <utility>
 #include <vector>
 
-class Samples {
+class Samples
+{
 public:
     void Add(std::int64_t nanoseconds) { m_values.push_back(nanoseconds); }
     [[nodiscard]] std::size_t Count() const noexcept { return m_values.size(); }

@@ -10,36 +10,48 @@
 #include "bench/IdleServer.h"
 #include "bench/Measure.h"
 
-namespace {
+namespace
+{
 
 constexpr int kStateTimeoutMs = 60'000;
 
-bool WaitForState(SC_HANDLE service, DWORD wanted) {
+bool WaitForState(SC_HANDLE service, DWORD wanted)
+{
     const std::int64_t limit = NowNanoseconds() + std::int64_t{kStateTimeoutMs} * 1'000'000;
-    for (;;) {
+    for (;;)
+    {
         SERVICE_STATUS status{};
-        if (!QueryServiceStatus(service, &status)) return false;
-        if (status.dwCurrentState == wanted) return true;
-        if (NowNanoseconds() > limit) return false;
+        if (!QueryServiceStatus(service, &status))
+            return false;
+        if (status.dwCurrentState == wanted)
+            return true;
+        if (NowNanoseconds() > limit)
+            return false;
         Sleep(1);
     }
 }
 
 // Nanoseconds, or -1 if the service did not come up.
-std::int64_t TimeStart(SC_HANDLE service) {
+std::int64_t TimeStart(SC_HANDLE service)
+{
     const std::int64_t start = NowNanoseconds();
-    if (!StartServiceW(service, 0, nullptr)) return -1;
-    if (!WaitForState(service, SERVICE_RUNNING)) return -1;
+    if (!StartServiceW(service, 0, nullptr))
+        return -1;
+    if (!WaitForState(service, SERVICE_RUNNING))
+        return -1;
     return NowNanoseconds() - start;
 }
 
-bool StopService(SC_HANDLE service) {
+bool StopService(SC_HANDLE service)
+{
     SERVICE_STATUS status{};
-    if (!ControlService(service, SERVICE_CONTROL_STOP, &status) && GetLastError() != ERROR_SERVICE_NOT_ACTIVE) return false;
+    if (!ControlService(service, SERVICE_CONTROL_STOP, &status) && GetLastError() != ERROR_SERVICE_NOT_ACTIVE)
+        return false;
     return WaitForState(service, SERVICE_STOPPED);
 }
 
-std::wstring IdleServerCommand() {
+std::wstring IdleServerCommand()
+{
     wchar_t path[MAX_PATH] = {};
     GetModuleFileNameW(nullptr, path, MAX_PATH);
     std::wstring folder = path;
@@ -47,20 +59,25 @@ std::wstring IdleServerCommand() {
     return L"\"" + folder + L"BenchIdleServer.exe\" -service";
 }
 
-}  // namespace
+} // namespace
 
-int RunStartBench(int rounds) {
+int RunStartBench(int rounds)
+{
     const UniqueServiceHandle manager{OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS)};
-    if (!manager) return 1;
+    if (!manager)
+        return 1;
     UniqueServiceHandle idle{OpenServiceW(manager.get(), BENCH_IDLE_SERVICE, SERVICE_ALL_ACCESS)};
-    if (!idle) {
+    if (!idle)
+    {
         const std::wstring command = IdleServerCommand();
-        idle = UniqueServiceHandle{CreateServiceW(manager.get(), BENCH_IDLE_SERVICE, BENCH_IDLE_SERVICE, SERVICE_ALL_ACCESS,
-                                                  SERVICE_WIN32_OWN_PROCESS, SERVICE_DEMAND_START, SERVICE_ERROR_NORMAL,
-                                                  command.c_str(), nullptr, nullptr, L"RPCSS\0", nullptr, nullptr)};
+        idle = UniqueServiceHandle{CreateServiceW(manager.get(), BENCH_IDLE_SERVICE, BENCH_IDLE_SERVICE,
+                                                  SERVICE_ALL_ACCESS, SERVICE_WIN32_OWN_PROCESS, SERVICE_DEMAND_START,
+                                                  SERVICE_ERROR_NORMAL, command.c_str(), nullptr, nullptr, L"RPCSS\0",
+                                                  nullptr, nullptr)};
     }
     const UniqueServiceHandle product{OpenServiceW(manager.get(), L"Halcyd", SERVICE_ALL_ACCESS)};
-    if (!idle || !product) {
+    if (!idle || !product)
+    {
         std::fprintf(stderr, "a service is missing: is the product registered?\n");
         return 1;
     }
@@ -68,20 +85,24 @@ int RunStartBench(int rounds) {
     Samples idleTimes;
     Samples productTimes;
     bool good = true;
-    for (int i = -1; i < rounds && good; ++i) {
+    for (int i = -1; i < rounds && good; ++i)
+    {
         const std::int64_t idleTime = TimeStart(idle.get());
         good = idleTime >= 0 && StopService(idle.get());
         const std::int64_t productTime = good ? TimeStart(product.get()) : -1;
         good = good && productTime >= 0 && StopService(product.get());
-        if (!good || i < 0) continue;  // the first round warms the caches
+        if (!good || i < 0)
+            continue; // the first round warms the caches
         idleTimes.Add(idleTime);
         productTimes.Add(productTime);
     }
     DeleteService(idle.get());
-    if (!good) {
+    if (!good)
+    {
         std::fprintf(stderr, "a service did not start or stop in time\n");
         return 1;
     }
-    PrintResult("start", {{"idle_p50_ns", idleTimes.Percentile(0.5)}, {"product_p50_ns", productTimes.Percentile(0.5)}});
+    PrintResult("start",
+                {{"idle_p50_ns", idleTimes.Percentile(0.5)}, {"product_p50_ns", productTimes.Percentile(0.5)}});
     return 0;
 }

@@ -1,0 +1,115 @@
+#include "tests/support/Processes.h"
+
+#include <tlhelp32.h>
+
+#include <cwchar>
+#include <thread>
+
+namespace
+{
+
+std::string ReadAll(HANDLE pipe)
+{
+    std::string text;
+    char buffer[4096];
+    DWORD read = 0;
+    while (ReadFile(pipe, buffer, sizeof buffer, &read, nullptr) && read > 0)
+        text.append(buffer, read);
+    return text;
+}
+
+bool Launch(const std::wstring& commandLine, HANDLE output, PROCESS_INFORMATION& process)
+{
+    STARTUPINFOW startup{};
+    startup.cb = sizeof startup;
+    if (output != nullptr)
+    {
+        startup.dwFlags = STARTF_USESTDHANDLES;
+        startup.hStdOutput = output;
+        startup.hStdError = output;
+    }
+    std::wstring line = commandLine; // CreateProcessW may write into it
+    return CreateProcessW(nullptr, line.data(), nullptr, nullptr, output != nullptr, CREATE_NO_WINDOW, nullptr, nullptr,
+                          &startup, &process) != FALSE;
+}
+
+} // namespace
+
+FinishedProcess RunProcess(const std::wstring& commandLine, DWORD timeoutMs)
+{
+    FinishedProcess result;
+    SECURITY_ATTRIBUTES inherit{sizeof inherit, nullptr, TRUE};
+    HANDLE readEnd = nullptr;
+    HANDLE writeEnd = nullptr;
+    if (!CreatePipe(&readEnd, &writeEnd, &inherit, 0))
+        return result;
+    const UniqueHandle reading{readEnd};
+    UniqueHandle writing{writeEnd};
+    SetHandleInformation(readEnd, HANDLE_FLAG_INHERIT, 0);
+    PROCESS_INFORMATION info{};
+    if (!Launch(commandLine, writeEnd, info))
+        return result;
+    writing.reset();
+    const UniqueHandle process{info.hProcess};
+    const UniqueHandle thread{info.hThread};
+    result.started = true;
+    std::thread reader([&] { result.output = ReadAll(readEnd); });
+    if (WaitForSingleObject(process.get(), timeoutMs) != WAIT_OBJECT_0)
+    {
+        result.timedOut = true;
+        TerminateProcess(process.get(), 0xDEAD);
+        WaitForSingleObject(process.get(), INFINITE);
+    }
+    reader.join();
+    GetExitCodeProcess(process.get(), &result.exitCode);
+    return result;
+}
+
+UniqueHandle StartProcess(const std::wstring& commandLine, DWORD* processId)
+{
+    PROCESS_INFORMATION info{};
+    if (!Launch(commandLine, nullptr, info))
+        return UniqueHandle{};
+    const UniqueHandle thread{info.hThread};
+    if (processId != nullptr)
+        *processId = info.dwProcessId;
+    return UniqueHandle{info.hProcess};
+}
+
+std::vector<DWORD> FindProcesses(const std::wstring& executableName)
+{
+    std::vector<DWORD> ids;
+    const UniqueHandle snapshot{CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0)};
+    if (!snapshot)
+        return ids;
+    PROCESSENTRY32W entry{};
+    entry.dwSize = sizeof entry;
+    for (BOOL more = Process32FirstW(snapshot.get(), &entry); more; more = Process32NextW(snapshot.get(), &entry))
+    {
+        if (_wcsicmp(entry.szExeFile, executableName.c_str()) == 0)
+            ids.push_back(entry.th32ProcessID);
+    }
+    return ids;
+}
+
+bool KillProcess(DWORD processId)
+{
+    const UniqueHandle process{OpenProcess(PROCESS_TERMINATE | SYNCHRONIZE, FALSE, processId)};
+    if (!process || !TerminateProcess(process.get(), 0xDEAD))
+        return false;
+    return WaitForSingleObject(process.get(), 30'000) == WAIT_OBJECT_0;
+}
+
+DWORD HandleCount(DWORD processId)
+{
+    const UniqueHandle process{OpenProcess(PROCESS_QUERY_INFORMATION, FALSE, processId)};
+    DWORD count = 0;
+    if (!process || !GetProcessHandleCount(process.get(), &count))
+        return 0;
+    return count;
+}
+
+std::wstring ProductFolder()
+{
+    return L"C:\\Program Files\\Halcyd\\";
+}
