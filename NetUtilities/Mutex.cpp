@@ -193,8 +193,14 @@ void RecursiveMutex::AssertHeld() const noexcept
 
 void ConditionVariable::Wait(PlainMutex& mutex) noexcept
 {
+    WaitFor(mutex, INFINITE);
+}
+
+bool ConditionVariable::WaitFor(PlainMutex& mutex, DWORD milliseconds) noexcept
+{
     // The owner mark goes away for as long as the platform holds the lock released.
     mutex.owner.store(0, std::memory_order_relaxed);
-    SleepConditionVariableSRW(&condition, &mutex.lock, INFINITE, 0);
+    const bool woken = SleepConditionVariableSRW(&condition, &mutex.lock, milliseconds, 0) != FALSE;
     mutex.owner.store(GetCurrentThreadId(), std::memory_order_relaxed);
+    return woken;
 }

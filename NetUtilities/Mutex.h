@@ -169,6 +169,8 @@ public:
 
     // Releases the mutex, waits for a wake-up, takes the mutex again.
     void Wait(PlainMutex& mutex) noexcept REQUIRES(mutex);
+    // The same with a limit in milliseconds (INFINITE for none); false once the limit has passed.
+    bool WaitFor(PlainMutex& mutex, DWORD milliseconds) noexcept REQUIRES(mutex);
     void WakeOne() noexcept { WakeConditionVariable(&condition); }
     void WakeAll() noexcept { WakeAllConditionVariable(&condition); }
 
