@@ -11,7 +11,7 @@ target_compile_options(halcyd_options INTERFACE
   $<$<COMPILE_LANG_AND_ID:CXX,Clang>:-Wthread-safety;-Wno-missing-braces>)
 target_compile_definitions(halcyd_options INTERFACE
   $<$<CONFIG:Release>:_FORTIFY_SOURCE=2> _GLIBCXX_ASSERTIONS)
-target_link_options(halcyd_options INTERFACE -static -municode)
+target_link_options(halcyd_options INTERFACE -static -municode -fstack-protector-strong)
 
 if(CMAKE_BUILD_TYPE STREQUAL "Release")
   # -O2 everywhere; assert() stays out of the shipped binary, _GLIBCXX_ASSERTIONS stays in.
