@@ -11,13 +11,8 @@
 #include <string>
 #include <string_view>
 
+#include "Halcyd/ComPointer.h"
 #include "NetUtilities/Mutex.h"
-
-_COM_SMARTPTR_TYPEDEF(INetCfg, __uuidof(INetCfg));
-_COM_SMARTPTR_TYPEDEF(INetCfgLock, __uuidof(INetCfgLock));
-_COM_SMARTPTR_TYPEDEF(INetCfgComponent, __uuidof(INetCfgComponent));
-_COM_SMARTPTR_TYPEDEF(INetCfgBindingPath, __uuidof(INetCfgBindingPath));
-_COM_SMARTPTR_TYPEDEF(IEnumNetCfgBindingPath, __uuidof(IEnumNetCfgBindingPath));
 
 // One interface in the Global Interface Table, from which any thread of the process fetches a pointer that it can use.
 // Owns the table entry, by its cookie; 0 when empty. The cookie may be read while another thread changes it.
@@ -43,12 +38,12 @@ private:
     std::atomic<DWORD> cookie{0};
 };
 
-// A session: Initialize, then DisableBindings or RestoreBindings, then Close. One thread may open it and another one use
-// and close it, each with COM initialised for the multithreaded apartment.
+// A session: Initialize, then DisableBindings or RestoreBindings, then Close. One thread may open it and another one
+// use and close it, each with COM initialised for the multithreaded apartment.
 //
 // DisableBindings and RestoreBindings exclude each other. Initialize and Close take no lock: whoever owns the session
-// keeps them apart. Initialize can take ten seconds and more, and DisableBindings and RestoreBindings wait for the engine:
-// none of them belongs on a thread that serves events.
+// keeps them apart. Initialize can take ten seconds and more, and DisableBindings and RestoreBindings wait for the
+// engine: none of them belongs on a thread that serves events.
 class AdapterConfig
 {
 public:
@@ -58,9 +53,9 @@ public:
     AdapterConfig& operator=(const AdapterConfig&) = delete;
 
     // Opens the session. With `bWriteLock` not 0 it takes the engine's write lock under the name `clientDescription`,
-    // looking up to 11 times with a second between; without a lock interface it goes on without a lock. Returns 0, or the
-    // failure, also the positive 1 when the wait for the lock ran out: test for non-zero. `lockHolder` receives the name
-    // of the program that has the lock, when there is one. A failure leaves entries that only Close takes away.
+    // looking up to 11 times with a second between; without a lock interface it goes on without a lock. Returns 0, or
+    // the failure, also the positive 1 when the wait for the lock ran out: test for non-zero. `lockHolder` receives the
+    // name of the program that has the lock, when there is one. A failure leaves entries that only Close takes away.
     // Raises _com_error when an interface cannot be put into the Global Interface Table.
     HRESULT Initialize(int bWriteLock, const wchar_t* clientDescription, std::wstring& lockHolder);
 
@@ -87,8 +82,8 @@ public:
 private:
     HRESULT CreateINetCfg(INetCfg** out);
     HRESULT CreateINetCfgLock(INetCfg* config, INetCfgLock** out);
-    INetCfgPtr CurrentINetCfg() const;
-    INetCfgLockPtr CurrentINetCfgLock(INetCfg* config);
+    ComPointer<INetCfg> CurrentINetCfg() const;
+    ComPointer<INetCfgLock> CurrentINetCfgLock(INetCfg* config);
     HRESULT AcquireLockWithRetries(INetCfgLock* lock, const wchar_t* clientDescription, std::wstring& lockHolder);
     HRESULT LookAtLockOnce(INetCfgLock* lock, const wchar_t* clientDescription, std::wstring& lockHolder);
     HRESULT ReleaseLock(INetCfg* config);
@@ -99,7 +94,7 @@ private:
                        int bPppDevice);
     void RestoreProtocol(std::wstring_view protocolId);
     HRESULT GetBindPath(std::wstring_view protocolId, const std::wstring& lowerComponentGuid,
-                        INetCfgBindingPathPtr& path, std::wstring& lowerComponentId);
+                        ComPointer<INetCfgBindingPath>& path, std::wstring& lowerComponentId);
 
     GlobalInterfaceEntry INetCfgGIT{__uuidof(INetCfg)};
     GlobalInterfaceEntry INetCfgLockGIT{__uuidof(INetCfgLock)};

@@ -9,10 +9,6 @@
 #include "NetUtilities/RegistryKey.h"
 #include "NetUtilities/Trace.h"
 
-_COM_SMARTPTR_TYPEDEF(INetCfgComponentBindings, __uuidof(INetCfgComponentBindings));
-_COM_SMARTPTR_TYPEDEF(INetCfgBindingInterface, __uuidof(INetCfgBindingInterface));
-_COM_SMARTPTR_TYPEDEF(IEnumNetCfgBindingInterface, __uuidof(IEnumNetCfgBindingInterface));
-
 namespace
 {
 constexpr Log::Source Source = Log::Source::ConfigServer;
@@ -48,10 +44,10 @@ std::wstring DisplayName(INetCfgComponent* component)
 }
 
 // The paths below a protocol, from the first one. Null when they cannot be enumerated.
-IEnumNetCfgBindingPathPtr PathsBelow(INetCfgComponent* protocol)
+ComPointer<IEnumNetCfgBindingPath> PathsBelow(INetCfgComponent* protocol)
 {
-    INetCfgComponentBindingsPtr bindings;
-    IEnumNetCfgBindingPathPtr paths;
+    ComPointer<INetCfgComponentBindings> bindings;
+    ComPointer<IEnumNetCfgBindingPath> paths;
     if (FAILED(protocol->QueryInterface(__uuidof(INetCfgComponentBindings), reinterpret_cast<void**>(&bindings))) ||
         FAILED(bindings->EnumBindingPaths(EBP_BELOW, &paths)) || paths == nullptr)
     {
@@ -62,19 +58,19 @@ IEnumNetCfgBindingPathPtr PathsBelow(INetCfgComponent* protocol)
 }
 
 // The lower component of the path's last interface that has one; null when none has, or the path has no interfaces.
-INetCfgComponentPtr LowerComponent(INetCfgBindingPath* path)
+ComPointer<INetCfgComponent> LowerComponent(INetCfgBindingPath* path)
 {
-    IEnumNetCfgBindingInterfacePtr interfaces;
-    INetCfgComponentPtr lower;
+    ComPointer<IEnumNetCfgBindingInterface> interfaces;
+    ComPointer<INetCfgComponent> lower;
     if (FAILED(path->EnumBindingInterfaces(&interfaces)) || interfaces == nullptr)
     {
         return lower;
     }
-    INetCfgBindingInterfacePtr step;
+    ComPointer<INetCfgBindingInterface> step;
     ULONG fetched = 0;
     while (interfaces->Next(1, &step, &fetched) == S_OK && step != nullptr)
     {
-        INetCfgComponentPtr component;
+        ComPointer<INetCfgComponent> component;
         if (SUCCEEDED(step->GetLowerComponent(&component)) && component != nullptr)
         {
             lower = component;
@@ -134,7 +130,7 @@ HRESULT AdapterConfig::DisableBindings(const wchar_t* adapterNotToUnbind, int bP
     const std::clock_t start = std::clock();
     const std::wstring adapter = TextOrEmpty(adapterNotToUnbind);
     HRESULT result = S_OK;
-    INetCfgPtr config = CurrentINetCfg();
+    ComPointer<INetCfg> config = CurrentINetCfg();
     if (config != nullptr)
     {
         LogFormat(Source, 4, L"adapter to not unbind: {}", adapter);
@@ -165,7 +161,7 @@ void AdapterConfig::DisableProtocol(INetCfg* config, std::wstring_view protocolI
         LogMessage(Source, 4, L"don't disable any NDISWAN bindings for PPP devices");
         return;
     }
-    INetCfgComponentPtr protocol;
+    ComPointer<INetCfgComponent> protocol;
     // A protocol that the machine does not have is normal. S_FALSE comes without a component.
     if (FAILED(config->FindComponent(std::wstring(protocolId).c_str(), &protocol)) || protocol == nullptr)
     {
@@ -173,8 +169,8 @@ void AdapterConfig::DisableProtocol(INetCfg* config, std::wstring_view protocolI
     }
     LogFormat(Source, 4, L"{}:", DisplayName(protocol));
     LogMessage(Source, 4, Line);
-    const IEnumNetCfgBindingPathPtr paths = PathsBelow(protocol);
-    INetCfgBindingPathPtr path;
+    const ComPointer<IEnumNetCfgBindingPath> paths = PathsBelow(protocol);
+    ComPointer<INetCfgBindingPath> path;
     ULONG fetched = 0;
     while (paths != nullptr && paths->Next(1, &path, &fetched) == S_OK && path != nullptr)
     {
@@ -186,7 +182,7 @@ void AdapterConfig::DisableProtocol(INetCfg* config, std::wstring_view protocolI
 void AdapterConfig::ApplyPathRule(INetCfgBindingPath* path, std::wstring_view protocolId,
                                   std::wstring_view adapterNotToUnbind, int bPppDevice)
 {
-    const INetCfgComponentPtr lower = LowerComponent(path);
+    const ComPointer<INetCfgComponent> lower = LowerComponent(path);
     if (lower == nullptr)
     {
         return;
@@ -219,7 +215,7 @@ HRESULT AdapterConfig::RestoreBindings()
     const LockGuard guard(&bindingsMutex);
     const std::clock_t start = std::clock();
     HRESULT result = S_OK;
-    INetCfgPtr config = CurrentINetCfg();
+    ComPointer<INetCfg> config = CurrentINetCfg();
     if (config != nullptr)
     {
         for (const std::wstring_view protocolId : BindingRules::ComponentIds)
@@ -230,7 +226,8 @@ HRESULT AdapterConfig::RestoreBindings()
         if (FAILED(result))
         {
             // The record stays for a later attempt.
-            LogErrorSource(Source, static_cast<std::uint32_t>(result), L"\nfailed to apply the INetCfg network changes");
+            LogErrorSource(Source, static_cast<std::uint32_t>(result),
+                           L"\nfailed to apply the INetCfg network changes");
         }
         else
         {
@@ -263,7 +260,7 @@ void AdapterConfig::RestoreProtocol(std::wstring_view protocolId)
             continue;
         }
         LogMessage(Source, 4, L"\tbinding was disabled by QRL");
-        INetCfgBindingPathPtr path;
+        ComPointer<INetCfgBindingPath> path;
         std::wstring lowerComponentId;
         if (GetBindPath(protocolId, guid, path, lowerComponentId) != S_OK || path == nullptr)
         {
@@ -283,26 +280,26 @@ void AdapterConfig::RestoreProtocol(std::wstring_view protocolId)
 }
 
 HRESULT AdapterConfig::GetBindPath(std::wstring_view protocolId, const std::wstring& lowerComponentGuid,
-                                   INetCfgBindingPathPtr& path, std::wstring& lowerComponentId)
+                                   ComPointer<INetCfgBindingPath>& path, std::wstring& lowerComponentId)
 {
     path = nullptr;
     lowerComponentId.clear();
-    INetCfgPtr config = CurrentINetCfg();
+    ComPointer<INetCfg> config = CurrentINetCfg();
     if (config == nullptr)
     {
         return E_POINTER;
     }
-    INetCfgComponentPtr protocol;
+    ComPointer<INetCfgComponent> protocol;
     HRESULT result = config->FindComponent(std::wstring(protocolId).c_str(), &protocol);
     if (result == S_OK && protocol != nullptr)
     {
-        const IEnumNetCfgBindingPathPtr paths = PathsBelow(protocol);
-        INetCfgBindingPathPtr candidate;
+        const ComPointer<IEnumNetCfgBindingPath> paths = PathsBelow(protocol);
+        ComPointer<INetCfgBindingPath> candidate;
         ULONG fetched = 0;
         result = E_FAIL;
         while (paths != nullptr && (result = paths->Next(1, &candidate, &fetched)) == S_OK && candidate != nullptr)
         {
-            const INetCfgComponentPtr lower = LowerComponent(candidate);
+            const ComPointer<INetCfgComponent> lower = LowerComponent(candidate);
             if (lower != nullptr && InstanceGuid(lower) == lowerComponentGuid)
             {
                 lowerComponentId = ComponentId(lower);

@@ -9,8 +9,6 @@
 #include "NetUtilities/Handles.h"
 #include "NetUtilities/Trace.h"
 
-_COM_SMARTPTR_TYPEDEF(IGlobalInterfaceTable, __uuidof(IGlobalInterfaceTable));
-
 namespace
 {
 constexpr Log::Source Source = Log::Source::ConfigServer;
@@ -20,18 +18,18 @@ constexpr DWORD RetryPauseMilliseconds = 1000;
 constexpr int MaximumRetries = 10;
 
 // Made anew for each use: it is the one table of the process behind every pointer.
-IGlobalInterfaceTablePtr InterfaceTable()
+ComPointer<IGlobalInterfaceTable> InterfaceTable()
 {
-    IGlobalInterfaceTablePtr table;
+    ComPointer<IGlobalInterfaceTable> table;
     const HRESULT result = table.CreateInstance(CLSID_StdGlobalInterfaceTable, nullptr, CLSCTX_INPROC_SERVER);
-    return SUCCEEDED(result) ? table : IGlobalInterfaceTablePtr();
+    return SUCCEEDED(result) ? table : ComPointer<IGlobalInterfaceTable>();
 }
 } // namespace
 
 void GlobalInterfaceEntry::Register(IUnknown* object)
 {
     Revoke();
-    const IGlobalInterfaceTablePtr table = InterfaceTable();
+    const ComPointer<IGlobalInterfaceTable> table = InterfaceTable();
     DWORD added = 0;
     const HRESULT result = table != nullptr ? table->RegisterInterfaceInGlobal(object, iid, &added) : E_NOINTERFACE;
     if (FAILED(result))
@@ -49,7 +47,7 @@ HRESULT GlobalInterfaceEntry::Fetch(void** out) const
     {
         return S_FALSE;
     }
-    const IGlobalInterfaceTablePtr table = InterfaceTable();
+    const ComPointer<IGlobalInterfaceTable> table = InterfaceTable();
     return table != nullptr ? table->GetInterfaceFromGlobal(current, iid, out) : E_NOINTERFACE;
 }
 
@@ -60,7 +58,7 @@ void GlobalInterfaceEntry::Revoke() noexcept
     {
         return;
     }
-    const IGlobalInterfaceTablePtr table = InterfaceTable();
+    const ComPointer<IGlobalInterfaceTable> table = InterfaceTable();
     if (table != nullptr && SUCCEEDED(table->RevokeInterfaceFromGlobal(current)))
     {
         cookie = 0;
@@ -75,7 +73,7 @@ AdapterConfig::~AdapterConfig()
 HRESULT AdapterConfig::CreateINetCfg(INetCfg** out)
 {
     *out = nullptr;
-    INetCfgPtr config;
+    ComPointer<INetCfg> config;
     const HRESULT result = config.CreateInstance(CLSID_CNetCfg, nullptr, CLSCTX_INPROC_SERVER);
     if (FAILED(result))
     {
@@ -93,7 +91,7 @@ HRESULT AdapterConfig::CreateINetCfgLock(INetCfg* config, INetCfgLock** out)
     {
         return E_POINTER;
     }
-    INetCfgLockPtr lock;
+    ComPointer<INetCfgLock> lock;
     const HRESULT result = config->QueryInterface(__uuidof(INetCfgLock), reinterpret_cast<void**>(&lock));
     if (FAILED(result))
     {
@@ -104,9 +102,9 @@ HRESULT AdapterConfig::CreateINetCfgLock(INetCfg* config, INetCfgLock** out)
     return S_OK;
 }
 
-INetCfgPtr AdapterConfig::CurrentINetCfg() const
+ComPointer<INetCfg> AdapterConfig::CurrentINetCfg() const
 {
-    INetCfgPtr config;
+    ComPointer<INetCfg> config;
     const HRESULT result = INetCfgGIT.Fetch(reinterpret_cast<void**>(&config));
     if (FAILED(result))
     {
@@ -116,12 +114,12 @@ INetCfgPtr AdapterConfig::CurrentINetCfg() const
     return config;
 }
 
-INetCfgLockPtr AdapterConfig::CurrentINetCfgLock(INetCfg* config)
+ComPointer<INetCfgLock> AdapterConfig::CurrentINetCfgLock(INetCfg* config)
 {
-    INetCfgLockPtr lock;
+    ComPointer<INetCfgLock> lock;
     if (INetCfgLockGIT.Cookie() == 0)
     {
-        return SUCCEEDED(CreateINetCfgLock(config, &lock)) ? lock : INetCfgLockPtr();
+        return SUCCEEDED(CreateINetCfgLock(config, &lock)) ? lock : ComPointer<INetCfgLock>();
     }
     const HRESULT result = INetCfgLockGIT.Fetch(reinterpret_cast<void**>(&lock));
     if (FAILED(result))
@@ -136,8 +134,8 @@ HRESULT AdapterConfig::Initialize(int bWriteLock, const wchar_t* clientDescripti
 {
     const ScopeTrace scope{Source, ScopeFlag};
     HRESULT result = S_OK;
-    INetCfgPtr config = CurrentINetCfg();
-    INetCfgLockPtr lock;
+    ComPointer<INetCfg> config = CurrentINetCfg();
+    ComPointer<INetCfgLock> lock;
     if (config == nullptr)
     {
         LogMessage(Source, 4, L"no current INetCfg object, need to create it");
@@ -170,7 +168,8 @@ HRESULT AdapterConfig::Initialize(int bWriteLock, const wchar_t* clientDescripti
             {
                 LogErrorSource(Source, static_cast<std::uint32_t>(result),
                                L"failed to initialize INetCfg, must release the INetCfgLock WriteLock");
-                // Required: the flag keeps its value here, though the lock is gone. Close then tries to release it again.
+                // Required: the flag keeps its value here, though the lock is gone. Close then tries to release it
+                // again.
                 static_cast<void>(lock->ReleaseWriteLock());
             }
         }
@@ -252,7 +251,7 @@ HRESULT AdapterConfig::Close()
 {
     const ScopeTrace scope{Source, ScopeFlag};
     HRESULT result = S_OK;
-    INetCfgPtr config = CurrentINetCfg();
+    ComPointer<INetCfg> config = CurrentINetCfg();
     if (config == nullptr)
     {
         LogMessage(Source, 3, L"INetCfg interface is NULL");
@@ -282,7 +281,7 @@ HRESULT AdapterConfig::Close()
 
 HRESULT AdapterConfig::ReleaseLock(INetCfg* config)
 {
-    INetCfgLockPtr lock = CurrentINetCfgLock(config);
+    ComPointer<INetCfgLock> lock = CurrentINetCfgLock(config);
     if (lock == nullptr)
     {
         LogMessage(Source, 2, L"INetCfg could not get INetCfgLock interface(Close)");

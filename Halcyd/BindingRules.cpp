@@ -34,8 +34,8 @@ PathDecision DecidePath(const PathFacts& facts, std::wstring_view adapterNotToUn
     }
     if (isExcepted(facts.componentId))
     {
-        return LeaveAlone(FormatText(L"\t{} is in the exception list...it's binding will not be disabled",
-                                     facts.componentId));
+        return LeaveAlone(
+            FormatText(L"\t{} is in the exception list...it's binding will not be disabled", facts.componentId));
     }
     return {PathAction::Disable, {}};
 }

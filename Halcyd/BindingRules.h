@@ -15,8 +15,7 @@ namespace BindingRules
 inline constexpr std::array<std::wstring_view, 3> ComponentIds{L"ms_tcpip6", L"ms_tcpip", L"ms_ndiswan"};
 
 // Below HKEY_LOCAL_MACHINE. Ends in a backslash: a protocol's id is appended as it is.
-inline constexpr std::wstring_view RootKey =
-    L"SOFTWARE\\QRLS\\Sorvane\\AdapterControl\\MultiHomingPrevention\\";
+inline constexpr std::wstring_view RootKey = L"SOFTWARE\\QRLS\\Sorvane\\AdapterControl\\MultiHomingPrevention\\";
 inline constexpr std::wstring_view ExceptionListValue = L"ExceptionList";
 inline constexpr std::wstring_view DisabledValue = L"BindingDisabledByQRL";
 
@@ -31,9 +30,9 @@ inline std::wstring RecordKey(std::wstring_view protocolId, std::wstring_view lo
 // What the engine says of the component below a path.
 struct PathFacts
 {
-    bool disabled = false;         // IsEnabled gave S_FALSE
-    std::wstring componentId;      // lower component's id
-    std::wstring componentGuid;    // its instance GUID, as StringFromCLSID prints it
+    bool disabled = false;      // IsEnabled gave S_FALSE
+    std::wstring componentId;   // lower component's id
+    std::wstring componentGuid; // its instance GUID, as StringFromCLSID prints it
     std::wstring displayName;
 };
 

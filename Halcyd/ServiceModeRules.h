@@ -24,9 +24,8 @@ enum class ModeAction
 
 inline bool EqualIgnoringLatinCase(std::wstring_view left, std::wstring_view right)
 {
-    const auto lower = [](wchar_t character) {
-        return character >= L'A' && character <= L'Z' ? static_cast<wchar_t>(character - L'A' + L'a') : character;
-    };
+    const auto lower = [](wchar_t character)
+    { return character >= L'A' && character <= L'Z' ? static_cast<wchar_t>(character - L'A' + L'a') : character; };
     if (left.size() != right.size())
     {
         return false;
