@@ -132,6 +132,11 @@ Events EventCursor::Next(std::uint32_t milliseconds, void* stop)
     return events;
 }
 
+std::uint64_t Machine::LastEvent() const noexcept
+{
+    return m_impl->shared->eventCount.load();
+}
+
 void Machine::Raise(Events events)
 {
     {

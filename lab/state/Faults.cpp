@@ -12,9 +12,11 @@ constexpr std::string_view driverCall = "QueryOid";
 
 bool Matches(std::string_view pattern, std::string_view call) noexcept
 {
-    if (!pattern.empty() && pattern.back() == '*') {
+    if (!pattern.empty() && pattern.back() == '*' && !call.empty()) {
+        // A detailed name goes with its general one, which the pattern has counted already.
         pattern.remove_suffix(1);
-        return call.substr(0, pattern.size()) == pattern;
+        const bool isDetail = call.back() == ')' && pattern.find('(') == std::string_view::npos;
+        return !isDetail && call.substr(0, pattern.size()) == pattern;
     }
     return call == pattern;
 }
@@ -50,6 +52,27 @@ std::optional<std::uint32_t> Machine::Fault(std::string_view call) noexcept
         Sleep(delay);
     }
     return code;
+}
+
+std::optional<std::uint32_t> Machine::Fault(std::string_view call, std::string_view detail) noexcept
+try {
+    if (m_impl->shared->ruleCount.load(std::memory_order_acquire) == 0) {
+        return std::nullopt;
+    }
+    std::string exact{call};
+    exact.append("(").append(detail).append(")");
+    const auto general = Fault(call);
+    const auto special = Fault(exact);
+    return general ? general : special;
+} catch (const std::bad_alloc&) {
+    return std::nullopt;
+}
+
+std::optional<std::uint32_t> Call::Fault(const wchar_t* detail) noexcept
+try {
+    return m_machine.Fault(m_name, Utf8(detail));
+} catch (const std::bad_alloc&) {
+    return std::nullopt;
 }
 
 void Machine::Impl::AddDriverFault(const FaultRule& rule)

@@ -104,6 +104,7 @@ public:
     std::uint64_t Update(const std::function<void(Json& state, Events& events)>& change);
     void Raise(Events events);
     [[nodiscard]] EventCursor Listen(); // from now on
+    [[nodiscard]] std::uint64_t LastEvent() const noexcept; // its "seq"; 0 if there was none
 
     // Journal. `arguments` and `out` are objects (or null for none).
     [[nodiscard]] bool JournalOn() const noexcept;
@@ -115,7 +116,9 @@ public:
 
     // Faults. Fault() counts the call in every rule that matches, waits the delay if one applies, and returns the code
     // to fail with, if any.
+    // A rule may also name a detail: Fault("A::B", "x") counts in the rules for "A::B" and for "A::B(x)".
     [[nodiscard]] std::optional<std::uint32_t> Fault(std::string_view call) noexcept;
+    [[nodiscard]] std::optional<std::uint32_t> Fault(std::string_view call, std::string_view detail) noexcept;
     void AddFault(const FaultRule& rule);
     [[nodiscard]] std::vector<FaultRule> Faults();
     void ClearFaults();
@@ -157,6 +160,7 @@ public:
     }
     [[nodiscard]] bool Journalled() const noexcept { return m_journal; }
     [[nodiscard]] std::optional<std::uint32_t> Fault() noexcept { return m_machine.Fault(m_name); }
+    [[nodiscard]] std::optional<std::uint32_t> Fault(const wchar_t* detail) noexcept;
 
     template <class T> T Result(T result) noexcept
     {

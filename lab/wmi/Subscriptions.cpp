@@ -1,0 +1,237 @@
+#include "lab/wmi/Subscriptions.h"
+
+#include "lab/state/Handles.h"
+#include "lab/state/Model.h"
+#include "lab/state/Text.h"
+
+#include <algorithm>
+#include <map>
+#include <thread>
+
+namespace lab::wmi {
+
+namespace {
+
+constexpr std::size_t maximumPerIndicate = 32;
+
+struct Subscription {
+    const void* owner;
+    ClassPointer type;
+    std::unique_ptr<Condition> where;
+    std::uint64_t from; // events up to this number came before it
+    bool sendStatus;
+    bool cancelled = false;
+};
+
+Reference<ClassObject> MakeEvent(const ClassPointer& type, const Json& event)
+{
+    std::vector<Value> values(type->properties.size());
+    for (std::size_t i = 0; i < values.size(); ++i) {
+        const PropertyType& property = type->properties[i];
+        if (property.name == L"TIME_CREATED") {
+            values[i] = FromJson(Member(event, "time"), property.type);
+        } else if (property.name == L"Active") {
+            values[i] = true;
+        } else {
+            values[i] = FromJson(Member(event, Utf8(property.name).c_str()), property.type);
+        }
+    }
+    return MakeInstance(Namespace::Wmi, type, std::move(values));
+}
+
+// The thread of one sink, and what the sink asked for.
+class SinkPump : public std::enable_shared_from_this<SinkPump> {
+public:
+    explicit SinkPump(IWbemObjectSink* sink)
+        : m_sink(sink), m_cursor(Machine::Attach().Listen()), m_changed(CreateEventW(nullptr, FALSE, FALSE, nullptr))
+    {
+    }
+
+    void Start()
+    {
+        // The thread's last instructions run in this module: it stays loaded from here on.
+        ++moduleReferences;
+        std::thread([self = shared_from_this()] { self->Run(); }).detach();
+    }
+    void Add(std::unique_ptr<Subscription> subscription)
+    {
+        const std::scoped_lock lock{m_mutex};
+        m_subscriptions.push_back(std::move(subscription));
+    }
+    bool Cancel(const void* owner)
+    {
+        bool any = false;
+        const std::scoped_lock lock{m_mutex};
+        for (const auto& subscription : m_subscriptions) {
+            if (subscription->owner == owner && !subscription->cancelled) {
+                subscription->cancelled = true;
+                any = true;
+            }
+        }
+        SetEvent(m_changed.get());
+        return any;
+    }
+    [[nodiscard]] bool IsIdle()
+    {
+        const std::scoped_lock lock{m_mutex};
+        return m_subscriptions.empty();
+    }
+
+private:
+    using Batch = std::vector<Reference<ClassObject>>;
+
+    void Run();
+    void Deliver(const Events& events);
+    void Indicate(const ClassPointer& type, Batch& batch);
+    void EndCancelled();
+    // The first subscription from `from` on that this event meets, or null. The result stays valid on this thread,
+    // which alone takes subscriptions out.
+    Subscription* Match(const Json& event, const ClassObject& object, std::size_t& from);
+
+    Reference<IWbemObjectSink> m_sink;
+    EventCursor m_cursor;
+    Handle m_changed;
+    std::mutex m_mutex;
+    std::vector<std::unique_ptr<Subscription>> m_subscriptions; // guarded by m_mutex
+};
+
+std::mutex pumpsMutex;
+std::map<IWbemObjectSink*, std::shared_ptr<SinkPump>> pumps; // guarded by pumpsMutex
+
+Subscription* SinkPump::Match(const Json& event, const ClassObject& object, std::size_t& from)
+{
+    const std::scoped_lock lock{m_mutex};
+    const std::uint64_t number = event["seq"].get<std::uint64_t>();
+    for (; from < m_subscriptions.size(); ++from) {
+        Subscription& subscription = *m_subscriptions[from];
+        if (subscription.cancelled || subscription.from >= number ||
+            !EqualNoCase(subscription.type->name, Wide(TextField(event, "type")))) {
+            continue;
+        }
+        if (Meets(subscription.where.get(), [&](std::wstring_view property) { return object.Read(property); })) {
+            ++from;
+            return &subscription;
+        }
+    }
+    return nullptr;
+}
+
+void SinkPump::Deliver(const Events& events)
+{
+    Batch batch;
+    const Subscription* batchOwner = nullptr;
+    ClassPointer batchType;
+    for (const Json& event : events) {
+        if (TextField(event, "channel") != "wmi") {
+            continue;
+        }
+        const ClassPointer type = FindClass(Namespace::Wmi, Wide(TextField(event, "type")));
+        if (type == nullptr) {
+            continue;
+        }
+        const Reference<ClassObject> object = MakeEvent(type, event);
+        std::size_t from = 0;
+        while (Subscription* const subscription = Match(event, *object.get(), from)) {
+            const auto delay = static_cast<DWORD>(NumberField(event, "delayMs", 0));
+            if (subscription != batchOwner || batch.size() >= maximumPerIndicate || delay != 0) {
+                Indicate(batchType, batch);
+                batchOwner = subscription;
+                batchType = type;
+            }
+            if (delay != 0) {
+                Sleep(delay);
+            }
+            for (std::int64_t copies = NumberField(event, "copies", 1); copies > 0; --copies) {
+                batch.push_back(object);
+            }
+        }
+    }
+    Indicate(batchType, batch);
+}
+
+void SinkPump::Indicate(const ClassPointer& type, Batch& batch)
+{
+    if (batch.empty()) {
+        return;
+    }
+    Call call{"IWbemObjectSink::Indicate"};
+    call.Arg("class", type->name.c_str()).Arg("count", batch.size());
+    if (call.Journalled()) {
+        call.Arg("InstanceName", ToJson(batch.front()->Read(L"InstanceName")));
+    }
+    if (const auto code = call.Fault()) { // the events are lost on the way
+        batch.clear();
+        call.Result(*code);
+        return;
+    }
+    std::vector<IWbemClassObject*> objects;
+    for (const Reference<ClassObject>& object : batch) {
+        objects.push_back(object.get());
+    }
+    call.Result(m_sink->Indicate(static_cast<long>(objects.size()), objects.data()));
+    batch.clear();
+}
+
+void SinkPump::EndCancelled()
+{
+    std::vector<std::unique_ptr<Subscription>> ended;
+    {
+        const std::scoped_lock lock{m_mutex};
+        const auto kept = std::stable_partition(m_subscriptions.begin(), m_subscriptions.end(),
+                                                [](const auto& subscription) { return !subscription->cancelled; });
+        std::move(kept, m_subscriptions.end(), std::back_inserter(ended));
+        m_subscriptions.erase(kept, m_subscriptions.end());
+    }
+    for (const auto& subscription : ended) {
+        if (subscription->sendStatus) {
+            Call call{"IWbemObjectSink::SetStatus"};
+            call.Arg("class", subscription->type->name.c_str()).Arg("status", Hex32(static_cast<std::uint32_t>(WBEM_E_CALL_CANCELLED)));
+            call.Result(m_sink->SetStatus(WBEM_STATUS_COMPLETE, WBEM_E_CALL_CANCELLED, nullptr, nullptr));
+        }
+    }
+}
+
+void SinkPump::Run()
+{
+    const bool initialised = SUCCEEDED(CoInitializeEx(nullptr, COINIT_MULTITHREADED));
+    for (;;) {
+        const Events events = m_cursor.Next(INFINITE, m_changed.get());
+        Deliver(events);
+        EndCancelled();
+        const std::scoped_lock lock{pumpsMutex};
+        if (IsIdle()) {
+            pumps.erase(m_sink.get());
+            break;
+        }
+    }
+    m_sink = {};
+    if (initialised) {
+        CoUninitialize();
+    }
+}
+
+} // namespace
+
+void Subscribe(const void* owner, IWbemObjectSink* sink, ClassPointer type, Query query, bool sendStatus)
+{
+    const std::scoped_lock lock{pumpsMutex};
+    std::shared_ptr<SinkPump>& pump = pumps[sink];
+    const bool isNew = pump == nullptr;
+    if (isNew) {
+        pump = std::make_shared<SinkPump>(sink);
+    }
+    pump->Add(std::make_unique<Subscription>(
+        Subscription{owner, std::move(type), std::move(query.where), Machine::Attach().LastEvent(), sendStatus}));
+    if (isNew) {
+        pump->Start();
+    }
+}
+
+bool Cancel(const void* owner, IWbemObjectSink* sink)
+{
+    const std::scoped_lock lock{pumpsMutex};
+    const auto pump = pumps.find(sink);
+    return pump != pumps.end() && pump->second->Cancel(owner);
+}
+
+} // namespace lab::wmi
