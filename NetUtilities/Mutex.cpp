@@ -55,7 +55,7 @@ void Unlocked(LockRank rank) noexcept
 namespace
 {
 // A broken promise to the lock analysis: only debug builds look.
-[[noreturn]] void NotHeld() noexcept
+[[noreturn, maybe_unused]] void NotHeld() noexcept
 {
     std::fputs("a mutex is not held by the thread that says so\n", stderr);
     std::abort();

@@ -92,8 +92,8 @@ public:
     [[nodiscard]] static HKEY RootFromHiveName(std::wstring_view hiveName);
 
 private:
-    DWORD CreateAt(HKEY root, std::wstring displayName, const std::wstring& subkey, REGSAM access, DWORD options);
-    DWORD OpenAt(HKEY root, std::wstring displayName, const std::wstring& subkey, REGSAM access);
+    DWORD CreateAt(HKEY root, std::wstring displayName, std::wstring subkey, REGSAM access, DWORD options);
+    DWORD OpenAt(HKEY root, std::wstring displayName, std::wstring subkey, REGSAM access);
     DWORD ReadEnumNumber(const std::wstring& valueName, std::uint32_t& number);
     DWORD ReportValue(DWORD code, std::wstring_view format, const std::wstring& valueName) const;
     std::byte* ValueBuffer(std::uint32_t size);

@@ -12,6 +12,7 @@
 
 #include <windows.h>
 
+#include <atomic>
 #include <cstdint>
 #include <deque>
 #include <memory>
@@ -113,7 +114,7 @@ private:
     Event doneEvent; // manual-reset, from Start to Stop
     HANDLE threadHandle = nullptr; // a copy, not owned
     PlainMutex lifeLock;
-    bool closing = false; // written under itemsLock
+    std::atomic<bool> closing{false}; // written under itemsLock
     CWorkItemQueueCallback* callback;
     std::unique_ptr<std::thread> thread;
 };
@@ -125,9 +126,14 @@ public:
     SThrdInfo();
     virtual ~SThrdInfo() = default;
     void OnQueueEmpty() override;
+    void SetIdle(BOOL nowIdle) EXCLUDES(lock);
+    [[nodiscard]] BOOL IsIdle() EXCLUDES(lock);
 
+private:
     SimpleMutex lock;
     BOOL idle GUARDED_BY(lock) = TRUE;
+
+public:
     std::unique_ptr<CWorkItemQueue> queue;
 };
 
@@ -152,7 +158,8 @@ public:
     [[nodiscard]] std::uint32_t ThreadCount() EXCLUDES(poolLock);
 
 private:
-    SThrdInfo* AddThread(BOOL idle) REQUIRES(poolLock);
+    SThrdInfo& AddThread() REQUIRES(poolLock);
+    [[nodiscard]] SThrdInfo* ChooseThread() REQUIRES(poolLock);
     template <class StopThread>
     bool StopThreads(StopThread stopThread) EXCLUDES(poolLock);
 
