@@ -3,9 +3,11 @@
 #include <windows.h>
 #include <setupapi.h>
 
+#include <functional>
 #include <list>
 #include <map>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "NetUtilities/Trace.h"
@@ -78,7 +80,28 @@ public:
     bool GetMediaType(void* infoSet, SP_DEVINFO_DATA& data, unsigned long& type);
     bool IsDeviceInterfaceDisabled(unsigned long devInst, bool& disabled);
 
+    // The numbers of the properties that a node takes, by one road or the other.
+    struct PropertyNumbers
+    {
+        unsigned long friendlyName;
+        unsigned long description;
+        unsigned long service;
+        unsigned long className;
+        unsigned long driver;
+        unsigned long manufacturer;
+        unsigned long hardwareIds;
+    };
+
 private:
+    using PropertyReader = std::function<std::list<std::wstring>(unsigned long)>;
+
+    bool IdentityFromParent(unsigned long& current, std::wstring& vid, std::wstring& pid);
+    unsigned long Climb(unsigned long current, const std::wstring& vid, const std::wstring& pid);
+    void FillProperties(DeviceNode& node, const PropertyNumbers& numbers, const PropertyReader& read);
+    void FillNetworkDetails(DeviceNode& node, void* infoSet, SP_DEVINFO_DATA& data);
+    void FillComPort(DeviceNode& node, void* infoSet, SP_DEVINFO_DATA& data);
+    void ReadComPort(DeviceNode& node, HKEY key, const wchar_t* valueName, std::wstring_view failureText);
+
     Log::Source source;
     std::map<std::wstring, DeviceNode::DeviceClass> classes;
 };

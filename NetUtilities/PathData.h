@@ -18,13 +18,13 @@ public:
     [[nodiscard]] static std::shared_ptr<PathData> Instance();
 
     // The executable's folder; if that lies in the system folder, the registry's "Path" instead.
-    [[nodiscard]] const std::wstring& GetInstallFolder();
+    [[nodiscard]] std::wstring GetInstallFolder();
     // The product's folder in the machine-wide program data; made on first request, with its subfolder "Data".
-    [[nodiscard]] const std::wstring& GetDataFolder();
-    [[nodiscard]] const std::wstring& GetSystemFolder();
-    [[nodiscard]] const std::wstring& GetExecutablePath();
+    [[nodiscard]] std::wstring GetDataFolder();
+    [[nodiscard]] std::wstring GetSystemFolder();
+    [[nodiscard]] std::wstring GetExecutablePath();
     // The file that holds this code: the executable itself, or the DLL it was linked into.
-    [[nodiscard]] const std::wstring& GetModulePath();
+    [[nodiscard]] std::wstring GetModulePath();
 
 private:
     RecursiveMutex lock; // recursive: one path is found by way of another
