@@ -5,10 +5,11 @@
 
 #include <atomic>
 
-class CComClassFactory : public IClassFactory, public CComObjectRootEx<CComMultiThreadModel> {
+class CComClassFactory : public IClassFactory, public CComObjectRootEx<CComMultiThreadModel>
+{
 public:
     BEGIN_COM_MAP(CComClassFactory)
-        COM_INTERFACE_ENTRY(IClassFactory)
+    COM_INTERFACE_ENTRY(IClassFactory)
     END_COM_MAP()
 
     // The creator of the class; set once, right after construction.
@@ -17,11 +18,13 @@ public:
     // E_POINTER for a null result; with an outer object only IUnknown may be asked for (CLASS_E_NOAGGREGATION).
     STDMETHODIMP CreateInstance(IUnknown* outer, REFIID iid, void** result) noexcept override
     {
-        if (result == nullptr) {
+        if (result == nullptr)
+        {
             return E_POINTER;
         }
         *result = nullptr;
-        if (outer != nullptr && !::IsEqualIID(iid, __uuidof(IUnknown))) {
+        if (outer != nullptr && !::IsEqualIID(iid, __uuidof(IUnknown)))
+        {
             return CLASS_E_NOAGGREGATION;
         }
         return m_creator(outer, iid, result);
@@ -29,9 +32,12 @@ public:
 
     STDMETHODIMP LockServer(BOOL lock) noexcept override
     {
-        if (lock) {
+        if (lock)
+        {
             _pModule->Lock();
-        } else {
+        }
+        else
+        {
             _pModule->Unlock();
         }
         return S_OK;
@@ -44,20 +50,25 @@ protected:
 // One object for all: made by the first successful call and kept until the factory goes. A failed creation is final for
 // the life of the factory: the code is kept and later calls get it without a new attempt.
 template <class T>
-class CComClassFactorySingleton : public CComClassFactory {
+class CComClassFactorySingleton : public CComClassFactory
+{
 public:
     STDMETHODIMP CreateInstance(IUnknown* outer, REFIID iid, void** result) noexcept override
     {
-        if (result == nullptr) {
+        if (result == nullptr)
+        {
             return E_POINTER;
         }
         *result = nullptr;
-        if (outer != nullptr) {
+        if (outer != nullptr)
+        {
             return CLASS_E_NOAGGREGATION;
         }
-        if (IsUntried()) {
+        if (IsUntried())
+        {
             const ObjectLock lock(m_critsec);
-            if (IsUntried()) {
+            if (IsUntried())
+            {
                 MakeInstance();
             }
         }
@@ -68,7 +79,8 @@ public:
     // Called by the object that the factory is when it goes: the one instance goes with it.
     void FinalRelease()
     {
-        if (IUnknown* const instance = m_instance.exchange(nullptr)) {
+        if (IUnknown* const instance = m_instance.exchange(nullptr))
+        {
             instance->Release();
         }
     }
@@ -76,19 +88,24 @@ public:
 private:
     bool IsUntried() const noexcept
     {
-        return m_created.load(std::memory_order_acquire) == S_OK && m_instance.load(std::memory_order_acquire) == nullptr;
+        return m_created.load(std::memory_order_acquire) == S_OK &&
+               m_instance.load(std::memory_order_acquire) == nullptr;
     }
 
     void MakeInstance() noexcept
     {
         CComObjectCached<T>* object = nullptr;
         HRESULT created = CComCreator<CComObjectCached<T>>::Make(nullptr, &object);
-        if (SUCCEEDED(created)) {
+        if (SUCCEEDED(created))
+        {
             IUnknown* instance = nullptr;
             created = object->QueryInterface(__uuidof(IUnknown), reinterpret_cast<void**>(&instance));
-            if (FAILED(created)) {
+            if (FAILED(created))
+            {
                 delete object;
-            } else {
+            }
+            else
+            {
                 m_instance.store(instance, std::memory_order_release);
             }
         }
@@ -101,22 +118,26 @@ private:
 
 // Makes a class factory and hands it the creator of its objects, which arrives as the context.
 template <class Factory>
-class CComFactoryCreator {
+class CComFactoryCreator
+{
 public:
     static HRESULT WINAPI CreateInstance(void* creator, REFIID iid, void** result) noexcept
     {
-        if (result == nullptr) {
+        if (result == nullptr)
+        {
             return E_POINTER;
         }
         *result = nullptr;
         CComObjectNoLock<Factory>* factory = nullptr;
         HRESULT status = CComCreator<CComObjectNoLock<Factory>>::Make(nullptr, &factory);
-        if (FAILED(status)) {
+        if (FAILED(status))
+        {
             return status;
         }
         factory->SetVoid(creator);
         status = factory->QueryInterface(iid, result);
-        if (FAILED(status)) {
+        if (FAILED(status))
+        {
             delete factory;
         }
         return status;
@@ -141,11 +162,14 @@ public:
         return _pModule->UpdateRegistryFromResource(Id, registering);                                                  \
     }
 
-// Base of a class that clients can create by its id. A class names its factory and its aggregation with the macros above.
+// Base of a class that clients can create by its id: with the plain factory and fit for aggregation, unless the class
+// says otherwise with the macros above.
 template <class T, const CLSID* ClassId>
-class CComCoClass {
+class CComCoClass
+{
 public:
     DECLARE_CLASSFACTORY()
+    DECLARE_AGGREGATABLE(T)
 
     static const CLSID& GetObjectCLSID() noexcept { return *ClassId; }
     static const wchar_t* WINAPI GetObjectDescription() noexcept { return nullptr; }

@@ -1,21 +1,22 @@
 #pragma once
 // Connection points: how an object calls back into its clients.
 //
-// A class derives from IConnectionPointContainerImpl<T> and from IConnectionPointImpl<T, &iid, List> for each of its outgoing
-// interfaces, and names them in a connection point map. The list of sinks is a class of its own, so that an object that
-// fires from threads other than its client's can keep them in a form that can travel. List offers, called with the
-// object's critical section held:
+// A class derives from IConnectionPointContainerImpl<T> and from IConnectionPointImpl<T, &iid, List> for each of its
+// outgoing interfaces, and names them in a connection point map. The list of sinks is a class of its own, so that an
+// object that fires from threads other than its client's can keep them in a form that can travel. List offers, called
+// with the object's critical section held:
 //     DWORD Add(IUnknown* sink)           takes the reference over; 0 when there is no room
-//     BOOL Remove(DWORD cookie)           FALSE when the cookie names nothing; the reference stays the caller's to release
-//     IUnknown* GetUnknown(DWORD cookie)  null when the cookie names nothing; no reference
-//     int GetSize()                       number of slots, free ones included; cookies run from 1 to it
+//     BOOL Remove(DWORD cookie)           FALSE when the cookie names nothing; the reference stays the caller's to
+//     release IUnknown* GetUnknown(DWORD cookie)  null when the cookie names nothing; no reference int GetSize() number
+//     of slots, free ones included; cookies run from 1 to it
 
 #include "ComSupport/Enumerator.h"
 
 #include <olectl.h>
 
 // A plain list of sinks: slots that are used again, cookies that count from 1.
-class CComDynamicUnkArray {
+class CComDynamicUnkArray
+{
 public:
     CComDynamicUnkArray() = default;
     virtual ~CComDynamicUnkArray();
@@ -35,7 +36,8 @@ protected:
 };
 
 // One row of a connection point map: the point's interface, and how to get the point from the object (no reference).
-struct CComConnectionPointEntry {
+struct CComConnectionPointEntry
+{
     const IID* iid;
     IConnectionPoint* (*fromObject)(void* object);
 };
@@ -47,44 +49,54 @@ struct CComConnectionPointEntry {
         static const CComConnectionPointEntry entries[] = {
 // Point: the base of the class that implements it.
 #define CONNECTION_POINT_ENTRY(Iid, Point)                                                                             \
-    {&Iid, [](void* object) -> IConnectionPoint* {                                                                     \
-         return static_cast<Point*>(static_cast<_ConnectionPointMapClass*>(object))->GetConnectionPoint();             \
-     }},
+    {&Iid, [](void* object) -> IConnectionPoint*                                                                       \
+     { return static_cast<Point*>(static_cast<_ConnectionPointMapClass*>(object))->GetConnectionPoint(); }},
 #define END_CONNECTION_POINT_MAP()                                                                                     \
-    {nullptr, nullptr}                                                                                                 \
+    {                                                                                                                  \
+        nullptr, nullptr                                                                                               \
+    }                                                                                                                  \
     }                                                                                                                  \
     ;                                                                                                                  \
     return entries;                                                                                                    \
     }
 
 template <class T>
-class IConnectionPointContainerImpl : public IConnectionPointContainer {
+class IConnectionPointContainerImpl : public IConnectionPointContainer
+{
 public:
     STDMETHODIMP EnumConnectionPoints(IEnumConnectionPoints** result) noexcept override
     {
-        if (result == nullptr) {
+        if (result == nullptr)
+        {
             return E_POINTER;
         }
         *result = nullptr;
-        try {
+        try
+        {
             std::vector<IConnectionPoint*> points;
-            for (const CComConnectionPointEntry* entry = T::GetConnectionPointMap(); entry->iid != nullptr; ++entry) {
+            for (const CComConnectionPointEntry* entry = T::GetConnectionPointMap(); entry->iid != nullptr; ++entry)
+            {
                 points.push_back(entry->fromObject(static_cast<T*>(this)));
             }
             return CComEnumConnectionPoints::Make(points, 0, result);
-        } catch (const std::bad_alloc&) {
+        }
+        catch (const std::bad_alloc&)
+        {
             return E_OUTOFMEMORY;
         }
     }
 
     STDMETHODIMP FindConnectionPoint(REFIID iid, IConnectionPoint** result) noexcept override
     {
-        if (result == nullptr) {
+        if (result == nullptr)
+        {
             return E_POINTER;
         }
         *result = nullptr;
-        for (const CComConnectionPointEntry* entry = T::GetConnectionPointMap(); entry->iid != nullptr; ++entry) {
-            if (::IsEqualIID(iid, *entry->iid)) {
+        for (const CComConnectionPointEntry* entry = T::GetConnectionPointMap(); entry->iid != nullptr; ++entry)
+        {
+            if (::IsEqualIID(iid, *entry->iid))
+            {
                 *result = entry->fromObject(static_cast<T*>(this));
                 (*result)->AddRef();
                 return S_OK;
@@ -96,7 +108,8 @@ public:
 
 // One connection point of the class T, which offers m_critsec and GetUnknown.
 template <class T, const IID* OutgoingInterface, class List = CComDynamicUnkArray>
-class IConnectionPointImpl {
+class IConnectionPointImpl
+{
 public:
     // No reference is counted.
     IConnectionPoint* GetConnectionPoint() noexcept { return &m_point; }
@@ -113,17 +126,20 @@ protected:
 private:
     // A connection point is an object with an identity of its own that lives within its owner: it shares the owner's
     // count, and its interfaces lead to nobody else.
-    class Point final : public IConnectionPoint {
+    class Point final : public IConnectionPoint
+    {
     public:
         explicit Point(IConnectionPointImpl& owner) noexcept : m_owner(owner) {}
 
         STDMETHODIMP QueryInterface(REFIID iid, void** result) noexcept override
         {
-            if (result == nullptr) {
+            if (result == nullptr)
+            {
                 return E_POINTER;
             }
             *result = nullptr;
-            if (!::IsEqualIID(iid, __uuidof(IUnknown)) && !::IsEqualIID(iid, __uuidof(IConnectionPoint))) {
+            if (!::IsEqualIID(iid, __uuidof(IUnknown)) && !::IsEqualIID(iid, __uuidof(IConnectionPoint)))
+            {
                 return E_NOINTERFACE;
             }
             AddRef();
@@ -135,7 +151,8 @@ private:
 
         STDMETHODIMP GetConnectionInterface(IID* iid) noexcept override
         {
-            if (iid == nullptr) {
+            if (iid == nullptr)
+            {
                 return E_POINTER;
             }
             *iid = *OutgoingInterface;
@@ -160,22 +177,26 @@ private:
 
     HRESULT Advise(IUnknown* sink, DWORD* cookie) noexcept
     {
-        if (cookie != nullptr) {
+        if (cookie != nullptr)
+        {
             *cookie = 0;
         }
-        if (sink == nullptr || cookie == nullptr) {
+        if (sink == nullptr || cookie == nullptr)
+        {
             return E_POINTER;
         }
         IUnknown* outgoing = nullptr;
         const HRESULT asked = sink->QueryInterface(*OutgoingInterface, reinterpret_cast<void**>(&outgoing));
-        if (FAILED(asked)) {
+        if (FAILED(asked))
+        {
             return asked == E_NOINTERFACE ? CONNECT_E_CANNOTCONNECT : asked;
         }
         {
             const CComCritSecLock lock(static_cast<T*>(this)->m_critsec);
             *cookie = m_vec.Add(outgoing);
         }
-        if (*cookie == 0) {
+        if (*cookie == 0)
+        {
             outgoing->Release();
             return CONNECT_E_ADVISELIMIT;
         }
@@ -192,7 +213,8 @@ private:
             removed = m_vec.Remove(cookie);
         }
         // Outside the lock: the last release runs the client's code.
-        if (removed && sink != nullptr) {
+        if (removed && sink != nullptr)
+        {
             sink->Release();
         }
         return removed ? S_OK : CONNECT_E_NOCONNECTION;
@@ -200,21 +222,27 @@ private:
 
     HRESULT EnumConnections(IEnumConnections** result) noexcept
     {
-        if (result == nullptr) {
+        if (result == nullptr)
+        {
             return E_POINTER;
         }
         *result = nullptr;
-        try {
+        try
+        {
             const CComCritSecLock lock(static_cast<T*>(this)->m_critsec);
             std::vector<CONNECTDATA> connections;
-            for (int slot = 1; slot <= m_vec.GetSize(); ++slot) {
+            for (int slot = 1; slot <= m_vec.GetSize(); ++slot)
+            {
                 const DWORD cookie = static_cast<DWORD>(slot);
-                if (IUnknown* const sink = m_vec.GetUnknown(cookie)) {
+                if (IUnknown* const sink = m_vec.GetUnknown(cookie))
+                {
                     connections.push_back({sink, cookie});
                 }
             }
             return CComEnumConnections::Make(connections, 0, result);
-        } catch (const std::bad_alloc&) {
+        }
+        catch (const std::bad_alloc&)
+        {
             return E_OUTOFMEMORY;
         }
     }

@@ -7,11 +7,13 @@
 // The library is the module's own unless a class names another.
 template <class Interface, const IID* InterfaceId = &__uuidof(Interface), const GUID* LibraryId = &CComModule::m_libid,
           WORD Major = 1, WORD Minor = 0>
-class IDispatchImpl : public Interface {
+class IDispatchImpl : public Interface
+{
 public:
     STDMETHODIMP GetTypeInfoCount(UINT* count) noexcept override
     {
-        if (count == nullptr) {
+        if (count == nullptr)
+        {
             return E_POINTER;
         }
         *count = 1;

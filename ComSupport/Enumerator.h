@@ -9,7 +9,8 @@
 #include <vector>
 
 // How one kind of item is copied out and given back.
-struct CComCopyConnectionPoint {
+struct CComCopyConnectionPoint
+{
     using Item = IConnectionPoint*;
     static void Copy(Item& to, const Item& from) noexcept
     {
@@ -18,7 +19,8 @@ struct CComCopyConnectionPoint {
     }
     static void Destroy(Item& item) noexcept { item->Release(); }
 };
-struct CComCopyConnectData {
+struct CComCopyConnectData
+{
     using Item = CONNECTDATA;
     static void Copy(Item& to, const Item& from) noexcept
     {
@@ -29,17 +31,19 @@ struct CComCopyConnectData {
 };
 
 template <class Interface, class Policy>
-class CComEnum : public Interface, public CComObjectRootEx<CComMultiThreadModel> {
+class CComEnum : public Interface, public CComObjectRootEx<CComMultiThreadModel>
+{
 public:
     using Item = typename Policy::Item;
 
     BEGIN_COM_MAP(CComEnum)
-        COM_INTERFACE_ENTRY(Interface)
+    COM_INTERFACE_ENTRY(Interface)
     END_COM_MAP()
 
     ~CComEnum()
     {
-        for (Item& item : m_items) {
+        for (Item& item : m_items)
+        {
             Policy::Destroy(item);
         }
     }
@@ -49,15 +53,18 @@ public:
 
     STDMETHODIMP Next(ULONG count, Item* items, ULONG* fetched) noexcept override
     {
-        if (items == nullptr || (count != 1 && fetched == nullptr)) {
+        if (items == nullptr || (count != 1 && fetched == nullptr))
+        {
             return E_POINTER;
         }
         const ObjectLock lock(m_critsec);
         ULONG given = 0;
-        while (given < count && m_next < m_items.size()) {
+        while (given < count && m_next < m_items.size())
+        {
             Policy::Copy(items[given++], m_items[m_next++]);
         }
-        if (fetched != nullptr) {
+        if (fetched != nullptr)
+        {
             *fetched = given;
         }
         return given == count ? S_OK : S_FALSE;
@@ -80,7 +87,8 @@ public:
 
     STDMETHODIMP Clone(Interface** result) noexcept override
     {
-        if (result == nullptr) {
+        if (result == nullptr)
+        {
             return E_POINTER;
         }
         const ObjectLock lock(m_critsec);
@@ -93,16 +101,21 @@ public:
         *result = nullptr;
         CComObject<CComEnum>* object = nullptr;
         const HRESULT status = CComCreator<CComObject<CComEnum>>::Make(nullptr, &object);
-        if (FAILED(status)) {
+        if (FAILED(status))
+        {
             return status;
         }
-        try {
+        try
+        {
             object->m_items.resize(items.size());
-        } catch (const std::bad_alloc&) {
+        }
+        catch (const std::bad_alloc&)
+        {
             delete object;
             return E_OUTOFMEMORY;
         }
-        for (std::size_t i = 0; i < items.size(); ++i) {
+        for (std::size_t i = 0; i < items.size(); ++i)
+        {
             Policy::Copy(object->m_items[i], items[i]);
         }
         object->m_next = next;

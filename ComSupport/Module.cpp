@@ -8,10 +8,12 @@ GUID CComModule::m_libid = {};
 HRESULT GetModulePath(HINSTANCE instance, wchar_t (&path)[MAX_PATH]) noexcept
 {
     const DWORD length = ::GetModuleFileNameW(instance, path, MAX_PATH);
-    if (length == 0) {
+    if (length == 0)
+    {
         return HRESULT_FROM_WIN32(::GetLastError());
     }
-    if (length == MAX_PATH) {
+    if (length == MAX_PATH)
+    {
         return HRESULT_FROM_WIN32(ERROR_INSUFFICIENT_BUFFER);
     }
     return S_OK;
@@ -19,13 +21,16 @@ HRESULT GetModulePath(HINSTANCE instance, wchar_t (&path)[MAX_PATH]) noexcept
 
 HRESULT CComObjectMapEntry::RegisterClassObject(DWORD context, DWORD flags) noexcept
 {
-    if (getClassObject == nullptr) {
+    if (getClassObject == nullptr)
+    {
         return S_OK;
     }
-    if (classObject == nullptr) {
+    if (classObject == nullptr)
+    {
         const HRESULT made = getClassObject(reinterpret_cast<void*>(createInstance), __uuidof(IUnknown),
                                             reinterpret_cast<void**>(&classObject));
-        if (FAILED(made)) {
+        if (FAILED(made))
+        {
             return made;
         }
     }
@@ -34,11 +39,13 @@ HRESULT CComObjectMapEntry::RegisterClassObject(DWORD context, DWORD flags) noex
 
 HRESULT CComObjectMapEntry::RevokeClassObject() noexcept
 {
-    if (registration == 0) {
+    if (registration == 0)
+    {
         return S_OK;
     }
     const HRESULT status = ::CoRevokeClassObject(registration);
-    if (SUCCEEDED(status)) {
+    if (SUCCEEDED(status))
+    {
         registration = 0;
     }
     return status;
@@ -52,20 +59,24 @@ CComModule::CComModule() noexcept
 CComModule::~CComModule()
 {
     Term();
-    if (_pModule == this) {
+    if (_pModule == this)
+    {
         _pModule = nullptr;
     }
 }
 
 HRESULT CComModule::Init(CComObjectMapEntry* objectMap, HINSTANCE instance, const GUID* libraryId) noexcept
 {
-    if (libraryId != nullptr) {
+    if (libraryId != nullptr)
+    {
         m_libid = *libraryId;
     }
     m_instance = instance;
     m_objectMap = objectMap;
-    if (m_objectMap != nullptr) {
-        for (CComObjectMapEntry* entry = m_objectMap; entry->clsid != nullptr; ++entry) {
+    if (m_objectMap != nullptr)
+    {
+        for (CComObjectMapEntry* entry = m_objectMap; entry->clsid != nullptr; ++entry)
+        {
             entry->objectMain(true);
         }
     }
@@ -74,11 +85,14 @@ HRESULT CComModule::Init(CComObjectMapEntry* objectMap, HINSTANCE instance, cons
 
 void CComModule::Term() noexcept
 {
-    if (m_objectMap == nullptr) {
+    if (m_objectMap == nullptr)
+    {
         return;
     }
-    for (CComObjectMapEntry* entry = m_objectMap; entry->clsid != nullptr; ++entry) {
-        if (entry->classObject != nullptr) {
+    for (CComObjectMapEntry* entry = m_objectMap; entry->clsid != nullptr; ++entry)
+    {
+        if (entry->classObject != nullptr)
+        {
             entry->classObject->Release();
         }
         entry->classObject = nullptr;
@@ -105,7 +119,8 @@ LONG CComModule::GetLockCount() const noexcept
 HRESULT CComModule::RegisterClassObjects(DWORD context, DWORD flags) noexcept
 {
     HRESULT status = S_OK;
-    for (CComObjectMapEntry* entry = m_objectMap; entry->clsid != nullptr && status == S_OK; ++entry) {
+    for (CComObjectMapEntry* entry = m_objectMap; entry->clsid != nullptr && status == S_OK; ++entry)
+    {
         status = entry->RegisterClassObject(context, flags);
     }
     return status;
@@ -114,7 +129,8 @@ HRESULT CComModule::RegisterClassObjects(DWORD context, DWORD flags) noexcept
 HRESULT CComModule::RevokeClassObjects() noexcept
 {
     HRESULT status = S_OK;
-    for (CComObjectMapEntry* entry = m_objectMap; entry->clsid != nullptr && status == S_OK; ++entry) {
+    for (CComObjectMapEntry* entry = m_objectMap; entry->clsid != nullptr && status == S_OK; ++entry)
+    {
         status = entry->RevokeClassObject();
     }
     return status;
@@ -134,7 +150,8 @@ HRESULT CComModule::UpdateRegistryFromResource(UINT resource, BOOL registering) 
 {
     wchar_t path[MAX_PATH] = {};
     const HRESULT status = GetModulePath(m_instance, path);
-    if (FAILED(status)) {
+    if (FAILED(status))
+    {
         return status;
     }
     const bool isExecutable = m_instance == nullptr || m_instance == ::GetModuleHandleW(nullptr);
@@ -143,9 +160,11 @@ HRESULT CComModule::UpdateRegistryFromResource(UINT resource, BOOL registering) 
 
 HRESULT CComModule::RegisterServer(BOOL registerTypeLibrary) noexcept
 {
-    for (CComObjectMapEntry* entry = m_objectMap; entry->clsid != nullptr; ++entry) {
+    for (CComObjectMapEntry* entry = m_objectMap; entry->clsid != nullptr; ++entry)
+    {
         const HRESULT status = entry->updateRegistry(TRUE);
-        if (FAILED(status)) {
+        if (FAILED(status))
+        {
             return status;
         }
         // No class of ours has categories, so the category step finds an empty map.
@@ -155,9 +174,11 @@ HRESULT CComModule::RegisterServer(BOOL registerTypeLibrary) noexcept
 
 HRESULT CComModule::UnregisterServer(BOOL unregisterTypeLibrary) noexcept
 {
-    for (CComObjectMapEntry* entry = m_objectMap; entry->clsid != nullptr; ++entry) {
+    for (CComObjectMapEntry* entry = m_objectMap; entry->clsid != nullptr; ++entry)
+    {
         const HRESULT status = entry->updateRegistry(FALSE);
-        if (FAILED(status)) {
+        if (FAILED(status))
+        {
             return status;
         }
     }

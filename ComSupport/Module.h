@@ -3,8 +3,8 @@
 //
 // Life: Init once, then any of RegisterServer, UnregisterServer, UpdateRegistryFromResource, or RegisterClassObjects,
 // ResumeClassObjects, SuspendClassObjects, RevokeClassObjects, then Term. One module per process; it has to be there
-// before the first object is made. Lock, Unlock and GetLockCount may be called from any thread, all else from the thread
-// that owns the module's phase.
+// before the first object is made. Lock, Unlock and GetLockCount may be called from any thread, all else from the
+// thread that owns the module's phase.
 
 #include "ComSupport/Registrar.h"
 #include "ComSupport/Threading.h"
@@ -16,7 +16,8 @@ struct CComCategoryEntry;
 using CComCreatorFunction = HRESULT(WINAPI*)(void* context, REFIID iid, void** result);
 
 // One class of the module.
-struct CComObjectMapEntry {
+struct CComObjectMapEntry
+{
     const CLSID* clsid;
     HRESULT(WINAPI* updateRegistry)(BOOL registering); // runs the class's registry script
     CComCreatorFunction getClassObject;                // makes the class factory; its context is createInstance
@@ -35,13 +36,19 @@ struct CComObjectMapEntry {
 
 // A row for a class derived from CComCoClass; the map ends with an empty row.
 #define OBJECT_ENTRY(Clsid, Class)                                                                                     \
-    {&Clsid,  Class::UpdateRegistry, Class::_ClassFactoryCreatorClass::CreateInstance,                                 \
-     Class::_CreatorClass::CreateInstance, nullptr, 0, Class::GetObjectDescription, Class::GetCategoryMap,             \
+    {&Clsid,                                                                                                           \
+     Class::UpdateRegistry,                                                                                            \
+     Class::_ClassFactoryCreatorClass::CreateInstance,                                                                 \
+     Class::_CreatorClass::CreateInstance,                                                                             \
+     nullptr,                                                                                                          \
+     0,                                                                                                                \
+     Class::GetObjectDescription,                                                                                      \
+     Class::GetCategoryMap,                                                                                            \
      Class::ObjectMain},
-#define OBJECT_ENTRY_END()                                                                                             \
-    {nullptr, nullptr, nullptr, nullptr, nullptr, 0, nullptr, nullptr, nullptr}
+#define OBJECT_ENTRY_END() {nullptr, nullptr, nullptr, nullptr, nullptr, 0, nullptr, nullptr, nullptr}
 
-class CComModule {
+class CComModule
+{
 public:
     CComModule() noexcept;
     virtual ~CComModule();
@@ -67,7 +74,8 @@ public:
 
     // Runs the script of one REGISTRY resource with the tokens "Module" and "Module_Raw".
     HRESULT UpdateRegistryFromResource(UINT resource, BOOL registering) noexcept;
-    // Each class's script in map order with its categories, then the type library if asked for. The first failure ends it.
+    // Each class's script in map order with its categories, then the type library if asked for. The first failure ends
+    // it.
     HRESULT RegisterServer(BOOL registerTypeLibrary) noexcept;
     HRESULT UnregisterServer(BOOL unregisterTypeLibrary) noexcept;
 

@@ -11,7 +11,8 @@ inline constexpr LONG kDyingReferences = 0x40000000;
 
 // A free-standing object. It keeps the module alive for as long as it lives.
 template <class Base>
-class CComObject final : public Base {
+class CComObject final : public Base
+{
 public:
     explicit CComObject(void* = nullptr) { _pModule->Lock(); }
     ~CComObject()
@@ -25,7 +26,8 @@ public:
     STDMETHODIMP_(ULONG) Release() noexcept override
     {
         const ULONG left = this->InternalRelease();
-        if (left == 0) {
+        if (left == 0)
+        {
             delete this;
         }
         return left;
@@ -39,7 +41,8 @@ public:
 // An object that somebody in the module keeps at hand. The keeper's reference, the first one, does not keep the module
 // alive; the second reference locks the module and its release unlocks it.
 template <class Base>
-class CComObjectCached final : public Base {
+class CComObjectCached final : public Base
+{
 public:
     explicit CComObjectCached(void* = nullptr) {}
     ~CComObjectCached()
@@ -51,7 +54,8 @@ public:
     STDMETHODIMP_(ULONG) AddRef() noexcept override
     {
         const ULONG now = this->InternalAddRef();
-        if (now == 2) {
+        if (now == 2)
+        {
             _pModule->Lock();
         }
         return now;
@@ -59,9 +63,12 @@ public:
     STDMETHODIMP_(ULONG) Release() noexcept override
     {
         const ULONG left = this->InternalRelease();
-        if (left == 0) {
+        if (left == 0)
+        {
             delete this;
-        } else if (left == 1) {
+        }
+        else if (left == 1)
+        {
             _pModule->Unlock();
         }
         return left;
@@ -74,7 +81,8 @@ public:
 
 // An object that has no say in the life of the module: class factories of an executable.
 template <class Base>
-class CComObjectNoLock final : public Base {
+class CComObjectNoLock final : public Base
+{
 public:
     explicit CComObjectNoLock(void* = nullptr) {}
     ~CComObjectNoLock()
@@ -87,7 +95,8 @@ public:
     STDMETHODIMP_(ULONG) Release() noexcept override
     {
         const ULONG left = this->InternalRelease();
-        if (left == 0) {
+        if (left == 0)
+        {
             delete this;
         }
         return left;
@@ -100,7 +109,8 @@ public:
 
 // The part of an aggregated object that clients see through the outer object: all three operations go there.
 template <class Base>
-class CComContainedObject final : public Base {
+class CComContainedObject final : public Base
+{
 public:
     explicit CComContainedObject(void* outer) { this->m_outer = static_cast<IUnknown*>(outer); }
 
@@ -114,7 +124,8 @@ public:
 
 // The inner object of an aggregate: its own IUnknown, held by the outer object alone, around the contained part.
 template <class Contained>
-class CComAggObject final : public IUnknown, public CComObjectRootEx<typename Contained::_ThreadModel> {
+class CComAggObject final : public IUnknown, public CComObjectRootEx<typename Contained::_ThreadModel>
+{
 public:
     explicit CComAggObject(void* outer) : m_contained(outer) { _pModule->Lock(); }
     ~CComAggObject()
@@ -130,17 +141,20 @@ public:
     STDMETHODIMP_(ULONG) Release() noexcept override
     {
         const ULONG left = this->InternalRelease();
-        if (left == 0) {
+        if (left == 0)
+        {
             delete this;
         }
         return left;
     }
     STDMETHODIMP QueryInterface(REFIID iid, void** result) noexcept override
     {
-        if (result == nullptr) {
+        if (result == nullptr)
+        {
             return E_POINTER;
         }
-        if (::IsEqualIID(iid, __uuidof(IUnknown))) {
+        if (::IsEqualIID(iid, __uuidof(IUnknown)))
+        {
             *result = static_cast<IUnknown*>(this);
             this->InternalAddRef();
             return S_OK;
@@ -155,19 +169,23 @@ private:
 // Makes an object of class T and asks it for an interface. Nothing stays behind when a step fails.
 // E_OUTOFMEMORY for want of memory, FinalConstruct's code, or that of the query.
 template <class T>
-class CComCreator {
+class CComCreator
+{
 public:
     static HRESULT WINAPI CreateInstance(void* outer, REFIID iid, void** result) noexcept
     {
-        if (result == nullptr) {
+        if (result == nullptr)
+        {
             return E_POINTER;
         }
         *result = nullptr;
         T* object = nullptr;
         HRESULT status = Make(outer, &object);
-        if (SUCCEEDED(status)) {
+        if (SUCCEEDED(status))
+        {
             status = object->QueryInterface(iid, result);
-            if (FAILED(status)) {
+            if (FAILED(status))
+            {
                 delete object;
             }
         }
@@ -180,15 +198,19 @@ public:
         *result = nullptr;
         T* object = nullptr;
         HRESULT status = S_OK;
-        try {
+        try
+        {
             object = new T(outer);
             object->InternalFinalConstructAddRef();
             status = object->FinalConstruct();
             object->InternalFinalConstructRelease();
-        } catch (const std::bad_alloc&) {
+        }
+        catch (const std::bad_alloc&)
+        {
             status = E_OUTOFMEMORY;
         }
-        if (FAILED(status)) {
+        if (FAILED(status))
+        {
             delete object;
             return status;
         }
@@ -199,7 +221,8 @@ public:
 
 // Makes a free-standing object or an aggregated one, as the caller asks.
 template <class Plain, class Aggregated>
-class CComCreator2 {
+class CComCreator2
+{
 public:
     static HRESULT WINAPI CreateInstance(void* outer, REFIID iid, void** result) noexcept
     {
@@ -210,11 +233,13 @@ public:
 
 // Refuses with a fixed code.
 template <HRESULT Code>
-class CComFailCreator {
+class CComFailCreator
+{
 public:
     static HRESULT WINAPI CreateInstance(void*, REFIID, void** result) noexcept
     {
-        if (result == nullptr) {
+        if (result == nullptr)
+        {
             return E_POINTER;
         }
         *result = nullptr;

@@ -2,23 +2,30 @@
 
 HRESULT ComInternalQueryInterface(void* object, const CComInterfaceEntry* entries, REFIID iid, void** result) noexcept
 {
-    if (result == nullptr) {
+    if (result == nullptr)
+    {
         return E_POINTER;
     }
     *result = nullptr;
 
     const CComInterfaceEntry* found = nullptr;
-    if (::IsEqualIID(iid, __uuidof(IUnknown))) {
+    if (::IsEqualIID(iid, __uuidof(IUnknown)))
+    {
         found = entries;
-    } else {
-        for (const CComInterfaceEntry* entry = entries; entry->iid != nullptr; ++entry) {
-            if (::IsEqualIID(iid, *entry->iid)) {
+    }
+    else
+    {
+        for (const CComInterfaceEntry* entry = entries; entry->iid != nullptr; ++entry)
+        {
+            if (::IsEqualIID(iid, *entry->iid))
+            {
                 found = entry;
                 break;
             }
         }
     }
-    if (found == nullptr || found->fromObject == nullptr) {
+    if (found == nullptr || found->fromObject == nullptr)
+    {
         return E_NOINTERFACE;
     }
 

@@ -9,19 +9,22 @@
 #define ATL_NO_VTABLE
 
 // One row of an interface map: the identifier, and how to get that interface from the object.
-struct CComInterfaceEntry {
+struct CComInterfaceEntry
+{
     const IID* iid;
     IUnknown* (*fromObject)(void* object);
 };
 
 // Looks the identifier up in the map. The first row stands for IUnknown, which makes the object's identity.
-// E_POINTER for a null result pointer, E_NOINTERFACE (result nulled) for a row that is not there; the result is referenced.
+// E_POINTER for a null result pointer, E_NOINTERFACE (result nulled) for a row that is not there; the result is
+// referenced.
 [[nodiscard]] HRESULT ComInternalQueryInterface(void* object, const CComInterfaceEntry* entries, REFIID iid,
                                                 void** result) noexcept;
 
-// Fields that do not depend on the object model. The count and the controlling object are told apart: a contained object
-// of an aggregate forwards to the latter.
-class CComObjectRootBase {
+// Fields that do not depend on the object model. The count and the controlling object are told apart: a contained
+// object of an aggregate forwards to the latter.
+class CComObjectRootBase
+{
 public:
     HRESULT FinalConstruct() { return S_OK; }
     void FinalRelease() {}
@@ -42,7 +45,8 @@ protected:
 };
 
 template <class ThreadModel>
-class CComObjectRootEx : public CComObjectRootBase {
+class CComObjectRootEx : public CComObjectRootBase
+{
 public:
     using _ThreadModel = ThreadModel;
     using _CritSec = typename ThreadModel::AutoCriticalSection;
@@ -63,7 +67,10 @@ public:
 #define BEGIN_COM_MAP(Class)                                                                                           \
 public:                                                                                                                \
     using _ComMapClass = Class;                                                                                        \
-    IUnknown* GetUnknown() noexcept { return GetInterfaceMap()->fromObject(static_cast<void*>(this)); }                \
+    IUnknown* GetUnknown() noexcept                                                                                    \
+    {                                                                                                                  \
+        return GetInterfaceMap()->fromObject(static_cast<void*>(this));                                                \
+    }                                                                                                                  \
     HRESULT InternalQueryInterface(REFIID iid, void** result) noexcept                                                 \
     {                                                                                                                  \
         return ComInternalQueryInterface(static_cast<void*>(this), GetInterfaceMap(), iid, result);                    \
@@ -78,16 +85,17 @@ public:                                                                         
 
 // An interface that several bases offer, taken from the branch named.
 #define COM_INTERFACE_ENTRY2(Interface, Branch)                                                                        \
-    {&__uuidof(Interface), [](void* object) -> IUnknown* {                                                             \
-         return static_cast<Interface*>(static_cast<Branch*>(static_cast<_ComMapClass*>(object)));                     \
-     }},
+    {&__uuidof(Interface), [](void* object) -> IUnknown*                                                               \
+     { return static_cast<Interface*>(static_cast<Branch*>(static_cast<_ComMapClass*>(object))); }},
 
 // An interface under an identifier of its own (dispatch interfaces of events).
 #define COM_INTERFACE_ENTRY_IID(Iid, Interface)                                                                        \
     {&Iid, [](void* object) -> IUnknown* { return static_cast<Interface*>(static_cast<_ComMapClass*>(object)); }},
 
 #define END_COM_MAP()                                                                                                  \
-    {nullptr, nullptr}                                                                                                 \
+    {                                                                                                                  \
+        nullptr, nullptr                                                                                               \
+    }                                                                                                                  \
     }                                                                                                                  \
     ;                                                                                                                  \
     return entries;                                                                                                    \

@@ -4,10 +4,12 @@
 #include <new>
 #include <objbase.h>
 
-namespace {
+namespace
+{
 
 // The platform's registrar. Its interface is declared in no header of the cross compiler.
-struct IRegistrar : public IUnknown {
+struct IRegistrar : public IUnknown
+{
     virtual HRESULT STDMETHODCALLTYPE AddReplacement(LPCOLESTR key, LPCOLESTR item) = 0;
     virtual HRESULT STDMETHODCALLTYPE ClearReplacements() = 0;
     virtual HRESULT STDMETHODCALLTYPE ResourceRegisterSz(LPCOLESTR file, LPCOLESTR id, LPCOLESTR type) = 0;
@@ -27,9 +29,11 @@ std::wstring DoubleSingleQuotes(std::wstring_view text)
 {
     std::wstring doubled;
     doubled.reserve(text.size());
-    for (const wchar_t c : text) {
+    for (const wchar_t c : text)
+    {
         doubled += c;
-        if (c == L'\'') {
+        if (c == L'\'')
+        {
             doubled += c;
         }
     }
@@ -49,21 +53,27 @@ HRESULT RunRegistryScript(const wchar_t* path, bool isExecutable, UINT resource,
     IRegistrar* found = nullptr;
     HRESULT status = ::CoCreateInstance(kRegistrarClass, nullptr, CLSCTX_INPROC_SERVER, kRegistrarInterface,
                                         reinterpret_cast<void**>(&found));
-    if (FAILED(status)) {
+    if (FAILED(status))
+    {
         return status;
     }
     const _com_ptr_t<_com_IIID<IRegistrar, &kRegistrarInterface>> registrar(found, false);
 
-    try {
+    try
+    {
         const RegistryScriptTokens tokens = MakeRegistryScriptTokens(path, isExecutable);
         status = registrar->AddReplacement(L"Module", tokens.module.c_str());
-        if (SUCCEEDED(status)) {
+        if (SUCCEEDED(status))
+        {
             status = registrar->AddReplacement(L"Module_Raw", tokens.moduleRaw.c_str());
         }
-    } catch (const std::bad_alloc&) {
+    }
+    catch (const std::bad_alloc&)
+    {
         status = E_OUTOFMEMORY;
     }
-    if (FAILED(status)) {
+    if (FAILED(status))
+    {
         return status;
     }
     return registering ? registrar->ResourceRegister(path, resource, L"REGISTRY")

@@ -7,7 +7,8 @@
 #include <string_view>
 
 // Values of the two tokens that a script may use.
-struct RegistryScriptTokens {
+struct RegistryScriptTokens
+{
     std::wstring module;    // "Module": the path, in double quotes for the process's executable
     std::wstring moduleRaw; // "Module_Raw": the bare path
 };
@@ -17,4 +18,5 @@ struct RegistryScriptTokens {
 
 // Runs the REGISTRY resource of the module at that path, to write its keys or to remove them.
 // The calling thread has to be in an apartment. Returns the registrar's code.
-[[nodiscard]] HRESULT RunRegistryScript(const wchar_t* path, bool isExecutable, UINT resource, bool registering) noexcept;
+[[nodiscard]] HRESULT RunRegistryScript(const wchar_t* path, bool isExecutable, UINT resource,
+                                        bool registering) noexcept;

@@ -10,7 +10,8 @@
 #endif
 
 // A critical section that lives and dies with its owner.
-class COMSUPPORT_LOCK_ANNOTATION(capability("mutex")) CComAutoCriticalSection {
+class COMSUPPORT_LOCK_ANNOTATION(capability("mutex")) CComAutoCriticalSection
+{
 public:
     CComAutoCriticalSection() noexcept { ::InitializeCriticalSection(&m_section); }
     ~CComAutoCriticalSection() { ::DeleteCriticalSection(&m_section); }
@@ -25,7 +26,8 @@ private:
 };
 
 // The lock of an object that needs none.
-class COMSUPPORT_LOCK_ANNOTATION(capability("mutex")) CComFakeCriticalSection {
+class COMSUPPORT_LOCK_ANNOTATION(capability("mutex")) CComFakeCriticalSection
+{
 public:
     void Lock() noexcept COMSUPPORT_LOCK_ANNOTATION(acquire_capability()) {}
     void Unlock() noexcept COMSUPPORT_LOCK_ANNOTATION(release_capability()) {}
@@ -33,7 +35,8 @@ public:
 
 // Holds any of the two for a scope.
 template <class Section>
-class COMSUPPORT_LOCK_ANNOTATION(scoped_lockable) CComCritSecLock {
+class COMSUPPORT_LOCK_ANNOTATION(scoped_lockable) CComCritSecLock
+{
 public:
     explicit CComCritSecLock(Section& section) noexcept COMSUPPORT_LOCK_ANNOTATION(acquire_capability(section))
         : m_section(section)
@@ -49,16 +52,19 @@ private:
 };
 
 // Multithreaded object model: the count is atomic, the object has a critical section.
-class CComMultiThreadModel {
+class CComMultiThreadModel
+{
 public:
     using AutoCriticalSection = CComAutoCriticalSection;
     static ULONG Increment(LONG* value) noexcept { return static_cast<ULONG>(::InterlockedIncrement(value)); }
     static ULONG Decrement(LONG* value) noexcept { return static_cast<ULONG>(::InterlockedDecrement(value)); }
 };
 
-// Single-threaded object model: the count is a plain number and there is no lock. The model is a promise of the clients,
-// not of COM: the process has one multithreaded apartment, so a client must not share such an object between threads.
-class CComSingleThreadModel {
+// Single-threaded object model: the count is a plain number and there is no lock. The model is a promise of the
+// clients, not of COM: the process has one multithreaded apartment, so a client must not share such an object between
+// threads.
+class CComSingleThreadModel
+{
 public:
     using AutoCriticalSection = CComFakeCriticalSection;
     static ULONG Increment(LONG* value) noexcept { return static_cast<ULONG>(++*value); }

@@ -7,7 +7,8 @@
 #include <oleauto.h>
 #include <string>
 
-namespace {
+namespace
+{
 
 _COM_SMARTPTR_TYPEDEF(ITypeLib, __uuidof(ITypeLib));
 _COM_SMARTPTR_TYPEDEF(ITypeInfo, __uuidof(ITypeInfo));
@@ -25,18 +26,23 @@ HRESULT RegisterModuleTypeLibrary(HINSTANCE instance) noexcept
 {
     wchar_t path[MAX_PATH] = {};
     HRESULT status = GetModulePath(instance, path);
-    if (FAILED(status)) {
+    if (FAILED(status))
+    {
         return status;
     }
     ITypeLibPtr library;
     status = ::LoadTypeLib(path, &library);
-    if (FAILED(status)) {
+    if (FAILED(status))
+    {
         return status;
     }
-    try {
+    try
+    {
         std::wstring folder = FolderOf(path);
         return ::RegisterTypeLib(library, path, folder.data());
-    } catch (const std::bad_alloc&) {
+    }
+    catch (const std::bad_alloc&)
+    {
         return E_OUTOFMEMORY;
     }
 }
@@ -45,17 +51,20 @@ HRESULT UnregisterModuleTypeLibrary(HINSTANCE instance) noexcept
 {
     wchar_t path[MAX_PATH] = {};
     HRESULT status = GetModulePath(instance, path);
-    if (FAILED(status)) {
+    if (FAILED(status))
+    {
         return status;
     }
     ITypeLibPtr library;
     status = ::LoadTypeLib(path, &library);
-    if (FAILED(status)) {
+    if (FAILED(status))
+    {
         return status;
     }
     TLIBATTR* attributes = nullptr;
     status = library->GetLibAttr(&attributes);
-    if (FAILED(status)) {
+    if (FAILED(status))
+    {
         return status;
     }
     status = ::UnRegisterTypeLib(attributes->guid, attributes->wMajorVerNum, attributes->wMinorVerNum, attributes->lcid,
@@ -68,10 +77,12 @@ HRESULT CComTypeInfoHolder::Load(LCID locale, ITypeInfo** result) const noexcept
 {
     ITypeLibPtr library;
     HRESULT status = ::LoadRegTypeLib(m_library, m_major, m_minor, locale, &library);
-    if (FAILED(status)) {
+    if (FAILED(status))
+    {
         wchar_t path[MAX_PATH] = {};
         status = GetModulePath(_pModule != nullptr ? _pModule->GetModuleInstance() : nullptr, path);
-        if (SUCCEEDED(status)) {
+        if (SUCCEEDED(status))
+        {
             status = ::LoadTypeLibEx(path, REGKIND_NONE, &library);
         }
     }
@@ -81,16 +92,19 @@ HRESULT CComTypeInfoHolder::Load(LCID locale, ITypeInfo** result) const noexcept
 HRESULT CComTypeInfoHolder::EnsureLoaded(LCID locale) noexcept
 {
     std::atomic_ref<ITypeInfo*> info(m_info);
-    if (info.load(std::memory_order_acquire) != nullptr) {
+    if (info.load(std::memory_order_acquire) != nullptr)
+    {
         return S_OK;
     }
     ITypeInfoPtr loaded;
     const HRESULT status = Load(locale, &loaded);
-    if (FAILED(status)) {
+    if (FAILED(status))
+    {
         return status; // not kept: a library that is registered later is found then
     }
     ITypeInfo* none = nullptr;
-    if (info.compare_exchange_strong(none, loaded.GetInterfacePtr(), std::memory_order_acq_rel)) {
+    if (info.compare_exchange_strong(none, loaded.GetInterfacePtr(), std::memory_order_acq_rel))
+    {
         loaded.Detach();
     }
     return S_OK;
@@ -98,15 +112,18 @@ HRESULT CComTypeInfoHolder::EnsureLoaded(LCID locale) noexcept
 
 HRESULT CComTypeInfoHolder::GetTypeInfo(UINT index, LCID locale, ITypeInfo** result) noexcept
 {
-    if (result == nullptr) {
+    if (result == nullptr)
+    {
         return E_POINTER;
     }
     *result = nullptr;
-    if (index != 0) {
+    if (index != 0)
+    {
         return DISP_E_BADINDEX;
     }
     const HRESULT status = EnsureLoaded(locale);
-    if (SUCCEEDED(status)) {
+    if (SUCCEEDED(status))
+    {
         *result = m_info;
         m_info->AddRef();
     }
@@ -123,6 +140,5 @@ HRESULT CComTypeInfoHolder::Invoke(IDispatch* object, DISPID id, LCID locale, WO
                                    VARIANT* result, EXCEPINFO* exception, UINT* argumentError) noexcept
 {
     const HRESULT status = EnsureLoaded(locale);
-    return FAILED(status) ? status
-                          : m_info->Invoke(object, id, flags, arguments, result, exception, argumentError);
+    return FAILED(status) ? status : m_info->Invoke(object, id, flags, arguments, result, exception, argumentError);
 }

@@ -12,7 +12,8 @@
 
 // The type information of one interface, loaded on first use and kept for the life of the process. It comes from the
 // registered library, or from the module's own resource when none is registered. Any thread may use it.
-class CComTypeInfoHolder {
+class CComTypeInfoHolder
+{
 public:
     CComTypeInfoHolder(const IID& iid, const GUID& library, WORD major, WORD minor) noexcept
         : m_iid(iid), m_library(library), m_major(major), m_minor(minor)

@@ -13,8 +13,8 @@ namespace
 {
 bool EqualsIgnoringCase(std::wstring_view left, std::wstring_view right) noexcept
 {
-    return CompareStringOrdinal(left.data(), static_cast<int>(left.size()), right.data(), static_cast<int>(right.size()),
-                                TRUE) == CSTR_EQUAL;
+    return CompareStringOrdinal(left.data(), static_cast<int>(left.size()), right.data(),
+                                static_cast<int>(right.size()), TRUE) == CSTR_EQUAL;
 }
 
 std::uintptr_t Number(HANDLE handle) noexcept

@@ -15,8 +15,8 @@
 // when no client runs; null when the processes could not be listed.
 wchar_t* GetSorvaneUserSid(wchar_t* buffer, DWORD bufferSize);
 
-// Writes a SID's text. `bufferSize` in characters, in and out: for a buffer that is too small (the last error is then 122)
-// it receives the size that is needed, 12 for each sub-authority and 28 more. FALSE on failure.
+// Writes a SID's text. `bufferSize` in characters, in and out: for a buffer that is too small (the last error is then
+// 122) it receives the size that is needed, 12 for each sub-authority and 28 more. FALSE on failure.
 BOOL GetTextualSid(PSID sid, wchar_t* buffer, DWORD* bufferSize);
 
 namespace ClientLookup
@@ -30,6 +30,7 @@ namespace ClientLookup
     return subAuthorityCount * 12 + 28;
 }
 
-// "S-1-<authority>-<sub-authority>...": the authority in decimal, or as hexadecimal digits when it needs more than 32 bits.
+// "S-1-<authority>-<sub-authority>...": the authority in decimal, or as hexadecimal digits when it needs more than 32
+// bits.
 [[nodiscard]] std::wstring SidText(const SID_IDENTIFIER_AUTHORITY& authority, std::span<const DWORD> subAuthorities);
 } // namespace ClientLookup

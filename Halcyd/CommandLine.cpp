@@ -6,9 +6,8 @@ namespace
 {
 bool EqualsIgnoringCase(std::wstring_view left, std::wstring_view right) noexcept
 {
-    return left.size() == right.size() &&
-           CompareStringOrdinal(left.data(), static_cast<int>(left.size()), right.data(), static_cast<int>(right.size()),
-                                TRUE) == CSTR_EQUAL;
+    return left.size() == right.size() && CompareStringOrdinal(left.data(), static_cast<int>(left.size()), right.data(),
+                                                               static_cast<int>(right.size()), TRUE) == CSTR_EQUAL;
 }
 
 // What lies behind the next switch character; false when there is none.

@@ -41,8 +41,8 @@ unsigned long WINAPI CServiceModule::_HandlerEx(DWORD dwControl, DWORD dwEventTy
     return 0;
 }
 
-// Only the stop does anything. An interrogation does not report the status again, and shutdown is not among the accepted
-// controls: the service has no stop sequence of its own for it. That is required.
+// Only the stop does anything. An interrogation does not report the status again, and shutdown is not among the
+// accepted controls: the service has no stop sequence of its own for it. That is required.
 void CServiceModule::Handler(DWORD dwOpcode)
 {
     const ScopeTrace scope(Log::Source::ConfigServer, 19);
@@ -152,7 +152,8 @@ void CServiceModule::HandleSessionChange(DWORD eventType)
         return;
     }
     LogMessageDefault(4, event->text);
-    // With the flag still set the console session went to a remote one, or came back from it: the client must not react.
+    // With the flag still set the console session went to a remote one, or came back from it: the client must not
+    // react.
     if (event->consoleDisconnect && !m_remoteSession)
     {
         NotifyConsoleDisconnect();

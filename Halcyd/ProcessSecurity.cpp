@@ -32,7 +32,8 @@ DWORD CopySidOf(PSID sid, std::unique_ptr<BYTE[]>& copy)
 
 // Asks for the size, then for the information, and copies the SID that it names.
 template <class Information>
-DWORD ReadTokenSid(HANDLE token, TOKEN_INFORMATION_CLASS which, PSID Information::*member, std::unique_ptr<BYTE[]>& copy)
+DWORD ReadTokenSid(HANDLE token, TOKEN_INFORMATION_CLASS which, PSID Information::* member,
+                   std::unique_ptr<BYTE[]>& copy)
 {
     DWORD size = 0;
     GetTokenInformation(token, which, nullptr, 0, &size);

@@ -20,8 +20,8 @@ public:
     [[nodiscard]] PSECURITY_DESCRIPTOR Descriptor() noexcept { return &descriptor; }
     [[nodiscard]] DWORD Result() const noexcept { return result; }
 
-    // CoInitializeSecurity with this descriptor: packet authentication, impersonation. Once per process, before the first
-    // COM call.
+    // CoInitializeSecurity with this descriptor: packet authentication, impersonation. Once per process, before the
+    // first COM call.
     [[nodiscard]] HRESULT InitializeCom() noexcept;
 
 private:

@@ -22,7 +22,8 @@ long CServiceModule::RegisterServer(int bRegTypeLib, int bService)
     HRESULT result = UpdateRegistryFromResource(IDR_HALCYD, TRUE);
     if (FAILED(result))
     {
-        LogError(static_cast<std::uint32_t>(result), L"Could not update AppID registry subkeys for Local Server or Service");
+        LogError(static_cast<std::uint32_t>(result),
+                 L"Could not update AppID registry subkeys for Local Server or Service");
     }
 
     LogMessageDefault(4, L"open the AppID key for the server/service");

@@ -35,6 +35,7 @@ struct SessionEvent
     bool consoleDisconnect; // tell the client application, unless the flag was set before
 };
 
-// The trace text and effect of a WTS_ value; nothing for one that is not known. The flag means that the last change was a
-// remote one, not that somebody is connected: a remote disconnect sets it just as a remote connect does. That is required.
+// The trace text and effect of a WTS_ value; nothing for one that is not known. The flag means that the last change was
+// a remote one, not that somebody is connected: a remote disconnect sets it just as a remote connect does. That is
+// required.
 [[nodiscard]] std::optional<SessionEvent> DescribeSessionEvent(DWORD eventType) noexcept;

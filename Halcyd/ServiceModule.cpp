@@ -12,6 +12,8 @@
 
 namespace
 {
+_COM_SMARTPTR_TYPEDEF(IUnknown, __uuidof(IUnknown));
+
 // Set while the dispatcher's thread is inside _ServiceMain.
 std::atomic<bool> serviceMainRunning{false};
 
@@ -218,8 +220,8 @@ void CServiceModule::CleanUpVnicState()
     DWORD dwResult = key.Open(HKEY_LOCAL_MACHINE, L"Software\\QRLS\\Sorvane\\Tunvex", KEY_READ);
     if (dwResult != ERROR_SUCCESS)
     {
-        LogFormatDefault(
-            4, L"could not open VNIC state registry subkey, maybe VPN not installed (dwResult = {:#08x})", dwResult);
+        LogFormatDefault(4, L"could not open VNIC state registry subkey, maybe VPN not installed (dwResult = {:#08x})",
+                         dwResult);
     }
     else
     {

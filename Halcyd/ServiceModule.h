@@ -42,7 +42,8 @@ public:
     // Reports a state to the service control manager. The platform's result is not looked at.
     void SetServiceStatus(DWORD state);
 
-    // Registration: main thread of a process that does nothing else. An HRESULT, or in two cases a plain registry error.
+    // Registration: main thread of a process that does nothing else. An HRESULT, or in two cases a plain registry
+    // error.
     long RegisterServer(int bRegTypeLib, int bService);
     long UnregisterServer(); // always S_OK
     // TRUE or FALSE.

@@ -13,10 +13,9 @@ class ATL_NO_VTABLE CSimpleSink : public CComObjectRootEx<CComSingleThreadModel>
 {
 public:
     DECLARE_REGISTRY_RESOURCEID(106)
-    DECLARE_AGGREGATABLE(CSimpleSink)
     BEGIN_COM_MAP(CSimpleSink)
-        COM_INTERFACE_ENTRY(ISimpleSink)
-        COM_INTERFACE_ENTRY(IDispatch)
+    COM_INTERFACE_ENTRY(ISimpleSink)
+    COM_INTERFACE_ENTRY(IDispatch)
     END_COM_MAP()
 
     // Writes a fixed text to the debugger channel. The argument is not used. Always S_OK.

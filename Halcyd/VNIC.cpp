@@ -108,9 +108,9 @@ STDMETHODIMP CVNIC::CreateMultipleRouteEntries(VARIANT /*vRouteList*/, VARIANT /
     return E_NOTIMPL;
 }
 
-STDMETHODIMP CVNIC::CreateMultipleIPv6RouteEntries(ULONG /*NumRoutes*/, _ip_transfer* /*IPv6Acl*/,
-                                                   byte /*Gateway*/[16], byte /*Interface*/[16], ULONG /*Metric*/,
-                                                   ULONG /*IfIndex*/, BSTR /*FriendlyName*/)
+STDMETHODIMP CVNIC::CreateMultipleIPv6RouteEntries(ULONG /*NumRoutes*/, _ip_transfer* /*IPv6Acl*/, byte /*Gateway*/[16],
+                                                   byte /*Interface*/[16], ULONG /*Metric*/, ULONG /*IfIndex*/,
+                                                   BSTR /*FriendlyName*/)
 {
     const ScopeTrace scope(Log::Source::ConfigServer, 19);
     return E_NOTIMPL;

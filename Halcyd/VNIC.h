@@ -3,8 +3,8 @@
 #include "ComSupport/ComSupport.h"
 #include "Halcyd_h.h"
 
-// Routes, addresses and device state of the tunnel's virtual adapter on behalf of the client. The class has no state: each
-// method takes its arguments out of their wire form and hands them to the workers of Tunvex/vpnlib.
+// Routes, addresses and device state of the tunnel's virtual adapter on behalf of the client. The class has no state:
+// each method takes its arguments out of their wire form and hands them to the workers of Tunvex/vpnlib.
 //
 // This build has no workers yet: every method returns E_NOTIMPL and touches nothing.
 class ATL_NO_VTABLE CVNIC : public CComObjectRootEx<CComSingleThreadModel>,
@@ -13,10 +13,9 @@ class ATL_NO_VTABLE CVNIC : public CComObjectRootEx<CComSingleThreadModel>,
 {
 public:
     DECLARE_REGISTRY_RESOURCEID(104)
-    DECLARE_AGGREGATABLE(CVNIC)
     BEGIN_COM_MAP(CVNIC)
-        COM_INTERFACE_ENTRY(IVNIC)
-        COM_INTERFACE_ENTRY(IDispatch)
+    COM_INTERFACE_ENTRY(IVNIC)
+    COM_INTERFACE_ENTRY(IDispatch)
     END_COM_MAP()
 
     STDMETHOD(CreateRouteEntry)(VARIANT vDest, VARIANT vNetMask, VARIANT vGateway, VARIANT vInterface, VARIANT vMetric,
