@@ -1,0 +1,101 @@
+// load, install, uninstall, dump, get, set.
+#include "lab/labctl/Registry.h"
+#include "lab/labctl/Scenario.h"
+#include "lab/labctl/StatePath.h"
+#include "lab/labctl/Verbs.h"
+#include "lab/state/Text.h"
+
+#include <windows.h>
+
+#include <iostream>
+
+namespace lab::ctl {
+
+namespace {
+
+std::filesystem::path StandInBeside()
+{
+    wchar_t path[MAX_PATH];
+    GetModuleFileNameW(nullptr, path, MAX_PATH);
+    return std::filesystem::path{path}.parent_path() / L"labwmi.dll";
+}
+
+void AddLoad(CLI::App& app)
+{
+    CLI::App* verb = app.add_subcommand("load", "Make the machine what a scenario says; journal and fault rules start empty");
+    auto name = std::make_shared<std::string>();
+    verb->add_option("scenario", *name, "Name of a scenario beside this program, or a file")->required();
+    verb->callback([name] {
+        const Json scenario = ReadScenario(FindScenario(*name));
+        Machine& machine = Machine::Attach();
+        machine.Update([&](Json& state, Events&) { state = scenario; });
+        machine.ClearFaults();
+        machine.ClearJournal();
+        WriteAdapterKeys(scenario);
+        std::cout << "loaded '" << *name << "': " << scenario["adapters"].size() << " adapters\n";
+    });
+}
+
+void AddInstall(CLI::App& app)
+{
+    CLI::App* verb = app.add_subcommand("install", "Put the stand-in for WMI and the adapters' keys into this prefix's registry");
+    auto dll = std::make_shared<std::string>();
+    verb->add_option("--dll", *dll, "The stand-in; without it labwmi.dll beside this program");
+    verb->callback([dll] {
+        InstallWmi(dll->empty() ? StandInBeside() : std::filesystem::absolute(Wide(*dll)));
+        WriteAdapterKeys(*Machine::Attach().Snapshot());
+    });
+    app.add_subcommand("uninstall", "Take the stand-in and all keys of the lab out of the registry")->callback([] { Uninstall(); });
+}
+
+void AddDump(CLI::App& app)
+{
+    CLI::App* verb = app.add_subcommand("dump", "Show the whole state");
+    auto oneLine = std::make_shared<bool>();
+    verb->add_flag("--json", *oneLine, "On one line");
+    verb->callback([oneLine] { Print(*Machine::Attach().Snapshot(), *oneLine); });
+}
+
+void AddGetAndSet(CLI::App& app)
+{
+    constexpr char pathHelp[] = "Members joined with '.'; an element of a list by its number or its name: adapters.eth0.driver.linkSpeed";
+    CLI::App* get = app.add_subcommand("get", "Show one value of the state");
+    auto path = std::make_shared<std::string>();
+    get->add_option("path", *path, pathHelp)->required();
+    get->callback([path] { Print(GetValue(*Machine::Attach().Snapshot(), *path), false); });
+
+    CLI::App* set = app.add_subcommand("set", "Change one value of the state, without any event");
+    auto setPath = std::make_shared<std::string>();
+    auto value = std::make_shared<std::string>();
+    set->add_option("path", *setPath, pathHelp)->required();
+    set->add_option("value", *value, "JSON; what is no JSON is taken as a text")->required();
+    set->callback([setPath, value] {
+        Machine& machine = Machine::Attach();
+        Json parsed = Json::parse(*value, nullptr, false);
+        if (parsed.is_discarded()) {
+            parsed = *value;
+        }
+        machine.Update([&](Json& state, Events&) { SetValue(state, *setPath, parsed); });
+        WriteAdapterKeys(*machine.Snapshot());
+    });
+    CLI::App* unset = app.add_subcommand("unset", "Take one value out of the state, without any event");
+    auto unsetPath = std::make_shared<std::string>();
+    unset->add_option("path", *unsetPath, pathHelp)->required();
+    unset->callback([unsetPath] {
+        Machine& machine = Machine::Attach();
+        machine.Update([&](Json& state, Events&) { RemoveValue(state, *unsetPath); });
+        WriteAdapterKeys(*machine.Snapshot());
+    });
+}
+
+} // namespace
+
+void AddStateVerbs(CLI::App& app)
+{
+    AddLoad(app);
+    AddInstall(app);
+    AddDump(app);
+    AddGetAndSet(app);
+}
+
+} // namespace lab::ctl
