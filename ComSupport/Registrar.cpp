@@ -4,10 +4,8 @@
 #include <new>
 #include <objbase.h>
 
-namespace
-{
-
-// The platform's registrar. Its interface is declared in no header of the cross compiler.
+// The platform's registrar. Its interface is declared in no header of the cross compiler. It must not move into the
+// unnamed namespace: the compiler would conclude that nobody implements it and drop the calls.
 struct IRegistrar : public IUnknown
 {
     virtual HRESULT STDMETHODCALLTYPE AddReplacement(LPCOLESTR key, LPCOLESTR item) = 0;
@@ -21,6 +19,9 @@ struct IRegistrar : public IUnknown
     virtual HRESULT STDMETHODCALLTYPE ResourceRegister(LPCOLESTR file, UINT id, LPCOLESTR type) = 0;
     virtual HRESULT STDMETHODCALLTYPE ResourceUnregister(LPCOLESTR file, UINT id, LPCOLESTR type) = 0;
 };
+
+namespace
+{
 
 constexpr CLSID kRegistrarClass = {0x44EC053A, 0x400F, 0x11D0, {0x9D, 0xCD, 0x00, 0xA0, 0xC9, 0x03, 0x91, 0xD3}};
 constexpr IID kRegistrarInterface = {0x44EC053B, 0x400F, 0x11D0, {0x9D, 0xCD, 0x00, 0xA0, 0xC9, 0x03, 0x91, 0xD3}};
