@@ -5,8 +5,8 @@
 
 #include "NetUtilities/Clock.h"
 
-// Time that a test moves by hand. Steady time and ticks run on from the system's by what was added; Sleep adds instead
-// of sleeping; the wall clock stands where it was set, or is the system's. Waits on handles are the system's. In use
+// Time that a test moves by hand. Steady time and ticks run on from the system's by what was added, and do not fall back
+// from one test to the next, since the code under test remembers times; Sleep adds instead of sleeping; the wall clock stands where it was set, or is the system's. Waits on handles are the system's. In use
 // from construction to destruction.
 class VirtualClock : public SystemClock
 {
@@ -19,11 +19,10 @@ public:
     void AdvanceMilliseconds(std::int64_t milliseconds) { added += milliseconds * 1'000'000; }
     void AdvanceSeconds(std::int64_t seconds) { AdvanceMilliseconds(seconds * 1000); }
     void AdvanceNanoseconds(std::int64_t nanoseconds) { added += nanoseconds; }
-    // Stops steady time at this value; Advance still adds to it.
+    // Stops steady time at this value for the rest of the clock's life; Advance still adds to it.
     void FreezeSteady(std::int64_t nanoseconds)
     {
-        frozenAt = nanoseconds;
-        added = 0;
+        frozenAt = nanoseconds - added;
         frozen = true;
     }
     void SetLocalTime(const SYSTEMTIME& time)
@@ -63,7 +62,7 @@ public:
 
 private:
     Clock* previous;
-    std::atomic<std::int64_t> added{0};
+    static inline std::atomic<std::int64_t> added{0};
     std::atomic<std::int64_t> slept{0};
     std::atomic<std::int64_t> frozenAt{0};
     std::atomic<bool> frozen{false};
