@@ -1,0 +1,84 @@
+"""./dev: build, run, test, measure. Each command installs what is missing, builds what is stale, and says so."""
+import argparse
+import sys
+from pathlib import Path
+
+sys.path.insert(0, str(Path(__file__).parent))
+
+import build  # noqa: E402
+import packages  # noqa: E402
+from ui import Failure, bad  # noqa: E402
+
+
+def command_build(options):
+    packages.ensure(packages.BUILD, packages.TEST if options.preset == 'clang' else [])
+    place = build.build(options.preset, options.target)
+    print(f'built in {place.relative_to(build.ROOT)}')
+    return 0
+
+
+def command_test(options):
+    import tests
+    return tests.main(options.name, options.quick)
+
+
+def command_run(options):
+    import demo
+    return demo.main(options.scenario, options.seconds)
+
+
+def command_exec(options):
+    import execute
+    return execute.main(options.scenario, options.program)
+
+
+def command_bench(options):
+    import benchmarks
+    return benchmarks.main(options.name, options.json)
+
+
+def parser():
+    top = argparse.ArgumentParser(prog='./dev', description=__doc__)
+    commands = top.add_subparsers(dest='command', required=True, metavar='COMMAND')
+
+    one = commands.add_parser('run', help='the main job: service, clients and a simulated or the real network, live')
+    one.add_argument('--scenario', default='laptop', help='laptop (default), desktop, ... or host: this machine\'s adapters')
+    one.add_argument('--seconds', type=int, default=25, help='how long the live view lasts (default 25)')
+    one.set_defaults(action=command_run)
+
+    one = commands.add_parser('test', help='all tests, or those whose name matches')
+    one.add_argument('name', nargs='?', help='regular expression, e.g. "unit: RegistryKey" or "system"')
+    one.add_argument('--quick', action='store_true', help='leave out the second compiler')
+    one.set_defaults(action=command_test)
+
+    one = commands.add_parser('build', help='build what is stale')
+    one.add_argument('--preset', choices=['gcc', 'clang', 'gcc-debug'], default='gcc')
+    one.add_argument('target', nargs='*')
+    one.set_defaults(action=command_build)
+
+    one = commands.add_parser('bench', help='measurements, as ratios within one run')
+    one.add_argument('name', nargs='?', help='calls, start, trace, memory, wakeups or size')
+    one.add_argument('--json', metavar='FILE', help='write the numbers there too')
+    one.set_defaults(action=command_bench)
+
+    one = commands.add_parser('exec', help='run any Windows program or script with lab and service in place')
+    one.add_argument('--scenario', default='laptop')
+    one.add_argument('program', nargs='+', metavar='PROGRAM', help='behind --, with its arguments')
+    one.set_defaults(action=command_exec)
+    return top
+
+
+def main():
+    options = parser().parse_args()
+    try:
+        return options.action(options)
+    except Failure as failure:
+        print(f'{bad("error:")} {failure}', file=sys.stderr)
+        return 1
+    except KeyboardInterrupt:
+        print()
+        return 130
+
+
+if __name__ == '__main__':
+    sys.exit(main())

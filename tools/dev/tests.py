@@ -1,0 +1,202 @@
+"""./dev test: everything, or what matches a name; one summary line at the end."""
+import re
+import shutil
+import threading
+import time
+from concurrent.futures import ThreadPoolExecutor
+from os import cpu_count
+
+import build
+import googletest
+import lint
+import packages
+import product
+import wine
+from googletest import Outcome
+from ui import Failure, Step, bad, bold, dim, good
+
+RESULTS = build.ROOT / 'build' / 'test-results'
+SPEED = 10          # of the clock in suites that are named Fast10_...
+WORKERS = max(2, cpu_count() or 2)
+
+
+class Tally:
+    """Outcomes as they come, printed when they are bad."""
+
+    def __init__(self):
+        self.outcomes = []
+        self.lock = threading.Lock()
+
+    def add(self, outcome, where=''):
+        with self.lock:
+            self.outcomes.append(outcome)
+            if outcome.verdict == 'failed':
+                print(f'\r\033[K{bad("FAILED")} {outcome.name}' if bold('') else f'FAILED {outcome.name}')
+                for line in outcome.detail.rstrip().splitlines()[:60]:
+                    print('    ' + line)
+                if where:
+                    print('    ' + dim(f'left behind: {where}'))
+
+    def count(self, verdict):
+        return sum(1 for o in self.outcomes if o.verdict == verdict)
+
+    def summary(self, seconds):
+        print()
+        failed = [o for o in self.outcomes if o.verdict == 'failed']
+        if failed:
+            print(bad('failed:'))
+            for outcome in failed:
+                print(f'    {outcome.name}')
+        for outcome in (o for o in self.outcomes if o.verdict == 'skipped'):
+            print(f'skipped: {outcome.name} {outcome.detail.splitlines()[0] if outcome.detail else ""}')
+        print(dim(f'{len(self.outcomes)} tests in {seconds:.0f} s'))
+        skipped = f', {self.count("skipped")} skipped' if self.count('skipped') else ''
+        print(f'{self.count("passed")} passed, {len(failed)} failed{skipped}', flush=True)
+        return 0 if not failed and self.count('passed') else 1
+
+
+def _matches(name, pattern):
+    return not pattern or re.search(pattern, name, re.IGNORECASE)
+
+
+def run_lint(tally, pattern):
+    for name, check in lint.CHECKS.items():
+        label = f'lint: {name}'
+        if _matches(label, pattern):
+            wrong = check()
+            tally.add(Outcome(label, 'failed' if wrong else 'passed', '\n'.join(wrong)))
+
+
+def run_unit(tally, built, preset, pattern):
+    programs = sorted((built / 'tests' / 'unit').glob('UnitTests*.exe'))
+    base = wine.template()
+    step = Step(f'unit tests ({preset})')
+    before = len(tally.outcomes)
+
+    def one(program):
+        with wine.Prefix.clone_of(base, name='unit') as prefix:
+            names = googletest.list_tests(prefix, program)
+            wanted = [n for n in names if _matches(f'unit: {n}', pattern)]
+            if not wanted:
+                return
+            whole = wanted == names
+            outcomes, _ = googletest.run(prefix, program, wanted, RESULTS / f'{preset}-{program.stem}.json',
+                                         pattern='*' if whole else None, timeout=600)
+            for outcome in outcomes:
+                outcome.name = f'unit ({preset}): {outcome.name}'
+                tally.add(outcome)
+                step.note(f'{len(tally.outcomes) - before}')
+
+    with ThreadPoolExecutor(WORKERS) as pool:
+        list(pool.map(one, programs))
+    step.done(f'{len(tally.outcomes) - before} tests')
+
+
+def run_runner_checks(tally, built, pattern):
+    """The runner itself: programs that crash, fail, hang or leave in the middle must read as failures."""
+    probe = built / 'tests' / 'runner' / 'RunnerProbe.exe'
+    expected = {'Probe.Passes': 'passed', 'Probe.Fails': 'failed', 'Probe.WritesThroughANullPointer': 'failed',
+                'Probe.ThrowsOnAThread': 'failed', 'Probe.Aborts': 'failed', 'Probe.LeavesWithZeroInTheMiddle': 'failed',
+                'Probe.TerminatesItselfWithZero': 'failed', 'Probe.Hangs': 'failed', 'Probe.CrashesOnTheWayOut': 'failed'}
+    if not probe.exists() or not any(_matches(f'runner: {n}', pattern) for n in expected):
+        return
+    step = Step('the test runner itself')
+
+    def one(item):
+        name, verdict = item
+        with wine.Prefix.clone_of(wine.template(), name='runner') as prefix:
+            outcomes, _ = googletest.run(prefix, probe, [name], RESULTS / 'runner' / f'{name}.json',
+                                         timeout=5 if name.endswith('Hangs') else 60)
+        got = outcomes[0].verdict
+        label = f'runner: {name} reads as {verdict}'
+        tally.add(Outcome(label, 'passed' if got == verdict else 'failed', f'it read as {got}'))
+
+    with ThreadPoolExecutor(WORKERS) as pool:
+        list(pool.map(one, expected.items()))
+    step.done(f'{len(expected)} checks')
+
+
+def run_system(tally, built, pattern):
+    program = built / 'tests' / 'system' / 'HalcydSystemTests.exe'
+    scripts = sorted((build.ROOT / 'tests' / 'automation').glob('*.vbs')) + \
+        sorted((build.ROOT / 'tests' / 'automation').glob('*.js'))
+    with wine.Prefix.clone_of(wine.template(), name='list') as prefix:
+        names = googletest.list_tests(prefix, program) if program.exists() else []
+    work = [('test', n) for n in names if _matches(f'system: {n}', pattern)]
+    work += [('script', s) for s in scripts if _matches(f'automation: {s.stem}', pattern)]
+    if not work:
+        return
+    base = product.installed(built)
+    step = Step('system tests')
+    finished = [0]
+
+    def one(item):
+        kind, what = item
+        outcomes = _script(base, what) if kind == 'script' else _system_test(base, program, what)
+        for outcome, where in outcomes:
+            tally.add(outcome, where)
+        finished[0] += 1
+        step.note(f'{finished[0]} of {len(work)}  {what if kind == "test" else what.stem}')
+
+    with ThreadPoolExecutor(WORKERS) as pool:
+        list(pool.map(one, work))
+    step.done(f'{len(work)} in prefixes of their own')
+
+
+def _system_test(base, program, name):
+    speed = SPEED if name.startswith('Fast10_') else 1
+    evidence = RESULTS / 'system' / name
+    shutil.rmtree(evidence, ignore_errors=True)
+    with wine.Prefix.clone_of(base, speed=speed, name='system') as prefix:
+        outcomes, result = googletest.run(prefix, program, [name], evidence / 'report.json', timeout=240)
+        outcome = outcomes[0]
+        outcome.name = f'system: {name}'
+        if outcome.verdict == 'failed':
+            (evidence / 'output.txt').write_text(result.stdout)
+            product.keep_evidence(prefix, evidence)
+            return [(outcome, evidence.relative_to(build.ROOT))]
+    shutil.rmtree(evidence, ignore_errors=True)
+    return [(outcome, '')]
+
+
+def _script(base, script):
+    """A late-bound client. It prints 'ok NAME' or 'not ok NAME: why' for each check and 'done' at its end."""
+    evidence = RESULTS / 'automation' / script.stem
+    shutil.rmtree(evidence, ignore_errors=True)
+    outcomes = []
+    with wine.Prefix.clone_of(base, name='script') as prefix:
+        result = prefix.run(['cscript', '//nologo', 'Z:' + str(script).replace('/', '\\')], timeout=180)
+        for line in result.stdout.splitlines():
+            match = re.match(r'(not ok|ok) (.*)', line.strip())
+            if match:
+                name, _, why = match.group(2).partition(': ')
+                outcomes.append(Outcome(f'automation: {script.stem}: {name}', 'passed' if match.group(1) == 'ok' else 'failed', why))
+        if result.returncode != 0 or 'done' not in result.stdout.split():
+            outcomes.append(Outcome(f'automation: {script.stem}', 'failed',
+                                    f'ended early with {result.returncode}\n{result.stdout[-2000:]}'))
+        if any(o.verdict == 'failed' for o in outcomes):
+            product.keep_evidence(prefix, evidence)
+            (evidence / 'output.txt').write_text(result.stdout)
+            return [(o, evidence.relative_to(build.ROOT)) for o in outcomes]
+    return [(o, '') for o in outcomes]
+
+
+def main(pattern=None, quick=False):
+    started = time.monotonic()
+    packages.ensure(packages.BUILD, packages.RUN, packages.TEST)
+    shutil.rmtree(RESULTS, ignore_errors=True)
+    RESULTS.mkdir(parents=True)
+    tally = Tally()
+    run_lint(tally, pattern)
+    built = build.build('gcc')
+    run_runner_checks(tally, built, pattern)
+    run_unit(tally, built, 'gcc', pattern)
+    run_system(tally, built, pattern)
+    if not quick and not pattern:
+        try:
+            run_unit(tally, build.build('clang'), 'clang', pattern)
+        except Failure as failure:
+            tally.add(Outcome('build (clang)', 'failed', str(failure)))
+    if not tally.outcomes:
+        raise Failure(f'no test matches "{pattern}"')
+    return tally.summary(time.monotonic() - started)

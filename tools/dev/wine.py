@@ -1,0 +1,178 @@
+"""Windows prefixes: one template, hard-linked clones, and running programs in them without noise."""
+import fcntl
+import itertools
+import os
+import shutil
+import signal
+import subprocess
+import tempfile
+import time
+from pathlib import Path
+
+from ui import Failure, Step
+
+CACHE = Path(os.environ.get('XDG_CACHE_HOME', Path.home() / '.cache')) / 'halcyd'
+_numbers = itertools.count(1)
+
+
+def _tool(name):
+    for place in ('/usr/lib/wine', '/usr/lib/x86_64-linux-gnu/wine'):
+        if (Path(place) / name).exists():
+            return str(Path(place) / name)
+    found = shutil.which(name)
+    if not found:
+        raise Failure(f'{name} is not installed')
+    return found
+
+
+def _environment(prefix):
+    environment = {k: v for k, v in os.environ.items() if k not in ('DISPLAY', 'WAYLAND_DISPLAY')}
+    environment.update(WINEPREFIX=str(prefix), WINEARCH='win64', WINEDEBUG='-all',
+                       WINEDLLOVERRIDES='mscoree,mshtml=;winedbg.exe,winemenubuilder.exe=d', OANOCACHE='1')
+    return environment
+
+
+def version():
+    return subprocess.run([_tool('wine64'), '--version'], capture_output=True, text=True).stdout.split()[0]
+
+
+def clone(source, target):
+    """A copy in a few hundredths of a second: Windows' own files are hard links, all that Wine rewrites is copied."""
+    target.mkdir(parents=True)
+    (target / 'drive_c').mkdir()
+    subprocess.run(['cp', '-al', str(source / 'drive_c' / 'windows'), str(target / 'drive_c' / 'windows')], check=True)
+    for entry in (source / 'drive_c').iterdir():
+        if entry.name != 'windows':
+            subprocess.run(['cp', '-a', str(entry), str(target / 'drive_c')], check=True)
+    for entry in source.iterdir():
+        if entry.name != 'drive_c':
+            subprocess.run(['cp', '-a', str(entry), str(target)], check=True)
+
+
+def template():
+    """The bare prefix that all others are cloned from; made once for each version of Wine."""
+    place = CACHE / f'template-{version()}'
+    CACHE.mkdir(parents=True, exist_ok=True)
+    with open(CACHE / 'template.lock', 'w') as lock:
+        fcntl.flock(lock, fcntl.LOCK_EX)
+        if (place / 'ready').exists():
+            return place
+        step = Step('preparing Windows (once)')
+        shutil.rmtree(place, ignore_errors=True)
+        place.mkdir(parents=True)
+        prefix = Prefix(place, owned=False)
+        prefix.start()
+        for arguments in (['wineboot', '-i'], ['winecfg', '-v', 'win10']):
+            prefix.run(arguments, timeout=300)
+        prefix.stop()
+        if not (place / 'system.reg').exists():
+            step.done(ok=False)
+            raise Failure('Wine could not make a prefix')
+        (place / 'ready').touch()
+        step.done()
+    return place
+
+
+class Prefix:
+    """One Windows. `with Prefix.clone_of(...) as p:` starts it, ends all its processes and removes it."""
+
+    def __init__(self, path, owned=True, speed=1):
+        self.path = Path(path)
+        self.owned = owned
+        self.speed = speed
+
+    @classmethod
+    def clone_of(cls, source, speed=1, name='p'):
+        target = CACHE / 'prefixes' / f'{name}-{os.getpid()}-{next(_numbers)}'
+        shutil.rmtree(target, ignore_errors=True)
+        clone(Path(source), target)
+        return cls(target, speed=speed)
+
+    def __enter__(self):
+        self.start()
+        return self
+
+    def __exit__(self, *_):
+        self.stop()
+        if self.owned:
+            shutil.rmtree(self.path, ignore_errors=True)
+
+    def c(self, *parts):
+        return self.path / 'drive_c' / Path(*parts)
+
+    def environment(self, extra=None):
+        environment = _environment(self.path)
+        if self.speed != 1:
+            # All processes of the prefix share one fast clock, the server included.
+            environment.update(LD_PRELOAD=_faketime_library(), FAKETIME=f'+0 x{self.speed}',
+                               FAKETIME_DONT_RESET='1')
+        environment.update(extra or {})
+        return environment
+
+    def start(self):
+        # Stays for a minute after its last process: services would otherwise be ended between two commands.
+        subprocess.run([_tool('wineserver'), '-p60'], env=self.environment(), stdin=subprocess.DEVNULL,
+                       stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+
+    def popen(self, arguments, extra=None, **options):
+        return subprocess.Popen([_tool('wine64'), *map(str, arguments)], env=self.environment(extra), **options)
+
+    def run(self, arguments, timeout=120, extra=None):
+        """Runs a program to its end. The result has returncode and stdout (with stderr in it), -1 after the time."""
+        # A file, not a pipe: services that the first program starts inherit it, and a pipe would stay open with them.
+        with tempfile.TemporaryFile() as sink:
+            process = self.popen(arguments, extra, stdin=subprocess.DEVNULL, stdout=sink, stderr=subprocess.STDOUT)
+            try:
+                code = process.wait(timeout)
+            except subprocess.TimeoutExpired:
+                code = -1
+                self.stop()
+                process.kill()
+                process.wait()
+            sink.seek(0)
+            output = sink.read()
+        return subprocess.CompletedProcess(arguments, code, output.decode('utf-8', 'replace').replace('\r\n', '\n'))
+
+    def must(self, arguments, timeout=120, extra=None):
+        result = self.run(arguments, timeout, extra)
+        if result.returncode != 0:
+            raise Failure(f'{" ".join(map(str, arguments))} ended with {result.returncode}:\n{result.stdout}')
+        return result.stdout
+
+    def stop(self):
+        environment = self.environment()
+        for word in ('-k', '-w'):
+            try:
+                subprocess.run([_tool('wineserver'), word], env=environment, stdout=subprocess.DEVNULL,
+                               stderr=subprocess.DEVNULL, timeout=20)
+            except subprocess.TimeoutExpired:
+                break
+        deadline = time.monotonic() + 5
+        while self.processes() and time.monotonic() < deadline:
+            time.sleep(0.02)
+        for pid in self.processes():
+            try:
+                os.kill(pid, signal.SIGKILL)
+            except ProcessLookupError:
+                pass
+
+    def processes(self):
+        """Ids of the processes of this prefix, found by their environment."""
+        mark = f'WINEPREFIX={self.path}'.encode()
+        own = os.getpid()
+        found = []
+        for entry in Path('/proc').iterdir():
+            if not entry.name.isdigit() or int(entry.name) == own:
+                continue
+            try:
+                if mark in (entry / 'environ').read_bytes().split(b'\0'):
+                    found.append(int(entry.name))
+            except (OSError, PermissionError):
+                continue
+        return found
+
+
+def _faketime_library():
+    for place in Path('/usr/lib').glob('*/faketime/libfaketime.so.1'):
+        return str(place)
+    raise Failure('faketime is not installed')
