@@ -147,7 +147,7 @@ HRESULT AdapterConfig::DisableBindings(const wchar_t* adapterNotToUnbind, int bP
         {
             LogMessage(Source, 4, L"applied network changes");
         }
-        LogFormat(Source, 5, L"INetCfg interface ref count: {} (DisableBindings-exit)", ReleaseAndCount(config));
+        LogFormat(Source, 4, L"INetCfg interface ref count: {} (DisableBindings-exit)", ReleaseAndCount(config));
     }
     LogFormat(Source, 4, L"\tDisableBindings total time was {} ms", std::clock() - start);
     return result;
@@ -234,7 +234,7 @@ HRESULT AdapterConfig::RestoreBindings()
             LogMessage(Source, 4, L"\tapplied the INetCfg network changes");
             DeleteOldBindingInfo();
         }
-        LogFormat(Source, 5, L"INetCfg interface ref count: {} (RestoreBindings-exit)", ReleaseAndCount(config));
+        LogFormat(Source, 4, L"INetCfg interface ref count: {} (RestoreBindings-exit)", ReleaseAndCount(config));
     }
     LogFormat(Source, 4, L"    total time was {}", std::clock() - start);
     return result;
@@ -310,7 +310,7 @@ HRESULT AdapterConfig::GetBindPath(std::wstring_view protocolId, const std::wstr
         }
         protocol = nullptr;
     }
-    LogFormat(Source, 5, L"INetCfg interface ref count: {} (GetBindPath-exit)", ReleaseAndCount(config));
+    LogFormat(Source, 4, L"INetCfg interface ref count: {} (GetBindPath-exit)", ReleaseAndCount(config));
     if (path == nullptr)
     {
         LogFormat(Source, 3, L"\tdid not find a match for the binding {} -> {}", protocolId, lowerComponentGuid);

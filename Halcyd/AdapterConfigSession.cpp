@@ -176,11 +176,11 @@ HRESULT AdapterConfig::Initialize(int bWriteLock, const wchar_t* clientDescripti
     }
     if (lock != nullptr)
     {
-        LogFormat(Source, 5, L"INetCfgLock interface ref count: {} (Initialize)", ReleaseAndCount(lock));
+        LogFormat(Source, 4, L"INetCfgLock interface ref count: {} (Initialize)", ReleaseAndCount(lock));
     }
     if (config != nullptr)
     {
-        LogFormat(Source, 5, L"INetCfg interface ref count: {} (Initialize)", ReleaseAndCount(config));
+        LogFormat(Source, 4, L"INetCfg interface ref count: {} (Initialize)", ReleaseAndCount(config));
     }
     return result;
 }
@@ -269,13 +269,13 @@ HRESULT AdapterConfig::Close()
         {
             result = ReleaseLock(config);
         }
-        LogFormat(Source, 5, L"INetCfg interface ref count: {} (Close-pnc1)", ReleaseAndCount(config));
+        LogFormat(Source, 4, L"INetCfg interface ref count: {} (Close-pnc1)", ReleaseAndCount(config));
     }
 
     INetCfgLockGIT.Revoke();
-    LogFormat(Source, 5, L"Close INetCfgLockGIT.Revoke cookie: {:#x}", INetCfgLockGIT.Cookie());
+    LogFormat(Source, 4, L"Close INetCfgLockGIT.Revoke cookie: {:#x}", INetCfgLockGIT.Cookie());
     INetCfgGIT.Revoke();
-    LogFormat(Source, 5, L"Close INetCfgGIT.Revoke rc: cookie: {:#x}", INetCfgGIT.Cookie());
+    LogFormat(Source, 4, L"Close INetCfgGIT.Revoke rc: cookie: {:#x}", INetCfgGIT.Cookie());
     return result;
 }
 
@@ -297,6 +297,6 @@ HRESULT AdapterConfig::ReleaseLock(INetCfg* config)
         holdsWriteLock = 0;
         LogMessage(Source, 4, L"INetCfgLock WriteLock released");
     }
-    LogFormat(Source, 5, L"INetCfgLock interface ref count: {} (Close-pnclock1)", ReleaseAndCount(lock));
+    LogFormat(Source, 4, L"INetCfgLock interface ref count: {} (Close-pnclock1)", ReleaseAndCount(lock));
     return result;
 }

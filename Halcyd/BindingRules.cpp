@@ -1,5 +1,6 @@
 #include "Halcyd/BindingRules.h"
 
+#include "Halcyd/LatinCase.h"
 #include "NetUtilities/Format.h"
 
 namespace BindingRules
@@ -50,6 +51,11 @@ bool IsInExceptionList(std::wstring_view exceptionList, std::wstring_view compon
     const std::wstring list = std::wstring(L",").append(exceptionList).append(L",");
     const std::wstring id = std::wstring(L",").append(componentId).append(L",");
     return list.find(id) != std::wstring::npos;
+}
+
+bool IsYes(std::wstring_view text)
+{
+    return EqualIgnoringLatinCase(text, L"yes");
 }
 
 std::wstring LockResultLine(std::int32_t result, std::wstring_view holder, std::uint32_t waitMilliseconds)

@@ -62,6 +62,9 @@ bool SkipsProtocol(std::wstring_view protocolId, int bPppDevice);
 // comma belongs to the next id.
 bool IsInExceptionList(std::wstring_view exceptionList, std::wstring_view componentId);
 
+// True for "yes" in any case, with nothing before or behind it.
+bool IsYes(std::wstring_view text);
+
 // The line for a result of AcquireWriteLock other than 0; empty for a result that has none of its own.
 std::wstring LockResultLine(std::int32_t result, std::wstring_view holder, std::uint32_t waitMilliseconds);
 

@@ -88,7 +88,8 @@ private:
         const wchar_t* noInstance;
         const wchar_t* noPath;
         const wchar_t* noExecute;
-        bool onClass = false; // runs on the class: an unknown adapter does not stop it
+        const wchar_t* methodError; // with a place for the documentation
+        bool onClass = false;       // runs on the class: an unknown adapter does not stop it
     };
     HRESULT RunSetter(const SetterMethod& method, const wchar_t* guid, std::span<const InputProperty> inputs);
     HRESULT SpawnInput(const SetterMethod& method, std::span<const InputProperty> inputs,

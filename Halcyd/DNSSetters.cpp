@@ -66,8 +66,7 @@ HRESULT CDNS::RunSetter(const SetterMethod& method, const wchar_t* guid, std::sp
     result = CheckWMIReturnCode(output);
     if (result != 0)
     {
-        LogErrorSource(Source, static_cast<std::uint32_t>(result), L"WMI error after {} method see {} for more info",
-                       method.name, MethodDocumentation);
+        LogErrorSource(Source, static_cast<std::uint32_t>(result), method.methodError, MethodDocumentation);
     }
     return result;
 }
@@ -125,7 +124,8 @@ STDMETHODIMP CDNS::SetDNS(BSTR bstrGuid, VARIANT* vArray) noexcept
                                       L"could not get SetDNSServerSearchOrder method",
                                       L"could not create new instance of the WMI set DNS method",
                                       L"could not get instance path",
-                                      L"could not execute set DNS method"};
+                                      L"could not execute set DNS method",
+                                      L"WMI error after SetDNSServerSearchOrder method see {} for more info"};
             const InputProperty inputs[] = {
                 {L"DNSServerSearchOrder", vArray, L"could not setup parameter for set DNS call"}};
             return RunSetter(method, bstrGuid, inputs);
@@ -150,7 +150,8 @@ STDMETHODIMP CDNS::SetWINS(BSTR bstrMACAddress, BSTR bstrPrimary, BSTR bstrSecon
                                       L"could not get SetWINSServer method",
                                       L"could not create new instance of the WMI set WINS method",
                                       L"could not get instance path",
-                                      L"could not execute set WINS method"};
+                                      L"could not execute set WINS method",
+                                      L"WMI error after SetWINSServer method see {} for more info"};
             const InputProperty inputs[] = {
                 {L"WINSPrimaryServer", &primary, L"could not setup parameter for primary wins server"},
                 {L"WINSSecondaryServer", &secondary, L"could not setup parameter for secondary wins server"}};
@@ -178,7 +179,8 @@ STDMETHODIMP CDNS::SetDNSSuffixSearchOrder(BSTR bstrMACAddress, VARIANT* vArray)
                                 L"Could not get SetDNSSuffixSearchOrder method",
                                 L"Could not create new instance of the WMI SetDNSSuffixSearchOrder method",
                                 L"Could not get instance path, to execute method anyway",
-                                L"Could not execute SetDNSSuffixSearchOrder method"};
+                                L"Could not execute SetDNSSuffixSearchOrder method",
+                                L"WMI error after SetDNSSuffixSearchOrder method see {} for more info"};
             method.onClass = true;
             const InputProperty inputs[] = {
                 {L"DNSDomainSuffixSearchOrder", vArray, L"Could not setup parameter for SetDNSSuffixSearchOrder"}};
@@ -200,7 +202,8 @@ STDMETHODIMP CDNS::SetDNSDomain(BSTR bstrGuid, BSTR bstrDNSDomain) noexcept
             const SetterMethod method{L"SetDNSDomain", L"SetDNSDomain", L"Could not get SetDNSDomain method",
                                       // Required in these words, though the method sets no WINS server.
                                       L"Could not create new instance of the WMI set WINS method",
-                                      L"Could not get instance path", L"Could not execute SetDNSDomain method"};
+                                      L"Could not get instance path", L"Could not execute SetDNSDomain method",
+                                      L"WMI error after SetDNSDomain method see {} for more info"};
             const InputProperty inputs[] = {{L"DNSDomain", &domain, failure}};
             const HRESULT result = RunSetter(method, bstrGuid, inputs);
             if (result == IpNotEnabled)
@@ -222,7 +225,8 @@ STDMETHODIMP CDNS::EnableDHCP(BSTR bstrGuid) noexcept
                                       L"Could not get EnableDHCP method",
                                       L"",
                                       L"Could not get instance path",
-                                      L"Could not execute EnableDHCP"};
+                                      L"Could not execute EnableDHCP",
+                                      L"WMI error after EnableDHCP method see {} for more info"};
             return RunSetter(method, bstrGuid, {});
         });
 }
@@ -253,7 +257,8 @@ STDMETHODIMP CDNS::EnableStatic(BSTR bstrGuid, VARIANT* vIPArray, VARIANT* vSubn
                                       L"Could not get Enable Static method",
                                       L"Could not create new instance of the WMI set EnableStatic method",
                                       L"Could not get instance path",
-                                      L"Could not execute EnableStatic method"};
+                                      L"Could not execute EnableStatic method",
+                                      L"WMI error after EnableStatic method see {} for more info"};
             const InputProperty inputs[] = {
                 {L"IPAddress", vIPArray, L"Could not setup IP Address parameter for EnableStatic call"},
                 {L"SubnetMask", vSubnetArray, L"Could not setup Subnet parameter for EnableStatic call"}};
@@ -272,7 +277,8 @@ STDMETHODIMP CDNS::ReleaseDHCPLease(BSTR bstrGuid) noexcept
                                       L"Could not get ReleaseDHCPLease method",
                                       L"",
                                       L"Could not get adapter instance path",
-                                      L"Could not execute method"};
+                                      L"Could not execute method",
+                                      L"WMI error after ReleaseDHCPLease method see {} for more info"};
             return RunSetter(method, bstrGuid, {});
         });
 }
@@ -289,7 +295,8 @@ STDMETHODIMP CDNS::RenewDHCPLease(BSTR bstrSettingId) noexcept
                                       L"Could not get ReleaseDHCPLease method",
                                       L"",
                                       L"Could not get adapter instance path",
-                                      L"Could not execute method"};
+                                      L"Could not execute method",
+                                      L"WMI error after RenewDHCPLease method see {} for more info"};
             return RunSetter(method, bstrSettingId, {});
         });
 }

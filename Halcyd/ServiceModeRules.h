@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <string_view>
 
+#include "Halcyd/LatinCase.h"
+
 namespace ServiceModeRules
 {
 // Which stop list a service belongs to.
@@ -21,24 +23,6 @@ enum class ModeAction
     Start,           // modes 4 and 16
     Unsupported,
 };
-
-inline bool EqualIgnoringLatinCase(std::wstring_view left, std::wstring_view right)
-{
-    const auto lower = [](wchar_t character)
-    { return character >= L'A' && character <= L'Z' ? static_cast<wchar_t>(character - L'A' + L'a') : character; };
-    if (left.size() != right.size())
-    {
-        return false;
-    }
-    for (std::size_t index = 0; index < left.size(); ++index)
-    {
-        if (lower(left[index]) != lower(right[index]))
-        {
-            return false;
-        }
-    }
-    return true;
-}
 
 // `keyName` is the key name that the system's own configuration gives, not the name that a client typed. Required to
 // be exact for two of the three and without regard to case for "IkeExt".

@@ -6,6 +6,8 @@
 #include <string>
 #include <string_view>
 
+#include "Halcyd/LatinCase.h"
+
 namespace WriteAllowList
 {
 // The branches, in lower case. Fixed in the program: no setting adds to them. The third lies inside the second.
@@ -21,22 +23,6 @@ inline const std::set<std::wstring>& Branches()
         L"hkey_local_machine\\system\\currentcontrolset\\services\\qrlfilt",
     };
     return branches;
-}
-
-// Lower case of the 26 Latin capitals, character by character. All branches are made of these letters, and the
-// result does not hang on a locale; letters that only fold to Latin ones (the Kelvin sign) are other names to the
-// registry as well and must not pass as the plain letter.
-inline std::wstring LowerCaseCopy(std::wstring_view path)
-{
-    std::wstring copy(path);
-    for (wchar_t& character : copy)
-    {
-        if (character >= L'A' && character <= L'Z')
-        {
-            character = static_cast<wchar_t>(character - L'A' + L'a');
-        }
-    }
-    return copy;
 }
 
 // True if one of `branches` occurs anywhere in `path`, whatever the path's case. Required to be a search inside the
