@@ -1,40 +1,287 @@
 #pragma once
+// The network monitor: one list of the machine's adapters, kept up to date, with copies and events for clients.
+//
+// Lifetime. The class factory makes one object for the process; it lives from the first activation to the module's term.
+// Inside that life the monitoring runs from the first Open to the matching last Close (openReferenceCount). An Open that
+// fails leaves the monitor counted as open ("broken open"), and only Close leads out of it.
+//
+// Threads. Any thread may call any method. Work also comes from WmiEventThread, the pool, the IP change queue, the timer
+// queue's threads and NativeWifiMonitorThread; all of these run between Open and the last Close only.
+//
+// Locks, in their order:
+//   serializeOpenCloseMutex  plain; held for the whole of Open and of Close
+//   deviceInfoListMutex      recursive; the list with all that hangs on it
+//   wifiRefreshMutex         plain; the Wi-Fi refresh state
+//   wmiEventQueueMutex       plain; for one push or pop, never together with another
+// An element pointer is good only while its holder has deviceInfoListMutex. Events are fired with no lock held, those of
+// GetWiFiDetails for a Wi-Fi that went away excepted.
+
+#include <windows.h>
+#include <comdef.h>
+#include <wbemcli.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <list>
+#include <map>
+#include <memory>
+#include <string>
+#include <thread>
 
 #include "ComSupport/ComSupport.h"
+#include "Halcyd/AdapterEvents.h"
+#include "Halcyd/CProxy_INetMonSv.h"
+#include "Halcyd/EventSink.h"
+#include "Halcyd/WmiEventQueue.h"
+#include "Halcyd/WmiValues.h"
 #include "Halcyd_h.h"
+#include "NetUtilities/DeviceInfoHelper.h"
+#include "NetUtilities/Event.h"
+#include "NetUtilities/Handles.h"
+#include "NetUtilities/Mutex.h"
+#include "NetUtilities/WorkItem.h"
 
-// The network monitor: one object for all clients (its class factory keeps the one instance).
-class ATL_NO_VTABLE CNetMonSv : public CComObjectRootEx<CComMultiThreadModel>,
-                                public CComCoClass<CNetMonSv, &CLSID_NetMonSv>,
-                                public IConnectionPointContainerImpl<CNetMonSv>,
-                                public IDispatchImpl<INetMonSv, &IID_INetMonSv, &LIBID_HALCYDLib>,
-                                public IConnectionPointImpl<CNetMonSv, &DIID__INetMonSv>
+// What discovery saw of an adapter's configuration object.
+struct DeviceInfoRecord
+{
+    bool IPEnabled = false;
+    std::wstring ServiceName;
+    std::wstring Caption;
+    std::wstring Description;
+};
+
+// What a wait for a default gateway needs: the element's id, since an element pointer would not outlive a removal, and a
+// copy of the adapter's WMI object, which the wait replaces as it goes.
+struct WAIT_FOR_DCHP_EVENT
+{
+    std::wstring deviceId;
+    IWbemClassObjectPtr object;
+};
+
+class CNetMonSv : public CComObjectRootEx<CComMultiThreadModel>,
+                  public CComCoClass<CNetMonSv, &CLSID_NetMonSv>,
+                  public IConnectionPointContainerImpl<CNetMonSv>,
+                  public IDispatchImpl<INetMonSv>,
+                  public CProxy_INetMonSv<CNetMonSv>
 {
 public:
+    CNetMonSv();
+
+    DECLARE_REGISTRY_RESOURCEID(105)
     DECLARE_CLASSFACTORY_SINGLETON(CNetMonSv)
     DECLARE_NOT_AGGREGATABLE(CNetMonSv)
-    DECLARE_REGISTRY_RESOURCEID(105)
+
     BEGIN_COM_MAP(CNetMonSv)
         COM_INTERFACE_ENTRY(INetMonSv)
         COM_INTERFACE_ENTRY(IDispatch)
         COM_INTERFACE_ENTRY(IConnectionPointContainer)
     END_COM_MAP()
+
     BEGIN_CONNECTION_POINT_MAP(CNetMonSv)
-        CONNECTION_POINT_ENTRY(DIID__INetMonSv, CNetMonSv)
+        CONNECTION_POINT_ENTRY(DIID__INetMonSv, CProxy_INetMonSv<CNetMonSv>)
     END_CONNECTION_POINT_MAP()
 
-    STDMETHOD(Open)() override { return E_NOTIMPL; }
-    STDMETHOD(Close)() override { return E_NOTIMPL; }
-    STDMETHOD(get_FilterMask)(LONG*) override { return E_NOTIMPL; }
-    STDMETHOD(put_FilterMask)(LONG) override { return E_NOTIMPL; }
-    STDMETHOD(GetDeviceInfoList)(_DEVICE_ELEMENT**) override { return E_NOTIMPL; }
-    STDMETHOD(StartNotificationProcessing)() override { return E_NOTIMPL; }
-    STDMETHOD(StopNotificationProcessing)() override { return E_NOTIMPL; }
-    STDMETHOD(WiFiSurvey)() override { return E_NOTIMPL; }
-    STDMETHOD(DisableIpBindings)(BSTR, LONG) override { return E_NOTIMPL; }
-    STDMETHOD(RestoreIpBindings)() override { return E_NOTIMPL; }
-    STDMETHOD(ChangeMultiHomingPreferenceIfAllowed)(LONG) override { return E_NOTIMPL; }
-    STDMETHOD(RestoreIpBindingsSync)() override { return E_NOTIMPL; }
-    STDMETHOD(ResetSsidList)() override { return E_NOTIMPL; }
-    STDMETHOD(IsOpen)(VARIANT_BOOL*) override { return E_NOTIMPL; }
+    // Called by the object's creator and destroyer. An object that dies while open is closed first.
+    HRESULT FinalConstruct();
+    void FinalRelease();
+
+    // --- INetMonSv; arguments, results and errors stand in the IDL ---
+    STDMETHODIMP Open() override;
+    STDMETHODIMP Close() override;
+    STDMETHODIMP get_FilterMask(long* pVal) override;
+    STDMETHODIMP put_FilterMask(long newVal) override;
+    STDMETHODIMP GetDeviceInfoList(_DEVICE_ELEMENT** ppList) override;
+    STDMETHODIMP StartNotificationProcessing() override;
+    STDMETHODIMP StopNotificationProcessing() override;
+    STDMETHODIMP WiFiSurvey() override;
+    STDMETHODIMP DisableIpBindings(BSTR bstrAdapterNameNotToUnbind, long bPppDevice) override;
+    STDMETHODIMP RestoreIpBindings() override;
+    STDMETHODIMP ChangeMultiHomingPreferenceIfAllowed(long bEnable) override;
+    STDMETHODIMP RestoreIpBindingsSync() override;
+    STDMETHODIMP ResetSsidList() override;
+    STDMETHODIMP IsOpen(VARIANT_BOOL* pIsOpen) override;
+
+    // --- Lifecycle (NetMonSvLifecycle.cpp) ---
+    // Connects to a WMI namespace, making wbemLocator first if there is none. A pointer that was got stays in
+    // *ppServices even if securing it failed.
+    HRESULT ConnectWMINameSpace(IWbemServices** ppServices, const wchar_t* name);
+    // Cancels the subscriptions, releases all WMI pointers. May run twice.
+    void CleanupWmiResources();
+    // Deletes the timer queue and waits for running callbacks.
+    void MyDeleteTimerQueue();
+    // COM for the thread of the IP change queue, as its first and its last work item.
+    void InitCOM();
+    void UninitCOM();
+    void LoadWiFiLibraries();
+    void UnloadWiFiLibraries();
+
+    // --- Device list (NetMonSvDeviceList.cpp) ---
+    HRESULT CreateDeviceInfoList();
+    // A zeroed element at the end of the list; null when memory is short.
+    _DEVICE_ELEMENT* CreateNewDeviceListElement();
+    // Frees an element and its own strings; neither unlinks it nor touches its extension. Returns 0.
+    HRESULT DeleteDeviceElement(_DEVICE_ELEMENT* element);
+    HRESULT DeleteEthernetDeviceExtension(_DEVICE_ELEMENT* element);
+    HRESULT DeleteWiFiDeviceExtension(_DEVICE_ELEMENT* element);
+    // Unlinks an element and deletes it with its extension.
+    void DeleteNodeAndUpdateList(_DEVICE_ELEMENT* element) REQUIRES(deviceInfoListMutex);
+    HRESULT DeleteDeviceInfoList();
+    // Does nothing: deviceInfoMap is meant to last as long as the object.
+    void DeleteDeviceInfoMapEntries();
+    // Null when there is none. The result is good while the caller holds deviceInfoListMutex.
+    _DEVICE_ELEMENT* GetDeviceElementNodeByDeviceId(const wchar_t* id);
+    _DEVICE_ELEMENT* GetDeviceElementNodeByInstanceName(const wchar_t* name);
+
+    // --- Discovery (NetMonSvDiscovery.cpp) ---
+    // Fills the list once, during Open. E_FAIL if one of the two WMI queries fails.
+    HRESULT AddNetworkCardsToList();
+    // Non-zero for an adapter of real hardware. `guid` is compared exactly.
+    int IsValidAdapter(const std::wstring& guid);
+    void UpdateDeviceInfoMap(IWbemClassObject* object, std::map<std::wstring, DeviceInfoRecord>& map);
+
+    // --- Miniport drivers (NetMonSvMiniport.cpp) ---
+    // Opens "\\.\" and the GUID. Returns the Win32 error after the open; 0 is what callers test, not the handle.
+    DWORD OpenMiniportDriver(const wchar_t* guid, void** handle);
+    // 1 if a valid handle was closed, else 0.
+    int CloseMiniportDriver(void* handle);
+    // One query of the driver. Returns 0 or the Win32 error.
+    DWORD QueryOid(void* handle, unsigned long oid, unsigned char* buffer, unsigned long size, unsigned long* returned);
+    // The kind of the adapter of a configuration object, from its driver; enumUnknown if that cannot be told.
+    _ADAPTER_TYPE GetDeviceType(IWbemClassObject* object);
+    // The driver's media state into *status; disconnected if it does not say.
+    void GetMediaConnectStatus(void* handle, long* status);
+    // Mbit/s, wrapped as LinkSpeed.h says; 0 if the driver does not say.
+    std::uint32_t GetLinkSpeedMbps(void* handle);
+    // Vendor id, driver version and vendor description, at most `size` characters, into a buffer that has room for `size`.
+    void GetDriverInfo(void* handle, wchar_t* text, unsigned long size);
+
+    // --- Details (NetMonSvDetails.cpp) ---
+    // Fills an element from a configuration object (not null), its driver and the device tree. `adapters` is an open
+    // enumerator over Win32_NetworkAdapter, which is rewound, or null. 0 unless `node` is null. A caller that runs beside
+    // other threads holds deviceInfoListMutex.
+    HRESULT UpdateNodeFromNetworkAdapterObject(_DEVICE_ELEMENT* node, IWbemClassObject* object, IEnumWbemClassObject* adapters);
+    HRESULT GetCommonAdapterInfo(_DEVICE_ELEMENT* node, IWbemClassObject* object, IEnumWbemClassObject* adapters);
+    HRESULT GetEthernetAdapterInfo(_DEVICE_ELEMENT* node, IWbemClassObject* object) REQUIRES(deviceInfoListMutex);
+    HRESULT GetWiFiAdapterInfo(_DEVICE_ELEMENT* node, IWbemClassObject* object) REQUIRES(deviceInfoListMutex);
+    bool GetDeviceInfoFromNetworkAdapterConfiguration(IWbemClassObject* object, NetUtilities::DeviceInfo& info,
+                                                      IEnumWbemClassObject* adapters);
+    // Asks for the gateway's MAC address by ARP, which blocks. The text of `mac`, or null with `mac` empty.
+    const wchar_t* GetGatewayMacAddress(_bstr_t source, _bstr_t gateway, _bstr_t& mac);
+    static void UpdateBstrField(BSTR* field, const wchar_t* value);
+    static void UpdateBstrFromVariant(BSTR* field, VARIANT* value);
+
+    // --- WMI notifications (ProcessWmiEvents.cpp) ---
+    HRESULT RegisterForNotifications();
+    void StartWmiEventMonitorThread();
+    void StopWmiEventMonitorThread();
+    void ProcessWmiEventsThread();
+    // Called on WMI's threads. Takes a reference of its own.
+    void EnqueueWmiEvent(IWbemClassObject* object);
+    HRESULT ProcessNotificationEvent(IWbemClassObject* event);
+    // Both return an object that the caller releases, or null.
+    IWbemClassObject* GetWmiObjInstanceByDeviceId(const wchar_t* id);
+    IWbemClassObject* GetWmiObjInstanceByInstanceName(const wchar_t* name);
+    void TraceMofSyntax(IWbemClassObject* object);
+    void TraceWmiObject(IWbemClassObject* object);
+
+    // --- Media (NetMonSvMedia.cpp) ---
+    void ProcessDeviceConnectedEvent(_DEVICE_ELEMENT* node, IWbemClassObject* object, std::list<FireAdapterChangeEventData>& events);
+    void ProcessDeviceDisconnectedEvent(_DEVICE_ELEMENT* node, IWbemClassObject* object, std::list<FireAdapterChangeEventData>& events);
+    void WaitForDefaultGatewayThread(WAIT_FOR_DCHP_EVENT context);
+    // Polls until the adapter has a gateway; replaces *object as it goes, which may end as null. Non-zero for a gateway.
+    int WaitForIpDefaultGateway(IWbemClassObject** object, int attempts);
+
+    // --- IP changes (NetMonSvIpChange.cpp) ---
+    void RegisterForIpChangeEvents() REQUIRES(serializeOpenCloseMutex);
+    void DeregisterForIpChangeEvents() REQUIRES(serializeOpenCloseMutex);
+    // Called on a thread of the platform.
+    void NetMonHandleUnicastIpChangeEvent();
+    void EnqueueIPChangeEvent();
+    void NetMonHandleUnicastIpChangeEventImpl();
+
+    // --- Events (NetMonSvEvents.cpp) ---
+    // Runs on a pool thread.
+    void FireEventAsync(AsyncEventContext context);
+
+    // --- Wi-Fi (NetMonSvWiFi.cpp, NetMonSvWiFiThread.cpp) ---
+    HRESULT GetWiFiDetails(_DEVICE_ELEMENT* node);
+    static void CALLBACK WiFiTimerCallback(void* node, unsigned char timerFired);
+    HRESULT WiFiUpdateDetailsFromTimer(_DEVICE_ELEMENT* node) REQUIRES(deviceInfoListMutex);
+    void SendWifiRssiNotificationIfNeeded(_DEVICE_ELEMENT* node) REQUIRES(deviceInfoListMutex);
+    void DeleteOldWiFiNetworks(_DEVICE_ELEMENT* node) REQUIRES(deviceInfoListMutex);
+    HRESULT DeleteWiFiAccessPointList(_DEVICE_ELEMENT* node) REQUIRES(deviceInfoListMutex);
+    void StartNativeWifiEventMonitorThread() REQUIRES(serializeOpenCloseMutex);
+    void StopNativeWifiEventMonitorThread() REQUIRES(serializeOpenCloseMutex);
+    void ProcessNativeWifiEventsThread();
+
+    // The one object, for callbacks that get no `this`. Null before FinalConstruct and after FinalRelease.
+    static inline std::atomic<CNetMonSv*> m_instance{nullptr};
+
+protected:
+    HRESULT OpenLocked() REQUIRES(serializeOpenCloseMutex);
+    HRESULT CloseLocked() REQUIRES(serializeOpenCloseMutex);
+    HRESULT StartIpChangeQueue() REQUIRES(serializeOpenCloseMutex);
+    HRESULT ConnectToWmi() REQUIRES(serializeOpenCloseMutex);
+    HRESULT CreateEventSink() REQUIRES(serializeOpenCloseMutex);
+    HRESULT StartMonitoring() REQUIRES(serializeOpenCloseMutex);
+    void AnnounceClose();
+    // Sets `result` to E_FAIL when a thread did not end in time.
+    void StopWorkQueues(HRESULT& result) REQUIRES(serializeOpenCloseMutex);
+    void RefreshClientToken() REQUIRES(serializeOpenCloseMutex);
+    void IncrementRunCount();
+    void DeleteExtensionAndElement(_DEVICE_ELEMENT* element) REQUIRES(deviceInfoListMutex);
+    void DumpSetupApiAdapters();
+    HRESULT AddAdaptersFromWmi();
+    void AddAdapter(IWbemClassObject* object, IEnumWbemClassObject* adapters);
+    bool PassesDiscoveryGates(const std::wstring& settingId, const std::wstring& serviceName);
+    _DEVICE_ELEMENT* FindOrCreateElement(IWbemClassObject* object, _DEVICE_ELEMENT* node, const std::wstring& eventClass,
+                                         bool& ignoreRemoval) REQUIRES(deviceInfoListMutex);
+    void ActOnNotification(const std::wstring& eventClass, _DEVICE_ELEMENT* node, IWbemClassObject* object,
+                           std::list<FireAdapterChangeEventData>& events) REQUIRES(deviceInfoListMutex);
+    void FireDeferred(const std::list<FireAdapterChangeEventData>& events);
+    using EventSinkPtr = _com_ptr_t<_com_IIID<EventSink, &__uuidof(IWbemObjectSink)>>;
+    [[nodiscard]] EventSinkPtr CurrentEventSink() EXCLUDES(eventSinkMutex);
+
+    UniqueHandle restoreFinishedEvent; // manual-reset; there from a disable of bindings to its restore
+    UniqueHandle clientTokenHandle GUARDED_BY(serializeOpenCloseMutex); // of the client's process
+    WmiEventQueue wmiEventQueue; // pushed and popped under wmiEventQueueMutex
+    Event wmiEventAvailable; // auto-reset, made at thread start
+    std::unique_ptr<std::thread> WmiEventThread;
+    Event wmiEventThreadStop; // manual-reset, made at thread start
+    PlainMutex wmiEventQueueMutex{LockRank::WmiEventQueue};
+    UniqueHandle nativeWifiEvent; // "NetCfgWifiEvent", manual-reset
+    std::unique_ptr<std::thread> NativeWifiMonitorThread;
+    Event nativeWifiStopEvent; // manual-reset
+    HANDLE ipChangeNotification GUARDED_BY(serializeOpenCloseMutex) = nullptr; // ended by CancelMibChangeNotify2
+    UniqueModule ipHelperModule GUARDED_BY(serializeOpenCloseMutex);
+    UniqueModule secondLibrary; // freed with the rest; nothing sets it
+    // adapterConfig stands here
+    std::atomic<bool> closedFlag{true};
+    RecursiveMutex deviceInfoListMutex{LockRank::DeviceInfoList};
+    PlainMutex serializeOpenCloseMutex{LockRank::SerializeOpenClose};
+    Event sdkSwitchEvent{true, false}; // nothing waits on it
+    std::atomic<bool> closingFlag{false}; // nothing reads it
+    CWorkItemThreadPool threadPool{1, 3};
+    CWorkItemQueue ipChangeWorkItemQueue;
+    Event wmiCleanupEvent{true, false}; // set when the final Close begins: long waits give up
+    PlainMutex ipChangeMutex;
+    std::atomic<bool> ipChangePending{false}; // a change came in while an update was queued or running
+    std::atomic<bool> ipChangeQueued{false}; // an update is queued or running, its spacing included
+    std::atomic<HANDLE> timerQueue{nullptr};
+    _DEVICE_ELEMENT* deviceInfoListHead GUARDED_BY(deviceInfoListMutex) = nullptr;
+    _DEVICE_ELEMENT* deviceInfoListTail GUARDED_BY(deviceInfoListMutex) = nullptr;
+    std::atomic<long> FilterMask{0}; // the clients' own number; filters nothing
+    EventSinkPtr eventSink GUARDED_BY(eventSinkMutex);
+    IWbemServicesPtr wmiNamespace; // root\wmi. The three WMI pointers are set in Open and released under deviceInfoListMutex
+    IWbemServicesPtr cimv2Namespace; // root\cimv2
+    IWbemLocatorPtr wbemLocator;
+    std::uint32_t openReferenceCount GUARDED_BY(serializeOpenCloseMutex) = 0;
+    std::map<std::wstring, DeviceInfoRecord> deviceInfoMap; // by SettingID; written in discovery, read by nobody
+    std::int32_t forcedSurveyCount GUARDED_BY(wifiRefreshMutex) = 0;
+    std::int64_t lastForcedSurvey GUARDED_BY(wifiRefreshMutex) = 0; // steady nanoseconds
+    PlainMutex wifiRefreshMutex{LockRank::WiFiRefresh};
+    // Held for a copy of the pointer only: a client may ask for notification processing while another one closes.
+    PlainMutex eventSinkMutex;
+    bool ipChangeQueueStarted GUARDED_BY(serializeOpenCloseMutex) = false;
 };

@@ -1,0 +1,200 @@
+// The deep copy of the list that a client gets. Nothing of it is kept here.
+
+#include "Halcyd/LinkSpeed.h"
+#include "Halcyd/MonitorTrace.h"
+#include "Halcyd/NetMonSv.h"
+#include "Halcyd/SignalPercent.h"
+#include "NetUtilities/RegistryKey.h"
+#include "NetUtilities/TracedMutexLock.h"
+#include "WiFiWrap/wifiwraplib.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace
+{
+constexpr wchar_t settingsKey[] = L"SOFTWARE\\QRLS\\Sorvane\\Settings";
+
+// A zeroed block for the client, or null.
+template <class Record>
+Record* AllocateRecord() noexcept
+{
+    auto* const record = static_cast<Record*>(CoTaskMemAlloc(sizeof(Record)));
+    if (record != nullptr)
+    {
+        *record = {};
+    }
+    return record;
+}
+
+// A null string stays null.
+BSTR CopyString(BSTR text) noexcept
+{
+    return text != nullptr ? SysAllocStringLen(text, SysStringLen(text)) : nullptr;
+}
+
+// Everything but the extension. Caption, CommPort and the link to the next element stay zero.
+void CopyCommonPart(const _DEVICE_ELEMENT& from, _DEVICE_ELEMENT& to) noexcept
+{
+    to.Size = from.Size;
+    to.DeviceIndex = from.DeviceIndex;
+    to.DeviceId = CopyString(from.DeviceId);
+    to.DeviceInstanceID = CopyString(from.DeviceInstanceID);
+    to.Description = CopyString(from.Description);
+    to.ServiceName = CopyString(from.ServiceName);
+    to.DeviceStatus = from.DeviceStatus;
+    to.ConnectStatus = from.ConnectStatus;
+    to.AdapterType = from.AdapterType;
+    to.IpInfo.IpAddress = CopyString(from.IpInfo.IpAddress);
+    to.IpInfo.IpSubnet = CopyString(from.IpInfo.IpSubnet);
+    to.IpInfo.IpGateway = CopyString(from.IpInfo.IpGateway);
+    to.IpInfo.IpDnsServerList = CopyString(from.IpInfo.IpDnsServerList);
+    to.IpInfo.IpWinsServerList = CopyString(from.IpInfo.IpWinsServerList);
+    to.IpInfo.IpDnsSuffixServerList = CopyString(from.IpInfo.IpDnsSuffixServerList);
+}
+
+_ETHERNET_ADAPTER* CopyEthernet(const _ETHERNET_ADAPTER& from) noexcept
+{
+    auto* const to = AllocateRecord<_ETHERNET_ADAPTER>();
+    if (to != nullptr)
+    {
+        to->AdapterMacAddress = CopyString(from.AdapterMacAddress);
+        to->LinkSpeed = LinkSpeedForClient(from.LinkSpeed);
+        to->DriverInfo = CopyString(from.DriverInfo);
+        to->GatewayMacAddress = CopyString(from.GatewayMacAddress);
+    }
+    return to;
+}
+
+// Copy number `number` of a network; the first, number 0, keeps the name.
+_WIFI_DETAILS* CopyNetwork(const _WIFI_DETAILS& from, std::uint32_t number)
+{
+    MonitorTrace::Detail(L"GetDeviceInfoList: Copy wifi details");
+    auto* const to = AllocateRecord<_WIFI_DETAILS>();
+    if (to == nullptr)
+    {
+        return nullptr;
+    }
+    std::memcpy(to->DeviceName, from.DeviceName, sizeof to->DeviceName);
+    std::memcpy(to->DeviceDesc, from.DeviceDesc, sizeof to->DeviceDesc);
+    if (number == 0)
+    {
+        std::memcpy(to->Ssid, from.Ssid, sizeof to->Ssid);
+    }
+    else
+    {
+        // One character is kept back for the end of the text: a name of full length loses part of its ending.
+        _snwprintf(to->Ssid, std::size(to->Ssid) - 1, L"%s_%lu", from.Ssid, static_cast<unsigned long>(number));
+        MonitorTrace::Detail(L"adding a fake ssid '{}'", TextOrEmpty(to->Ssid));
+    }
+    std::memcpy(to->MacAddress, from.MacAddress, sizeof to->MacAddress);
+    std::memcpy(to->ProfileName, from.ProfileName, sizeof to->ProfileName);
+    to->SignalStrength = WiFiIsNativeApiInUse() ? from.SignalStrength : SignalPercent(static_cast<std::int32_t>(from.SignalStrength));
+    to->Privacy = from.Privacy;
+    to->NetworkType = from.NetworkType;
+    to->Timestamp = from.Timestamp;
+    to->InfrastructureMode = from.InfrastructureMode;
+    to->MaxRate = from.MaxRate;
+    return to;
+}
+
+// How many copies of each network are handed out; a setting for tests of clients.
+std::uint32_t ReadWifiFactor()
+{
+    std::uint32_t factor = 0;
+    RegistryKey key;
+    if (key.Open(HKEY_LOCAL_MACHINE, settingsKey, KEY_READ) == ERROR_SUCCESS)
+    {
+        key.ReadDword(L"wifiFactor", factor);
+        MonitorTrace::Detail(L"adding '{}' copies of each ssid", factor);
+    }
+    return factor;
+}
+
+_WIFI_ADAPTER* CopyWiFi(const _WIFI_ADAPTER& from)
+{
+    auto* const to = AllocateRecord<_WIFI_ADAPTER>();
+    if (to == nullptr)
+    {
+        return nullptr;
+    }
+    to->AdapterMacAddress = CopyString(from.AdapterMacAddress);
+    to->LinkSpeed = LinkSpeedForClient(from.LinkSpeed);
+    to->DriverInfo = CopyString(from.DriverInfo);
+    to->BssidMacAddress = CopyString(from.BssidMacAddress);
+    to->Ssid = CopyString(from.Ssid);
+    to->Rssi = from.Rssi;
+    to->BssidCount = from.BssidCount;
+    const std::uint32_t copies = std::max<std::uint32_t>(ReadWifiFactor(), 1);
+    _WIFI_DETAILS** end = &to->pDetails;
+    for (const _WIFI_DETAILS* network = from.pDetails; network != nullptr; network = network->pNext)
+    {
+        for (std::uint32_t number = 0; number < copies; ++number)
+        {
+            if (_WIFI_DETAILS* const copy = CopyNetwork(*network, number); copy != nullptr)
+            {
+                *end = copy;
+                end = &copy->pNext;
+            }
+        }
+    }
+    return to;
+}
+
+void CopyExtension(const _DEVICE_ELEMENT& from, _DEVICE_ELEMENT& to)
+{
+    if (from.AdapterType == enumEthernet)
+    {
+        if (from.u.pEthernetAdapter != nullptr)
+        {
+            MonitorTrace::Detail(L"GetDeviceInfoList: copy Ethernet");
+            to.u.pEthernetAdapter = CopyEthernet(*from.u.pEthernetAdapter);
+        }
+        else
+        {
+            MonitorTrace::Note(L"ethernet device does not have a device extension");
+        }
+    }
+    else if (from.AdapterType == enumWiFi && from.u.pWiFiAdapter != nullptr)
+    {
+        MonitorTrace::Detail(L"GetDeviceInfoList: copy WiFi");
+        to.u.pWiFiAdapter = CopyWiFi(*from.u.pWiFiAdapter);
+    }
+}
+} // namespace
+
+STDMETHODIMP CNetMonSv::GetDeviceInfoList(_DEVICE_ELEMENT** ppList)
+{
+    ScopeTrace scope(Log::Source::NetMon, AlwaysOnTraceFlag);
+    if (ppList == nullptr)
+    {
+        return S_OK; // success in every case; a copy made now could never be freed
+    }
+    _DEVICE_ELEMENT* head = nullptr;
+    {
+        TracedMutexLock lock(deviceInfoListMutex, L"deviceInfoListMutex");
+        _DEVICE_ELEMENT** end = &head;
+        for (const _DEVICE_ELEMENT* element = deviceInfoListHead; element != nullptr; element = element->pNext)
+        {
+            MonitorTrace::Detail(L"GetDeviceInfoList: copying device list element {} ({} bytes)", element->DeviceIndex, element->Size);
+            auto* const copy = AllocateRecord<_DEVICE_ELEMENT>();
+            if (copy == nullptr)
+            {
+                MonitorTrace::FailureCode(ERROR_NOT_ENOUGH_MEMORY, L"memory allocation failed");
+                break;
+            }
+            *end = copy;
+            end = &copy->pNext;
+            MonitorTrace::Detail(L"GetDeviceInfoList: make copy of the common parts of the structure");
+            CopyCommonPart(*element, *copy);
+            CopyExtension(*element, *copy);
+        }
+        MonitorTrace::Detail(L"GetDeviceInfoList: Copy Done!");
+        *ppList = head;
+    }
+    if (head == nullptr)
+    {
+        MonitorTrace::Note(L"NetMon returning NULL device info list");
+    }
+    return S_OK;
+}
