@@ -30,6 +30,7 @@
 #include <thread>
 
 #include "ComSupport/ComSupport.h"
+#include "Halcyd/AdapterConfig.h"
 #include "Halcyd/AdapterEvents.h"
 #include "Halcyd/CProxy_INetMonSv.h"
 #include "Halcyd/EventSink.h"
@@ -59,10 +60,12 @@ struct WAIT_FOR_DCHP_EVENT
     IWbemClassObjectPtr object;
 };
 
+struct DISABLE_BINDINGS_INFO;
+
 class CNetMonSv : public CComObjectRootEx<CComMultiThreadModel>,
                   public CComCoClass<CNetMonSv, &CLSID_NetMonSv>,
                   public IConnectionPointContainerImpl<CNetMonSv>,
-                  public IDispatchImpl<INetMonSv>,
+                  public IDispatchImpl<INetMonSv, &IID_INetMonSv, &LIBID_HALCYDLib>,
                   public CProxy_INetMonSv<CNetMonSv>
 {
 public:
@@ -200,6 +203,10 @@ public:
     void EnqueueIPChangeEvent();
     void NetMonHandleUnicastIpChangeEventImpl();
 
+    // --- Bindings (NetMonSvBindings.cpp) ---
+    void DisableIpBindingsThread(std::unique_ptr<DISABLE_BINDINGS_INFO> info);
+    void RestoreIpBindingsThread();
+
     // --- Events (NetMonSvEvents.cpp) ---
     // Runs on a pool thread.
     void FireEventAsync(AsyncEventContext context);
@@ -235,10 +242,33 @@ protected:
     HRESULT AddAdaptersFromWmi();
     void AddAdapter(IWbemClassObject* object, IEnumWbemClassObject* adapters);
     bool PassesDiscoveryGates(const std::wstring& settingId, const std::wstring& serviceName);
+    _ADAPTER_TYPE AskPhysicalMedium(void* handle, const std::wstring& settingId, _ADAPTER_TYPE type);
+    void UpdateIdentity(_DEVICE_ELEMENT* node, IWbemClassObject* object, IEnumWbemClassObject* adapters, VARIANT& settingId,
+                        VARIANT& description, VARIANT& serviceName);
+    // The PNPDeviceID of the adapter with this index; empty when there is none.
+    std::wstring FindPnpDeviceId(IEnumWbemClassObject* adapters, long wanted);
     _DEVICE_ELEMENT* FindOrCreateElement(IWbemClassObject* object, _DEVICE_ELEMENT* node, const std::wstring& eventClass,
                                          bool& ignoreRemoval) REQUIRES(deviceInfoListMutex);
     void ActOnNotification(const std::wstring& eventClass, _DEVICE_ELEMENT* node, IWbemClassObject* object,
                            std::list<FireAdapterChangeEventData>& events) REQUIRES(deviceInfoListMutex);
+    IWbemClassObjectPtr PopWmiEvent() EXCLUDES(wmiEventQueueMutex);
+    void HandleNotification(IWbemClassObject* event, std::list<FireAdapterChangeEventData>& events) REQUIRES(deviceInfoListMutex);
+    // The first configuration object whose property occurs in `name` and that has a driver and a MAC address; the caller
+    // releases it. Null when there is none.
+    IWbemClassObject* FindConfigurationNamedIn(std::wstring_view name, const wchar_t* property);
+    bool HasDriverAndMac(IWbemClassObject* object);
+    bool UpdateAfterGatewayWait(const std::wstring& id, IWbemClassObject* object, _bstr_t& deviceId, _bstr_t& adjacentMac);
+    void UpdateAllForIpChange();
+    HRESULT CreateWiFiExtension(_DEVICE_ELEMENT* node) REQUIRES(deviceInfoListMutex);
+    void ReadWiFiDriver(_DEVICE_ELEMENT* node) REQUIRES(deviceInfoListMutex);
+    void ReadAssociation(_DEVICE_ELEMENT* node) REQUIRES(deviceInfoListMutex);
+    void RefreshNetworks(_DEVICE_ELEMENT* node, bool& added) REQUIRES(deviceInfoListMutex);
+    bool TakeForcedSurvey();
+    void EnumerateNetworks(_DEVICE_ELEMENT* node, HANDLE wifi, const std::wstring& name, bool& added) REQUIRES(deviceInfoListMutex);
+    void StoreNetwork(_WIFI_ADAPTER& extension, const _WIFI_DETAILS& record, bool& added) REQUIRES(deviceInfoListMutex);
+    void TellWiFiGone(_DEVICE_ELEMENT* node) REQUIRES(deviceInfoListMutex);
+    void HideTemporaryProfiles(_DEVICE_ELEMENT* node) REQUIRES(deviceInfoListMutex);
+    void DeleteWiFiTimer(_DEVICE_ELEMENT* element) REQUIRES(deviceInfoListMutex);
     void FireDeferred(const std::list<FireAdapterChangeEventData>& events);
     using EventSinkPtr = _com_ptr_t<_com_IIID<EventSink, &__uuidof(IWbemObjectSink)>>;
     [[nodiscard]] EventSinkPtr CurrentEventSink() EXCLUDES(eventSinkMutex);
@@ -256,7 +286,7 @@ protected:
     HANDLE ipChangeNotification GUARDED_BY(serializeOpenCloseMutex) = nullptr; // ended by CancelMibChangeNotify2
     UniqueModule ipHelperModule GUARDED_BY(serializeOpenCloseMutex);
     UniqueModule secondLibrary; // freed with the rest; nothing sets it
-    // adapterConfig stands here
+    AdapterConfig adapterConfig;
     std::atomic<bool> closedFlag{true};
     RecursiveMutex deviceInfoListMutex{LockRank::DeviceInfoList};
     PlainMutex serializeOpenCloseMutex{LockRank::SerializeOpenClose};

@@ -11,10 +11,25 @@
 #include <string_view>
 #include <vector>
 
+#include "NetUtilities/Handles.h"
+
 _COM_SMARTPTR_TYPEDEF(IWbemServices, __uuidof(IWbemServices));
 _COM_SMARTPTR_TYPEDEF(IWbemLocator, __uuidof(IWbemLocator));
 _COM_SMARTPTR_TYPEDEF(IWbemClassObject, __uuidof(IWbemClassObject));
 _COM_SMARTPTR_TYPEDEF(IEnumWbemClassObject, __uuidof(IEnumWbemClassObject));
+
+namespace HandleTraits
+{
+struct Bstr
+{
+    using Value = BSTR;
+    static Value Empty() noexcept { return nullptr; }
+    static bool IsValid(Value value) noexcept { return value != nullptr; }
+    static void Close(Value value) noexcept { SysFreeString(value); }
+};
+} // namespace HandleTraits
+
+using UniqueBstr = UniqueResource<HandleTraits::Bstr>; // SysFreeString
 
 namespace WmiValues
 {
