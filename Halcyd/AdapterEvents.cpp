@@ -40,7 +40,8 @@ BSTR GetAdjacentMac(const _DEVICE_ELEMENT* node) noexcept
     return nullptr;
 }
 
-FireAdapterChangeEventData::FireAdapterChangeEventData(const wchar_t* device, const wchar_t* mac, _NOTIFICATION_EVENT kind)
+FireAdapterChangeEventData::FireAdapterChangeEventData(const wchar_t* device, const wchar_t* mac,
+                                                       _NOTIFICATION_EVENT kind)
     : deviceId(TextOrEmpty(device)), adjacentMac(TextOrEmpty(mac)), event(static_cast<std::uint32_t>(kind))
 {
 }
@@ -48,7 +49,8 @@ FireAdapterChangeEventData::FireAdapterChangeEventData(const wchar_t* device, co
 AsyncEventContext::AsyncEventContext(_NOTIFICATION_EVENT kind) : event(static_cast<std::uint32_t>(kind)) {}
 
 AsyncEventContext::AsyncEventContext(const _DEVICE_ELEMENT* node, _NOTIFICATION_EVENT kind)
-    : deviceId(TextOrEmpty(node->DeviceId)), adjacentMac(TextOrEmpty(GetAdjacentMac(node))), event(static_cast<std::uint32_t>(kind))
+    : deviceId(TextOrEmpty(node->DeviceId)), adjacentMac(TextOrEmpty(GetAdjacentMac(node))),
+      event(static_cast<std::uint32_t>(kind))
 {
 }
 

@@ -10,8 +10,8 @@
 // Null for other kinds and while there is no extension. Still owned by the element: valid under the list lock.
 [[nodiscard]] BSTR GetAdjacentMac(const _DEVICE_ELEMENT* node) noexcept;
 
-// Entry of the deferred list: events that a notification's handling appends under the list lock and fires after it. A null
-// text becomes an empty one, and is fired as an empty BSTR.
+// Entry of the deferred list: events that a notification's handling appends under the list lock and fires after it. A
+// null text becomes an empty one, and is fired as an empty BSTR.
 struct FireAdapterChangeEventData
 {
     FireAdapterChangeEventData(const wchar_t* device, const wchar_t* mac, _NOTIFICATION_EVENT kind);

@@ -8,8 +8,8 @@
 namespace
 {
 const std::set<std::wstring, std::less<>> adapterIgnoreList{
-    L"",        L"tvnic",   L"TUNMP",  L"VMnetAdapter", L"Eacfilt",  L"IPSECSHM", L"VPCNetS2",
-    L"SymIMMP", L"tmcfw",   L"tunnel", L"usb_rndisx",   L"AsyncMac", L"FirehkMP",
+    L"",        L"tvnic", L"TUNMP",  L"VMnetAdapter", L"Eacfilt",  L"IPSECSHM", L"VPCNetS2",
+    L"SymIMMP", L"tmcfw", L"tunnel", L"usb_rndisx",   L"AsyncMac", L"FirehkMP",
 };
 } // namespace
 
@@ -74,7 +74,6 @@ std::wstring_view WithoutBracketedIndex(std::wstring_view text) noexcept
 
 bool SameTextAnyCase(std::wstring_view left, std::wstring_view right) noexcept
 {
-    return left.size() == right.size() &&
-           CompareStringOrdinal(left.data(), static_cast<int>(left.size()), right.data(), static_cast<int>(right.size()), TRUE) ==
-               CSTR_EQUAL;
+    return left.size() == right.size() && CompareStringOrdinal(left.data(), static_cast<int>(left.size()), right.data(),
+                                                               static_cast<int>(right.size()), TRUE) == CSTR_EQUAL;
 }

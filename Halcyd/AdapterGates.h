@@ -41,8 +41,8 @@ struct PhysicalMediumDecision
 // "{" is returned as it is.
 [[nodiscard]] std::wstring_view FromFirstBrace(std::wstring_view text) noexcept;
 
-// A WMI caption without the bracketed index in front of the adapter's name: "[00000007] Name" gives "Name". Text that does
-// not begin with "[" is returned as it is, text without a blank too.
+// A WMI caption without the bracketed index in front of the adapter's name: "[00000007] Name" gives "Name". Text that
+// does not begin with "[" is returned as it is, text without a blank too.
 [[nodiscard]] std::wstring_view WithoutBracketedIndex(std::wstring_view text) noexcept;
 
 // Whole texts compared without regard to letter case.

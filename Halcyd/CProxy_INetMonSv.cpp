@@ -41,5 +41,6 @@ HRESULT AdapterChangeArguments::Invoke(IDispatch* sink, _variant_t& result)
     result.Clear();
     result.scode = 0; // clearing keeps the old value's bits
     DISPPARAMS parameters{arguments, nullptr, 3, 0};
-    return sink->Invoke(adapterChangeId, IID_NULL, eventLocale, DISPATCH_METHOD, &parameters, &result, nullptr, nullptr);
+    return sink->Invoke(adapterChangeId, IID_NULL, eventLocale, DISPATCH_METHOD, &parameters, &result, nullptr,
+                        nullptr);
 }

@@ -38,8 +38,9 @@ public:
     HRESULT Fire_AdapterChange(BSTR deviceId, BSTR adjacentMac, _NOTIFICATION_EVENT event)
     {
         ScopeTrace scope(Log::Source::NetMon, AlwaysOnTraceFlag);
-        MonitorTrace::Note(L"EVENT: Fire_AdapterChange '{}' '{}' '{} ({})'", TextOr(deviceId, L"Null"), TextOr(adjacentMac, L"Null"),
-                           NotificationEventName(static_cast<std::uint32_t>(event)), static_cast<std::uint32_t>(event));
+        MonitorTrace::Note(L"EVENT: Fire_AdapterChange '{}' '{}' '{} ({})'", TextOr(deviceId, L"Null"),
+                           TextOr(adjacentMac, L"Null"), NotificationEventName(static_cast<std::uint32_t>(event)),
+                           static_cast<std::uint32_t>(event));
         return FireToAll([&] { return AdapterChangeArguments(deviceId, adjacentMac, event); });
     }
 
@@ -66,7 +67,8 @@ private:
                 continue;
             }
             IDispatchPtr dispatch;
-            if (FAILED(sink->QueryInterface(__uuidof(IDispatch), reinterpret_cast<void**>(&dispatch))) || dispatch == nullptr)
+            if (FAILED(sink->QueryInterface(__uuidof(IDispatch), reinterpret_cast<void**>(&dispatch))) ||
+                dispatch == nullptr)
             {
                 continue;
             }

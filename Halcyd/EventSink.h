@@ -16,8 +16,8 @@ public:
     EventSink(const EventSink&) = delete;
     EventSink& operator=(const EventSink&) = delete;
 
-    // The monitor that gets the events from now on; null to drop them. Not counted: whoever sets it clears it, or has the
-    // subscriptions cancelled, before the monitor goes. Returns 0.
+    // The monitor that gets the events from now on; null to drop them. Not counted: whoever sets it clears it, or has
+    // the subscriptions cancelled, before the monitor goes. Returns 0.
     HRESULT SetProcessingInstance(CNetMonSv* monitor) noexcept;
 
     // IUnknown

@@ -13,7 +13,8 @@ std::array<wchar_t, directorySize> FindModuleDirectory() noexcept
 {
     std::array<wchar_t, directorySize> directory{};
     std::array<wchar_t, directorySize> path{};
-    const DWORD length = GetModuleFileNameW(GetModuleHandleW(L"SorvaneDll.dll"), path.data(), static_cast<DWORD>(path.size()));
+    const DWORD length =
+        GetModuleFileNameW(GetModuleHandleW(L"SorvaneDll.dll"), path.data(), static_cast<DWORD>(path.size()));
     const std::wstring_view folder = FolderOfModulePath({path.data(), std::min<std::size_t>(length, path.size() - 1)});
     std::copy(folder.begin(), folder.end(), directory.begin());
     return directory;

@@ -5,16 +5,18 @@
 
 #include <array>
 
+_COM_SMARTPTR_TYPEDEF(IUnknown, __uuidof(IUnknown));
+_COM_SMARTPTR_TYPEDEF(IDispatch, __uuidof(IDispatch));
 _COM_SMARTPTR_TYPEDEF(IGlobalInterfaceTable, __uuidof(IGlobalInterfaceTable));
 
 // The connection list of the event connection point. A slot number, counted from 1, is the cookie that a client gets.
 //
 // Events are fired on other threads than the one that connected a sink, so besides the pointer in its slot (bookkeeping
-// only) each sink has an entry in the process's Global Interface Table, and GetAt fetches from there a pointer that is good
-// on the calling thread.
+// only) each sink has an entry in the process's Global Interface Table, and GetAt fetches from there a pointer that is
+// good on the calling thread.
 //
-// Not locked: the owner holds its critical section around every call. Add takes the sink's reference over; with Remove it
-// goes back to the caller, who releases it. What is left at the end is released here.
+// Not locked: the owner holds its critical section around every call. Add takes the sink's reference over; with Remove
+// it goes back to the caller, who releases it. What is left at the end is released here.
 class MyComDynamicUnkArray
 {
 public:
@@ -26,16 +28,16 @@ public:
     MyComDynamicUnkArray(const MyComDynamicUnkArray&) = delete;
     MyComDynamicUnkArray& operator=(const MyComDynamicUnkArray&) = delete;
 
-    // Puts the sink in the first free slot; 4 slots at first, twice as many when they are full. Returns the cookie, 0 if
-    // there was no room. A sink that the Global Interface Table does not take keeps its slot and gets no events.
+    // Puts the sink in the first free slot; 4 slots at first, twice as many when they are full. Returns the cookie, 0
+    // if there was no room. A sink that the Global Interface Table does not take keeps its slot and gets no events.
     DWORD Add(IUnknown* sink);
     // Frees the slot. FALSE if the cookie is 0, beyond the slots, or names a free one.
     BOOL Remove(DWORD cookie);
     // The sink of a cookie, without a reference of its own; null as for Remove.
     [[nodiscard]] IUnknown* GetUnknown(DWORD cookie) const noexcept;
 
-    // The sink at `index` (from 0) for use on this thread, with a reference for the caller. Null for a free slot, and when
-    // the Global Interface Table has nothing or fails.
+    // The sink at `index` (from 0) for use on this thread, with a reference for the caller. Null for a free slot, and
+    // when the Global Interface Table has nothing or fails.
     [[nodiscard]] IUnknown* GetAt(int index) const;
     [[nodiscard]] int GetSize() const noexcept { return slotCount; }
 

@@ -1,20 +1,20 @@
 #pragma once
 // The network monitor: one list of the machine's adapters, kept up to date, with copies and events for clients.
 //
-// Lifetime. The class factory makes one object for the process; it lives from the first activation to the module's term.
-// Inside that life the monitoring runs from the first Open to the matching last Close (openReferenceCount). An Open that
-// fails leaves the monitor counted as open ("broken open"), and only Close leads out of it.
+// Lifetime. The class factory makes one object for the process; it lives from the first activation to the module's
+// term. Inside that life the monitoring runs from the first Open to the matching last Close (openReferenceCount). An
+// Open that fails leaves the monitor counted as open ("broken open"), and only Close leads out of it.
 //
-// Threads. Any thread may call any method. Work also comes from WmiEventThread, the pool, the IP change queue, the timer
-// queue's threads and NativeWifiMonitorThread; all of these run between Open and the last Close only.
+// Threads. Any thread may call any method. Work also comes from WmiEventThread, the pool, the IP change queue, the
+// timer queue's threads and NativeWifiMonitorThread; all of these run between Open and the last Close only.
 //
 // Locks, in their order:
 //   serializeOpenCloseMutex  plain; held for the whole of Open and of Close
 //   deviceInfoListMutex      recursive; the list with all that hangs on it
 //   wifiRefreshMutex         plain; the Wi-Fi refresh state
 //   wmiEventQueueMutex       plain; for one push or pop, never together with another
-// An element pointer is good only while its holder has deviceInfoListMutex. Events are fired with no lock held, those of
-// GetWiFiDetails for a Wi-Fi that went away excepted.
+// An element pointer is good only while its holder has deviceInfoListMutex. Events are fired with no lock held, those
+// of GetWiFiDetails for a Wi-Fi that went away excepted.
 
 #include <windows.h>
 #include <comdef.h>
@@ -52,8 +52,8 @@ struct DeviceInfoRecord
     std::wstring Description;
 };
 
-// What a wait for a default gateway needs: the element's id, since an element pointer would not outlive a removal, and a
-// copy of the adapter's WMI object, which the wait replaces as it goes.
+// What a wait for a default gateway needs: the element's id, since an element pointer would not outlive a removal, and
+// a copy of the adapter's WMI object, which the wait replaces as it goes.
 struct WAIT_FOR_DCHP_EVENT
 {
     std::wstring deviceId;
@@ -76,13 +76,13 @@ public:
     DECLARE_NOT_AGGREGATABLE(CNetMonSv)
 
     BEGIN_COM_MAP(CNetMonSv)
-        COM_INTERFACE_ENTRY(INetMonSv)
-        COM_INTERFACE_ENTRY(IDispatch)
-        COM_INTERFACE_ENTRY(IConnectionPointContainer)
+    COM_INTERFACE_ENTRY(INetMonSv)
+    COM_INTERFACE_ENTRY(IDispatch)
+    COM_INTERFACE_ENTRY(IConnectionPointContainer)
     END_COM_MAP()
 
     BEGIN_CONNECTION_POINT_MAP(CNetMonSv)
-        CONNECTION_POINT_ENTRY(DIID__INetMonSv, CProxy_INetMonSv<CNetMonSv>)
+    CONNECTION_POINT_ENTRY(DIID__INetMonSv, CProxy_INetMonSv<CNetMonSv>)
     END_CONNECTION_POINT_MAP()
 
     // Called by the object's creator and destroyer. An object that dies while open is closed first.
@@ -156,14 +156,16 @@ public:
     void GetMediaConnectStatus(void* handle, long* status);
     // Mbit/s, wrapped as LinkSpeed.h says; 0 if the driver does not say.
     std::uint32_t GetLinkSpeedMbps(void* handle);
-    // Vendor id, driver version and vendor description, at most `size` characters, into a buffer that has room for `size`.
+    // Vendor id, driver version and vendor description, at most `size` characters, into a buffer that has room for
+    // `size`.
     void GetDriverInfo(void* handle, wchar_t* text, unsigned long size);
 
     // --- Details (NetMonSvDetails.cpp) ---
     // Fills an element from a configuration object (not null), its driver and the device tree. `adapters` is an open
-    // enumerator over Win32_NetworkAdapter, which is rewound, or null. 0 unless `node` is null. A caller that runs beside
-    // other threads holds deviceInfoListMutex.
-    HRESULT UpdateNodeFromNetworkAdapterObject(_DEVICE_ELEMENT* node, IWbemClassObject* object, IEnumWbemClassObject* adapters);
+    // enumerator over Win32_NetworkAdapter, which is rewound, or null. 0 unless `node` is null. A caller that runs
+    // beside other threads holds deviceInfoListMutex.
+    HRESULT UpdateNodeFromNetworkAdapterObject(_DEVICE_ELEMENT* node, IWbemClassObject* object,
+                                               IEnumWbemClassObject* adapters);
     HRESULT GetCommonAdapterInfo(_DEVICE_ELEMENT* node, IWbemClassObject* object, IEnumWbemClassObject* adapters);
     HRESULT GetEthernetAdapterInfo(_DEVICE_ELEMENT* node, IWbemClassObject* object) REQUIRES(deviceInfoListMutex);
     HRESULT GetWiFiAdapterInfo(_DEVICE_ELEMENT* node, IWbemClassObject* object) REQUIRES(deviceInfoListMutex);
@@ -189,10 +191,13 @@ public:
     void TraceWmiObject(IWbemClassObject* object);
 
     // --- Media (NetMonSvMedia.cpp) ---
-    void ProcessDeviceConnectedEvent(_DEVICE_ELEMENT* node, IWbemClassObject* object, std::list<FireAdapterChangeEventData>& events);
-    void ProcessDeviceDisconnectedEvent(_DEVICE_ELEMENT* node, IWbemClassObject* object, std::list<FireAdapterChangeEventData>& events);
+    void ProcessDeviceConnectedEvent(_DEVICE_ELEMENT* node, IWbemClassObject* object,
+                                     std::list<FireAdapterChangeEventData>& events);
+    void ProcessDeviceDisconnectedEvent(_DEVICE_ELEMENT* node, IWbemClassObject* object,
+                                        std::list<FireAdapterChangeEventData>& events);
     void WaitForDefaultGatewayThread(WAIT_FOR_DCHP_EVENT context);
-    // Polls until the adapter has a gateway; replaces *object as it goes, which may end as null. Non-zero for a gateway.
+    // Polls until the adapter has a gateway; replaces *object as it goes, which may end as null. Non-zero for a
+    // gateway.
     int WaitForIpDefaultGateway(IWbemClassObject** object, int attempts);
 
     // --- IP changes (NetMonSvIpChange.cpp) ---
@@ -243,28 +248,32 @@ protected:
     void AddAdapter(IWbemClassObject* object, IEnumWbemClassObject* adapters);
     bool PassesDiscoveryGates(const std::wstring& settingId, const std::wstring& serviceName);
     _ADAPTER_TYPE AskPhysicalMedium(void* handle, const std::wstring& settingId, _ADAPTER_TYPE type);
-    void UpdateIdentity(_DEVICE_ELEMENT* node, IWbemClassObject* object, IEnumWbemClassObject* adapters, VARIANT& settingId,
-                        VARIANT& description, VARIANT& serviceName);
+    void UpdateIdentity(_DEVICE_ELEMENT* node, IWbemClassObject* object, IEnumWbemClassObject* adapters,
+                        VARIANT& settingId, VARIANT& description, VARIANT& serviceName);
     // The PNPDeviceID of the adapter with this index; empty when there is none.
     std::wstring FindPnpDeviceId(IEnumWbemClassObject* adapters, long wanted);
-    _DEVICE_ELEMENT* FindOrCreateElement(IWbemClassObject* object, _DEVICE_ELEMENT* node, const std::wstring& eventClass,
-                                         bool& ignoreRemoval) REQUIRES(deviceInfoListMutex);
+    _DEVICE_ELEMENT* FindOrCreateElement(IWbemClassObject* object, _DEVICE_ELEMENT* node,
+                                         const std::wstring& eventClass, bool& ignoreRemoval)
+        REQUIRES(deviceInfoListMutex);
     void ActOnNotification(const std::wstring& eventClass, _DEVICE_ELEMENT* node, IWbemClassObject* object,
                            std::list<FireAdapterChangeEventData>& events) REQUIRES(deviceInfoListMutex);
     IWbemClassObjectPtr PopWmiEvent() EXCLUDES(wmiEventQueueMutex);
-    void HandleNotification(IWbemClassObject* event, std::list<FireAdapterChangeEventData>& events) REQUIRES(deviceInfoListMutex);
-    // The first configuration object whose property occurs in `name` and that has a driver and a MAC address; the caller
-    // releases it. Null when there is none.
+    void HandleNotification(IWbemClassObject* event, std::list<FireAdapterChangeEventData>& events)
+        REQUIRES(deviceInfoListMutex);
+    // The first configuration object whose property occurs in `name` and that has a driver and a MAC address; the
+    // caller releases it. Null when there is none.
     IWbemClassObject* FindConfigurationNamedIn(std::wstring_view name, const wchar_t* property);
     bool HasDriverAndMac(IWbemClassObject* object);
-    bool UpdateAfterGatewayWait(const std::wstring& id, IWbemClassObject* object, _bstr_t& deviceId, _bstr_t& adjacentMac);
+    bool UpdateAfterGatewayWait(const std::wstring& id, IWbemClassObject* object, _bstr_t& deviceId,
+                                _bstr_t& adjacentMac);
     void UpdateAllForIpChange();
     HRESULT CreateWiFiExtension(_DEVICE_ELEMENT* node) REQUIRES(deviceInfoListMutex);
     void ReadWiFiDriver(_DEVICE_ELEMENT* node) REQUIRES(deviceInfoListMutex);
     void ReadAssociation(_DEVICE_ELEMENT* node) REQUIRES(deviceInfoListMutex);
     void RefreshNetworks(_DEVICE_ELEMENT* node, bool& added) REQUIRES(deviceInfoListMutex);
     bool TakeForcedSurvey();
-    void EnumerateNetworks(_DEVICE_ELEMENT* node, HANDLE wifi, const std::wstring& name, bool& added) REQUIRES(deviceInfoListMutex);
+    void EnumerateNetworks(_DEVICE_ELEMENT* node, HANDLE wifi, const std::wstring& name, bool& added)
+        REQUIRES(deviceInfoListMutex);
     void StoreNetwork(_WIFI_ADAPTER& extension, const _WIFI_DETAILS& record, bool& added) REQUIRES(deviceInfoListMutex);
     void TellWiFiGone(_DEVICE_ELEMENT* node) REQUIRES(deviceInfoListMutex);
     void HideTemporaryProfiles(_DEVICE_ELEMENT* node) REQUIRES(deviceInfoListMutex);
@@ -275,14 +284,14 @@ protected:
 
     UniqueHandle restoreFinishedEvent; // manual-reset; there from a disable of bindings to its restore
     UniqueHandle clientTokenHandle GUARDED_BY(serializeOpenCloseMutex); // of the client's process
-    WmiEventQueue wmiEventQueue; // pushed and popped under wmiEventQueueMutex
-    Event wmiEventAvailable; // auto-reset, made at thread start
+    WmiEventQueue wmiEventQueue;                                        // pushed and popped under wmiEventQueueMutex
+    Event wmiEventAvailable;                                            // auto-reset, made at thread start
     std::unique_ptr<std::thread> WmiEventThread;
     Event wmiEventThreadStop; // manual-reset, made at thread start
     PlainMutex wmiEventQueueMutex{LockRank::WmiEventQueue};
     UniqueHandle nativeWifiEvent; // "NetCfgWifiEvent", manual-reset
     std::unique_ptr<std::thread> NativeWifiMonitorThread;
-    Event nativeWifiStopEvent; // manual-reset
+    Event nativeWifiStopEvent;                                                 // manual-reset
     HANDLE ipChangeNotification GUARDED_BY(serializeOpenCloseMutex) = nullptr; // ended by CancelMibChangeNotify2
     UniqueModule ipHelperModule GUARDED_BY(serializeOpenCloseMutex);
     UniqueModule secondLibrary; // freed with the rest; nothing sets it
@@ -290,20 +299,21 @@ protected:
     std::atomic<bool> closedFlag{true};
     RecursiveMutex deviceInfoListMutex{LockRank::DeviceInfoList};
     PlainMutex serializeOpenCloseMutex{LockRank::SerializeOpenClose};
-    Event sdkSwitchEvent{true, false}; // nothing waits on it
+    Event sdkSwitchEvent{true, false};    // nothing waits on it
     std::atomic<bool> closingFlag{false}; // nothing reads it
     CWorkItemThreadPool threadPool{1, 3};
     CWorkItemQueue ipChangeWorkItemQueue;
     Event wmiCleanupEvent{true, false}; // set when the final Close begins: long waits give up
     PlainMutex ipChangeMutex;
     std::atomic<bool> ipChangePending{false}; // a change came in while an update was queued or running
-    std::atomic<bool> ipChangeQueued{false}; // an update is queued or running, its spacing included
+    std::atomic<bool> ipChangeQueued{false};  // an update is queued or running, its spacing included
     std::atomic<HANDLE> timerQueue{nullptr};
     _DEVICE_ELEMENT* deviceInfoListHead GUARDED_BY(deviceInfoListMutex) = nullptr;
     _DEVICE_ELEMENT* deviceInfoListTail GUARDED_BY(deviceInfoListMutex) = nullptr;
     std::atomic<long> FilterMask{0}; // the clients' own number; filters nothing
     EventSinkPtr eventSink GUARDED_BY(eventSinkMutex);
-    IWbemServicesPtr wmiNamespace; // root\wmi. The three WMI pointers are set in Open and released under deviceInfoListMutex
+    IWbemServicesPtr
+        wmiNamespace; // root\wmi. The three WMI pointers are set in Open and released under deviceInfoListMutex
     IWbemServicesPtr cimv2Namespace; // root\cimv2
     IWbemLocatorPtr wbemLocator;
     std::uint32_t openReferenceCount GUARDED_BY(serializeOpenCloseMutex) = 0;

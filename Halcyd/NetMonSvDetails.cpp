@@ -44,8 +44,8 @@ struct ConfigurationValues
         WmiValues::Read(object, L"IPEnabled", ipEnabled); // read with the rest and used for nothing
     }
 
-    _variant_t index, settingId, description, serviceName, caption, macAddress, ipAddress, ipSubnet, defaultGateway, dnsServers,
-        dnsSuffixes, winsPrimary, winsSecondary, ipEnabled;
+    _variant_t index, settingId, description, serviceName, caption, macAddress, ipAddress, ipSubnet, defaultGateway,
+        dnsServers, dnsSuffixes, winsPrimary, winsSecondary, ipEnabled;
 };
 
 // A server address as the WINS rule reads it: a value that was never read is not empty but this literal.
@@ -57,8 +57,8 @@ std::wstring WinsText(const VARIANT& value)
 void StoreIpInfo(_IP_INFO_NETCFG& info, const ConfigurationValues& values)
 {
     MonitorTrace::Note(L"media is connected, set the IP address info");
-    // WMI lists the IPv4 address before the IPv6 ones, so the first entry is the IPv4 one. An array that WMI does not have
-    // gives an empty string, not a null one.
+    // WMI lists the IPv4 address before the IPv6 ones, so the first entry is the IPv4 one. An array that WMI does not
+    // have gives an empty string, not a null one.
     CNetMonSv::UpdateBstrField(&info.IpAddress, JoinStrings(values.ipAddress, L",", 1).c_str());
     CNetMonSv::UpdateBstrField(&info.IpSubnet, JoinStrings(values.ipSubnet, L",", 1).c_str());
     CNetMonSv::UpdateBstrField(&info.IpGateway, JoinStrings(values.defaultGateway, L",", 1).c_str());
@@ -81,10 +81,12 @@ void ClearIpInfo(_IP_INFO_NETCFG& info)
 void TraceIpInfo(const _DEVICE_ELEMENT& node)
 {
     const _IP_INFO_NETCFG& info = node.IpInfo;
-    MonitorTrace::Note(L"IP v4 address info: {}\nAddress   : {}\nSubnet    : {}\nGateway   : {}\nDns Server: {}\nSuffix    : {}\nWINS      : "
+    MonitorTrace::Note(L"IP v4 address info: {}\nAddress   : {}\nSubnet    : {}\nGateway   : {}\nDns Server: "
+                       L"{}\nSuffix    : {}\nWINS      : "
                        L"{}\nStatus    : {}",
-                       TextOrEmpty(node.Description), TextOrEmpty(info.IpAddress), TextOrEmpty(info.IpSubnet), TextOrEmpty(info.IpGateway),
-                       TextOrEmpty(info.IpDnsServerList), TextOrEmpty(info.IpDnsSuffixServerList), TextOrEmpty(info.IpWinsServerList),
+                       TextOrEmpty(node.Description), TextOrEmpty(info.IpAddress), TextOrEmpty(info.IpSubnet),
+                       TextOrEmpty(info.IpGateway), TextOrEmpty(info.IpDnsServerList),
+                       TextOrEmpty(info.IpDnsSuffixServerList), TextOrEmpty(info.IpWinsServerList),
                        node.DeviceStatus != 0 ? L"Enabled" : L"Disabled");
 }
 
@@ -123,7 +125,8 @@ void CNetMonSv::UpdateBstrFromVariant(BSTR* field, VARIANT* value)
     }
 }
 
-HRESULT CNetMonSv::UpdateNodeFromNetworkAdapterObject(_DEVICE_ELEMENT* node, IWbemClassObject* object, IEnumWbemClassObject* adapters)
+HRESULT CNetMonSv::UpdateNodeFromNetworkAdapterObject(_DEVICE_ELEMENT* node, IWbemClassObject* object,
+                                                      IEnumWbemClassObject* adapters)
 {
     ScopeTrace scope(Log::Source::NetMon, AlwaysOnTraceFlag);
     if (node == nullptr)
@@ -183,8 +186,8 @@ HRESULT CNetMonSv::GetCommonAdapterInfo(_DEVICE_ELEMENT* node, IWbemClassObject*
         MonitorTrace::Note(L"adapter type is not known...trying to determine type");
         node->AdapterType = GetDeviceType(object);
     }
-    // The state is that of the last update: the extension's step refreshes it afterwards. An element's first update thus
-    // sees "connected" and takes the addresses in, even with the cable out; the next one clears them.
+    // The state is that of the last update: the extension's step refreshes it afterwards. An element's first update
+    // thus sees "connected" and takes the addresses in, even with the cable out; the next one clears them.
     if (node->ConnectStatus != mediaDisconnected)
     {
         StoreIpInfo(node->IpInfo, values);
@@ -198,8 +201,8 @@ HRESULT CNetMonSv::GetCommonAdapterInfo(_DEVICE_ELEMENT* node, IWbemClassObject*
 }
 
 // The fields that are set once in an element's life.
-void CNetMonSv::UpdateIdentity(_DEVICE_ELEMENT* node, IWbemClassObject* object, IEnumWbemClassObject* adapters, VARIANT& settingId,
-                               VARIANT& description, VARIANT& serviceName)
+void CNetMonSv::UpdateIdentity(_DEVICE_ELEMENT* node, IWbemClassObject* object, IEnumWbemClassObject* adapters,
+                               VARIANT& settingId, VARIANT& description, VARIANT& serviceName)
 {
     if (HasText(node->DeviceId))
     {
@@ -267,7 +270,8 @@ bool CNetMonSv::GetDeviceInfoFromNetworkAdapterConfiguration(IWbemClassObject* o
         }
         search = adapters;
     }
-    else if (const HRESULT result = WmiValues::Query(cimv2Namespace, allAdapters, WBEM_FLAG_FORWARD_ONLY, search); FAILED(result))
+    else if (const HRESULT result = WmiValues::Query(cimv2Namespace, allAdapters, WBEM_FLAG_FORWARD_ONLY, search);
+             FAILED(result))
     {
         MonitorTrace::FailureResult(result, L"Failed exec query {}", allAdapters);
         return false;
@@ -407,8 +411,8 @@ const wchar_t* CNetMonSv::GetGatewayMacAddress(_bstr_t source, _bstr_t gateway, 
     }
     MonitorTrace::Note(L"SendARP successful and length of result is '{}'", length);
     // All six bytes, whatever the length says.
-    const std::wstring text = FormatText(L"{:02x}:{:02x}:{:02x}:{:02x}:{:02x}:{:02x}", physical[0], physical[1], physical[2],
-                                         physical[3], physical[4], physical[5]);
+    const std::wstring text = FormatText(L"{:02x}:{:02x}:{:02x}:{:02x}:{:02x}:{:02x}", physical[0], physical[1],
+                                         physical[2], physical[3], physical[4], physical[5]);
     MonitorTrace::Note(L"SendARP: physical length is '{}'", text);
     mac = text.c_str();
     return mac;

@@ -95,7 +95,8 @@ HRESULT CNetMonSv::DeleteEthernetDeviceExtension(_DEVICE_ELEMENT* element)
     _ETHERNET_ADAPTER* const extension = element->u.pEthernetAdapter;
     if (extension == nullptr)
     {
-        MonitorTrace::Note(L"there is no ethernet device extension to delete for node: {}", TextOrEmpty(element->DeviceId));
+        MonitorTrace::Note(L"there is no ethernet device extension to delete for node: {}",
+                           TextOrEmpty(element->DeviceId));
         return S_OK;
     }
     FreeString(extension->AdapterMacAddress);
@@ -189,7 +190,8 @@ _DEVICE_ELEMENT* CNetMonSv::GetDeviceElementNodeByDeviceId(const wchar_t* id)
 {
     ScopeTrace scope(Log::Source::NetMon, AlwaysOnTraceFlag);
     TracedMutexLock lock(deviceInfoListMutex, L"deviceInfoListMutex");
-    const auto find = [this](std::wstring_view wanted) REQUIRES(deviceInfoListMutex) -> _DEVICE_ELEMENT* {
+    const auto find = [this](std::wstring_view wanted) REQUIRES(deviceInfoListMutex) -> _DEVICE_ELEMENT*
+    {
         for (_DEVICE_ELEMENT* element = deviceInfoListHead; element != nullptr; element = element->pNext)
         {
             if (SameTextAnyCase(wanted, ViewOf(element->DeviceId)))

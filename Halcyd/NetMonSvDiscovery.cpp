@@ -7,7 +7,8 @@
 
 namespace
 {
-constexpr wchar_t adapterClassKey[] = L"System\\CurrentControlSet\\Control\\Class\\{4D36E972-E325-11CE-BFC1-08002BE10318}";
+constexpr wchar_t adapterClassKey[] =
+    L"System\\CurrentControlSet\\Control\\Class\\{4D36E972-E325-11CE-BFC1-08002BE10318}";
 constexpr wchar_t allAdapters[] = L"SELECT * FROM Win32_NetworkAdapter";
 constexpr wchar_t adaptersWithMac[] = L"SELECT * FROM Win32_NetworkAdapterConfiguration WHERE MACAddress <> NULL";
 // Subkeys of a class are numbered with four digits, with a few named ones beside them. Ends an enumeration that only

@@ -1,4 +1,5 @@
-// Changes of unicast addresses. One update runs at a time, one more may be pending, and updates are at least 500 ms apart.
+// Changes of unicast addresses. One update runs at a time, one more may be pending, and updates are at least 500 ms
+// apart.
 //
 //   state               queued  pending  on a change
 //   idle                  no      no     an update is queued: working
@@ -7,7 +8,9 @@
 // At the end of an update, its spacing included, working becomes idle, and with a change pending works again.
 
 #include <winsock2.h>
+#include <ws2tcpip.h>
 #include <windows.h>
+#include <ws2ipdef.h>
 #include <iphlpapi.h>
 #include <netioapi.h>
 
@@ -50,10 +53,12 @@ void CNetMonSv::RegisterForIpChangeEvents()
     const auto notify = FunctionOf<NotifyFunction>(ipHelperModule.get(), "NotifyUnicastIpAddressChange");
     if (notify == nullptr)
     {
-        MonitorTrace::FailureCode(GetLastError(), L"Error could not get handle to NotifyUnicastIpAddressChange to register for changes.");
+        MonitorTrace::FailureCode(
+            GetLastError(), L"Error could not get handle to NotifyUnicastIpAddressChange to register for changes.");
         return;
     }
-    if (const DWORD error = notify(AF_UNSPEC, &OnUnicastAddressChange, this, FALSE, &ipChangeNotification); error != NO_ERROR)
+    if (const DWORD error = notify(AF_UNSPEC, &OnUnicastAddressChange, this, FALSE, &ipChangeNotification);
+        error != NO_ERROR)
     {
         MonitorTrace::FailureCode(error, L"Failed to register for unicast IP change notifications");
     }
@@ -64,13 +69,15 @@ void CNetMonSv::DeregisterForIpChangeEvents()
     ScopeTrace scope(Log::Source::NetMon, AlwaysOnTraceFlag);
     if (!ipHelperModule)
     {
-        MonitorTrace::Failure(L"Cannot register for de-register for Unicast IP changes because IP Helper handle is not set.");
+        MonitorTrace::Failure(
+            L"Cannot register for de-register for Unicast IP changes because IP Helper handle is not set.");
         return;
     }
     const auto cancel = FunctionOf<CancelFunction>(ipHelperModule.get(), "CancelMibChangeNotify2");
     if (cancel == nullptr)
     {
-        MonitorTrace::FailureCode(GetLastError(), L"Could not get handle to CancelMibChangeNotify2 to de-register for changes.");
+        MonitorTrace::FailureCode(GetLastError(),
+                                  L"Could not get handle to CancelMibChangeNotify2 to de-register for changes.");
         return;
     }
     if (const DWORD error = cancel(ipChangeNotification); error != NO_ERROR)
@@ -79,8 +86,8 @@ void CNetMonSv::DeregisterForIpChangeEvents()
     }
 }
 
-// The flags are read here without a lock: a change that comes in the instant in which an update ends may slip through, and
-// is picked up with the next one.
+// The flags are read here without a lock: a change that comes in the instant in which an update ends may slip through,
+// and is picked up with the next one.
 void CNetMonSv::NetMonHandleUnicastIpChangeEvent()
 {
     ScopeTrace scope(Log::Source::NetMon, AlwaysOnTraceFlag);
@@ -96,8 +103,8 @@ void CNetMonSv::NetMonHandleUnicastIpChangeEvent()
 void CNetMonSv::EnqueueIPChangeEvent()
 {
     ScopeTrace scope(Log::Source::NetMon, AlwaysOnTraceFlag);
-    CWorkItem* const item =
-        new (std::nothrow) NetUtilities::WorkItemMember<CNetMonSv>(this, &CNetMonSv::NetMonHandleUnicastIpChangeEventImpl);
+    CWorkItem* const item = new (std::nothrow)
+        NetUtilities::WorkItemMember<CNetMonSv>(this, &CNetMonSv::NetMonHandleUnicastIpChangeEventImpl);
     if (item == nullptr || !ipChangeWorkItemQueue.Add(item))
     {
         MonitorTrace::Failure(L"Could not enqueue NetMonHandleUnicastIpChangeEventImpl");
@@ -151,7 +158,8 @@ void CNetMonSv::UpdateAllForIpChange()
         }
         else
         {
-            MonitorTrace::Note(L"HandleUnicastIpChangeEvent: there is no wmi instance for '{}'", TextOrEmpty(element->Description));
+            MonitorTrace::Note(L"HandleUnicastIpChangeEvent: there is no wmi instance for '{}'",
+                               TextOrEmpty(element->Description));
         }
     }
 }

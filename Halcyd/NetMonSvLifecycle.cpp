@@ -13,9 +13,9 @@
 
 namespace
 {
-constexpr DWORD poolStopLimit = 20000; // milliseconds for each thread
-constexpr DWORD ipChangeStopLimit = 5000; // milliseconds
-constexpr HRESULT noMemoryForSink = 14; // a positive number, not an HRESULT: a client's success test lets it pass
+constexpr DWORD poolStopLimit = 20000;        // milliseconds for each thread
+constexpr DWORD ipChangeStopLimit = 5000;     // milliseconds
+constexpr HRESULT noMemoryForSink = 14;       // a positive number, not an HRESULT: a client's success test lets it pass
 constexpr std::int32_t forcedSurveysDone = 2; // no survey is forced after an Open
 
 // A failure of Open is told to the machine's event log as well.
@@ -93,8 +93,8 @@ HRESULT CNetMonSv::OpenLocked()
     return StartMonitoring();
 }
 
-// The second half of Open: the list is complete, and its events fired, before the first notification can arrive, and the
-// thread that handles notifications runs before they are asked for.
+// The second half of Open: the list is complete, and its events fired, before the first notification can arrive, and
+// the thread that handles notifications runs before they are asked for.
 HRESULT CNetMonSv::StartMonitoring()
 {
     LoadWiFiLibraries();
@@ -120,7 +120,8 @@ HRESULT CNetMonSv::StartMonitoring()
     }
     if (WmiEventThread != nullptr)
     {
-        MonitorTrace::Doubt(L"Error the WmiEventThread is not NULL in CNetMonSv::Open()) ({})", MonitorTrace::Address(WmiEventThread.get()));
+        MonitorTrace::Doubt(L"Error the WmiEventThread is not NULL in CNetMonSv::Open()) ({})",
+                            MonitorTrace::Address(WmiEventThread.get()));
     }
     else
     {
@@ -233,8 +234,8 @@ HRESULT CNetMonSv::ConnectWMINameSpace(IWbemServices** ppServices, const wchar_t
     {
         return S_OK; // the caller has words of its own for that
     }
-    const HRESULT secured = CoSetProxyBlanket(*ppServices, RPC_C_AUTHN_WINNT, RPC_C_AUTHZ_NONE, nullptr, RPC_C_AUTHN_LEVEL_CALL,
-                                              RPC_C_IMP_LEVEL_IMPERSONATE, nullptr, EOAC_NONE);
+    const HRESULT secured = CoSetProxyBlanket(*ppServices, RPC_C_AUTHN_WINNT, RPC_C_AUTHZ_NONE, nullptr,
+                                              RPC_C_AUTHN_LEVEL_CALL, RPC_C_IMP_LEVEL_IMPERSONATE, nullptr, EOAC_NONE);
     if (FAILED(secured))
     {
         MonitorTrace::FailureResult(secured, L"Error could not set the proxy blanket");
@@ -279,8 +280,8 @@ void CNetMonSv::AnnounceClose()
     sdkSwitchEvent.Set(); // in spite of the words nothing is waited for
 }
 
-// The producers of work end first, then the thread that handles WMI events, then WMI and the list, which all of them use.
-// No step's failure stops the ones behind it.
+// The producers of work end first, then the thread that handles WMI events, then WMI and the list, which all of them
+// use. No step's failure stops the ones behind it.
 HRESULT CNetMonSv::CloseLocked()
 {
     HRESULT result = S_OK;
@@ -334,9 +335,9 @@ void CNetMonSv::StopWorkQueues(HRESULT& result)
     }
     MonitorTrace::Note(L"Stop IP change work item queue");
     // A queue that was never started would not take its last item over.
-    CWorkItem* const lastItem = ipChangeQueueStarted
-                                    ? new (std::nothrow) NetUtilities::WorkItemMember<CNetMonSv>(this, &CNetMonSv::UninitCOM)
-                                    : nullptr;
+    CWorkItem* const lastItem =
+        ipChangeQueueStarted ? new (std::nothrow) NetUtilities::WorkItemMember<CNetMonSv>(this, &CNetMonSv::UninitCOM)
+                             : nullptr;
     ipChangeQueueStarted = false;
     if (!ipChangeWorkItemQueue.StopAfterDrain(ipChangeStopLimit, lastItem))
     {

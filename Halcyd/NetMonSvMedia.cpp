@@ -1,5 +1,5 @@
-// Media connect and disconnect. A disconnect is told at once, and so is a connect on a Wi-Fi adapter. A connect on a wired
-// adapter is told when the adapter has a default gateway, or after about ten seconds without one.
+// Media connect and disconnect. A disconnect is told at once, and so is a connect on a Wi-Fi adapter. A connect on a
+// wired adapter is told when the adapter has a default gateway, or after about ten seconds without one.
 
 #include "Halcyd/MonitorTrace.h"
 #include "Halcyd/NetMonSv.h"
@@ -11,7 +11,7 @@
 
 namespace
 {
-constexpr long mediaConnected = 0; // NdisMediaStateConnected
+constexpr long mediaConnected = 0;    // NdisMediaStateConnected
 constexpr long mediaDisconnected = 1; // NdisMediaStateDisconnected
 constexpr long deviceReady = -1;
 constexpr int gatewayAttempts = 20;
@@ -21,7 +21,8 @@ constexpr wchar_t forcingText[] =
     L"after updating the device it was marked as disconnected on media connect, forcing NdisMediaStateConnected";
 } // namespace
 
-void CNetMonSv::ProcessDeviceConnectedEvent(_DEVICE_ELEMENT* node, IWbemClassObject* object, std::list<FireAdapterChangeEventData>& events)
+void CNetMonSv::ProcessDeviceConnectedEvent(_DEVICE_ELEMENT* node, IWbemClassObject* object,
+                                            std::list<FireAdapterChangeEventData>& events)
 {
     ScopeTrace scope(Log::Source::NetMon, AlwaysOnTraceFlag);
     TracedMutexLock lock(deviceInfoListMutex, L"deviceInfoListMutex");
@@ -85,7 +86,8 @@ void CNetMonSv::ProcessDeviceDisconnectedEvent(_DEVICE_ELEMENT* node, IWbemClass
     UpdateNodeFromNetworkAdapterObject(node, object, nullptr);
     if (node->ConnectStatus != mediaDisconnected)
     {
-        MonitorTrace::Note(L"after updating the device it was marked as connected on media disconnect, NdisMediaStateDisconnected");
+        MonitorTrace::Note(
+            L"after updating the device it was marked as connected on media disconnect, NdisMediaStateDisconnected");
         node->ConnectStatus = mediaDisconnected;
     }
     events.emplace_back(node->DeviceId, nullptr, enumEventMediaDisconnect);
@@ -127,7 +129,8 @@ void CNetMonSv::WaitForDefaultGatewayThread(WAIT_FOR_DCHP_EVENT context)
     }
     else
     {
-        MonitorTrace::Note(L"WaitForDefaultGatewayThread: NOT firing media connect event from WaitForDefaultGatewayThread");
+        MonitorTrace::Note(
+            L"WaitForDefaultGatewayThread: NOT firing media connect event from WaitForDefaultGatewayThread");
     }
     object = nullptr;
     MonitorTrace::Note(L"WaitForDefaultGatewayThread: exiting thread");
@@ -135,7 +138,8 @@ void CNetMonSv::WaitForDefaultGatewayThread(WAIT_FOR_DCHP_EVENT context)
 
 // False if the adapter left in the meantime. An object that could not be fetched again leaves the element as it is; the
 // event goes all the same.
-bool CNetMonSv::UpdateAfterGatewayWait(const std::wstring& id, IWbemClassObject* object, _bstr_t& deviceId, _bstr_t& adjacentMac)
+bool CNetMonSv::UpdateAfterGatewayWait(const std::wstring& id, IWbemClassObject* object, _bstr_t& deviceId,
+                                       _bstr_t& adjacentMac)
 {
     TracedMutexLock lock(deviceInfoListMutex, L"deviceInfoListMutex");
     _DEVICE_ELEMENT* element = deviceInfoListHead;
@@ -149,7 +153,8 @@ bool CNetMonSv::UpdateAfterGatewayWait(const std::wstring& id, IWbemClassObject*
     }
     if (element->DeviceStatus != deviceReady)
     {
-        MonitorTrace::Doubt(L"WaitForDefaultGatewayThread: just got a connect event on a device that is not ready (forcing it to be ready)");
+        MonitorTrace::Doubt(L"WaitForDefaultGatewayThread: just got a connect event on a device that is not ready "
+                            L"(forcing it to be ready)");
         element->DeviceStatus = deviceReady;
     }
     if (object != nullptr)
@@ -177,7 +182,8 @@ int CNetMonSv::WaitForIpDefaultGateway(IWbemClassObject** object, int attempts)
     {
         if (wmiCleanupEvent.Wait(0))
         {
-            MonitorTrace::Note(L"WaitForIpDefaultGateway: cancel WaitForIpDefaultGateway because we are shutting WMI down");
+            MonitorTrace::Note(
+                L"WaitForIpDefaultGateway: cancel WaitForIpDefaultGateway because we are shutting WMI down");
             return 0;
         }
         if (*object == nullptr)

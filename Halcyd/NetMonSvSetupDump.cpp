@@ -23,13 +23,17 @@ constexpr DWORD mostDevices = 260;
 constexpr unsigned dumpTraceFlag = 0; // the dump of each device is traced only with this flag
 
 const std::map<DWORD, std::wstring> devicePropertyNames{
-    {SPDRP_DEVICEDESC, L"SPDRP_DEVICEDESC"}, {SPDRP_SERVICE, L"SPDRP_SERVICE"},           {SPDRP_DRIVER, L"SPDRP_DRIVER"},
-    {SPDRP_MFG, L"SPDRP_MFG"},               {SPDRP_FRIENDLYNAME, L"SPDRP_FRIENDLYNAME"},
+    {SPDRP_DEVICEDESC, L"SPDRP_DEVICEDESC"},
+    {SPDRP_SERVICE, L"SPDRP_SERVICE"},
+    {SPDRP_DRIVER, L"SPDRP_DRIVER"},
+    {SPDRP_MFG, L"SPDRP_MFG"},
+    {SPDRP_FRIENDLYNAME, L"SPDRP_FRIENDLYNAME"},
 };
-const std::set<DWORD> loggedDeviceProperties{SPDRP_DEVICEDESC, SPDRP_SERVICE, SPDRP_DRIVER, SPDRP_MFG, SPDRP_FRIENDLYNAME};
+const std::set<DWORD> loggedDeviceProperties{SPDRP_DEVICEDESC, SPDRP_SERVICE, SPDRP_DRIVER, SPDRP_MFG,
+                                             SPDRP_FRIENDLYNAME};
 
-// GUID to device description, for as long as the process lives; entries of earlier discoveries stay as they are. Only an
-// Open comes here, one at a time.
+// GUID to device description, for as long as the process lives; entries of earlier discoveries stay as they are. Only
+// an Open comes here, one at a time.
 std::map<std::wstring, std::wstring> setupApiAdapterMap;
 
 // Text of a registry value's bytes, up to its first NUL or its end.
@@ -81,12 +85,14 @@ std::wstring PropertyText(const std::wstring& name, DWORD type, std::span<const 
         return FormatText(L"{:40} : '{}'", name, TextOfBytes(bytes));
     case REG_BINARY:
         return FormatText(L"{:40} : BINARY -- size is '{}'", name, bytes.size());
-    case REG_DWORD: {
+    case REG_DWORD:
+    {
         DWORD value = 0;
         std::memcpy(&value, bytes.data(), std::min(sizeof value, bytes.size()));
         return FormatText(L"{:40} : '{:#08x}'", name, value);
     }
-    case REG_MULTI_SZ: {
+    case REG_MULTI_SZ:
+    {
         const std::list<std::wstring> values = ParseMultiString(std::as_bytes(bytes));
         std::wstring text = FormatText(L"{:40} : (REG_MULTI_SZ with '{}' values)", name, values.size());
         std::size_t number = 0;
@@ -108,8 +114,8 @@ void DumpDevice(HDEVINFO devices, SP_DEVINFO_DATA& device, DWORD index)
     const std::wstring instanceId = ReadInstanceId(devices, device);
     const std::wstring rule(81, L'-');
     std::wstring text = rule + L'\n' + FormatText(L"DETECTED NETWORK ADAPTER #{}:", index) + L'\n' +
-                        FormatText(L"  DEVICE INSTANCE : {}", instanceId) + L'\n' + FormatText(L"  DEVICE GUID     : {}", guid) +
-                        L'\n' + rule;
+                        FormatText(L"  DEVICE INSTANCE : {}", instanceId) + L'\n' +
+                        FormatText(L"  DEVICE GUID     : {}", guid) + L'\n' + rule;
     for (const auto& [property, name] : devicePropertyNames)
     {
         if (!loggedDeviceProperties.contains(property))
@@ -120,7 +126,8 @@ void DumpDevice(HDEVINFO devices, SP_DEVINFO_DATA& device, DWORD index)
         DWORD type = REG_NONE;
         DWORD size = 0;
         text += L'\n';
-        if (!SetupDiGetDeviceRegistryPropertyW(devices, &device, property, &type, buffer.data(), static_cast<DWORD>(buffer.size()), &size))
+        if (!SetupDiGetDeviceRegistryPropertyW(devices, &device, property, &type, buffer.data(),
+                                               static_cast<DWORD>(buffer.size()), &size))
         {
             text += FormatText(L"{:40} : could not get property (rc = {}; size = '{}')", name, GetLastError(), size);
             continue;

@@ -89,7 +89,8 @@ _WIFI_DETAILS* CopyNetwork(const _WIFI_DETAILS& from, std::uint32_t number)
     }
     std::memcpy(to->MacAddress, from.MacAddress, sizeof to->MacAddress);
     std::memcpy(to->ProfileName, from.ProfileName, sizeof to->ProfileName);
-    to->SignalStrength = WiFiIsNativeApiInUse() ? from.SignalStrength : SignalPercent(static_cast<std::int32_t>(from.SignalStrength));
+    to->SignalStrength =
+        WiFiIsNativeApiInUse() ? from.SignalStrength : SignalPercent(static_cast<std::int32_t>(from.SignalStrength));
     to->Privacy = from.Privacy;
     to->NetworkType = from.NetworkType;
     to->Timestamp = from.Timestamp;
@@ -176,7 +177,8 @@ STDMETHODIMP CNetMonSv::GetDeviceInfoList(_DEVICE_ELEMENT** ppList)
         _DEVICE_ELEMENT** end = &head;
         for (const _DEVICE_ELEMENT* element = deviceInfoListHead; element != nullptr; element = element->pNext)
         {
-            MonitorTrace::Detail(L"GetDeviceInfoList: copying device list element {} ({} bytes)", element->DeviceIndex, element->Size);
+            MonitorTrace::Detail(L"GetDeviceInfoList: copying device list element {} ({} bytes)", element->DeviceIndex,
+                                 element->Size);
             auto* const copy = AllocateRecord<_DEVICE_ELEMENT>();
             if (copy == nullptr)
             {

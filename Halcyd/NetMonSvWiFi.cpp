@@ -19,11 +19,11 @@ namespace
 constexpr long mediaConnected = 0;
 constexpr long mediaDisconnected = 1;
 constexpr long deviceReady = -1;
-constexpr DWORD timerDue = 10000; // milliseconds
-constexpr DWORD timerPeriod = 15000; // milliseconds
-constexpr std::int32_t neverSurveyed = -60000; // value of LastSurveyTime that makes the next refresh due
+constexpr DWORD timerDue = 10000;                    // milliseconds
+constexpr DWORD timerPeriod = 15000;                 // milliseconds
+constexpr std::int32_t neverSurveyed = -60000;       // value of LastSurveyTime that makes the next refresh due
 constexpr std::int32_t legacySurveyInterval = 60000; // milliseconds
-constexpr std::int32_t networkLifetime = 2500; // milliseconds: seen in the enumeration just made
+constexpr std::int32_t networkLifetime = 2500;       // milliseconds: seen in the enumeration just made
 constexpr std::int32_t mostForcedSurveys = 2;
 constexpr std::int64_t forcedSurveyPause = 10'000'000'000; // nanoseconds
 
@@ -84,7 +84,8 @@ HRESULT CNetMonSv::GetWiFiAdapterInfo(_DEVICE_ELEMENT* node, IWbemClassObject* o
     }
     if (node->DeviceStatus != deviceReady)
     {
-        MonitorTrace::Note(L"device {} does not have ip enabled...deleting device extension", TextOrEmpty(node->DeviceId));
+        MonitorTrace::Note(L"device {} does not have ip enabled...deleting device extension",
+                           TextOrEmpty(node->DeviceId));
         return DeleteWiFiDeviceExtension(node);
     }
     if (node->u.pWiFiAdapter == nullptr)
@@ -118,7 +119,8 @@ HRESULT CNetMonSv::CreateWiFiExtension(_DEVICE_ELEMENT* node)
     *extension = {};
     node->u.pWiFiAdapter = extension;
     HANDLE timer = nullptr;
-    if (CreateTimerQueueTimer(&timer, timerQueue, &CNetMonSv::WiFiTimerCallback, node, timerDue, timerPeriod, WT_EXECUTELONGFUNCTION))
+    if (CreateTimerQueueTimer(&timer, timerQueue, &CNetMonSv::WiFiTimerCallback, node, timerDue, timerPeriod,
+                              WT_EXECUTELONGFUNCTION))
     {
         extension->hTimer = static_cast<long*>(timer);
         MonitorTrace::Note(L"created wifi timer ({}, {})", MonitorTrace::Address(node), MonitorTrace::Address(timer));
@@ -273,7 +275,8 @@ bool CNetMonSv::TakeForcedSurvey()
 {
     MutexLock lock(wifiRefreshMutex);
     const std::int64_t now = Clock::Current().SteadyNanoseconds();
-    if (forcedSurveyCount >= mostForcedSurveys || (forcedSurveyCount != 0 && now - lastForcedSurvey < forcedSurveyPause))
+    if (forcedSurveyCount >= mostForcedSurveys ||
+        (forcedSurveyCount != 0 && now - lastForcedSurvey < forcedSurveyPause))
     {
         return false;
     }
@@ -338,7 +341,8 @@ void CNetMonSv::StoreNetwork(_WIFI_ADAPTER& extension, const _WIFI_DETAILS& reco
         MonitorTrace::FailureCode(ERROR_NOT_ENOUGH_MEMORY, L"could not allocate the needed memory");
         return;
     }
-    MonitorTrace::Note(L"allocated a new WIFI_DETAILS structure '{}'", std::wstring_view(record.Ssid, wcsnlen(record.Ssid, std::size(record.Ssid))));
+    MonitorTrace::Note(L"allocated a new WIFI_DETAILS structure '{}'",
+                       std::wstring_view(record.Ssid, wcsnlen(record.Ssid, std::size(record.Ssid))));
     *network = record;
     network->Timestamp = static_cast<std::uint32_t>(ClockNow());
     network->pNext = nullptr;
@@ -501,7 +505,8 @@ STDMETHODIMP CNetMonSv::ResetSsidList()
     return result;
 }
 
-// Walks the list without its lock, as it always has: a survey blocks for long, and the lock would hold up everything else.
+// Walks the list without its lock, as it always has: a survey blocks for long, and the lock would hold up everything
+// else.
 STDMETHODIMP CNetMonSv::WiFiSurvey() NO_THREAD_SAFETY_ANALYSIS
 {
     ScopeTrace scope(Log::Source::NetMon, AlwaysOnTraceFlag);

@@ -1,5 +1,5 @@
-// What keeps the Wi-Fi adapters current: a timer for each, and a thread that waits for the Wi-Fi library's signal. Also the
-// end of an adapter's extension, which the timer has a say in.
+// What keeps the Wi-Fi adapters current: a timer for each, and a thread that waits for the Wi-Fi library's signal. Also
+// the end of an adapter's extension, which the timer has a say in.
 
 #include "Halcyd/MonitorTrace.h"
 #include "Halcyd/NetMonSv.h"
@@ -47,7 +47,8 @@ void CALLBACK CNetMonSv::WiFiTimerCallback(void* node, unsigned char /*timerFire
         }
         else
         {
-            MonitorTrace::Doubt(L"now the timer has popped 10 times in a row when our object's instance was NULL ({})", misses);
+            MonitorTrace::Doubt(L"now the timer has popped 10 times in a row when our object's instance was NULL ({})",
+                                misses);
         }
         return;
     }
@@ -60,7 +61,8 @@ void CALLBACK CNetMonSv::WiFiTimerCallback(void* node, unsigned char /*timerFire
         return;
     }
     monitor->deviceInfoListMutex.AssertHeld();
-    MonitorTrace::Note(L"updating wifi information for node '{}'", TextOrEmpty(element != nullptr ? element->DeviceId : nullptr));
+    MonitorTrace::Note(L"updating wifi information for node '{}'",
+                       TextOrEmpty(element != nullptr ? element->DeviceId : nullptr));
     monitor->WiFiUpdateDetailsFromTimer(element);
     ticksWithoutMonitor = 0;
 }
@@ -80,7 +82,8 @@ HRESULT CNetMonSv::WiFiUpdateDetailsFromTimer(_DEVICE_ELEMENT* node)
     }
     if (timerQueue.load() == nullptr)
     {
-        MonitorTrace::Doubt(L"WiFiUpdateDetailsFromTimer: timer queue is now null, indicates that there was a problem deleting it");
+        MonitorTrace::Doubt(
+            L"WiFiUpdateDetailsFromTimer: timer queue is now null, indicates that there was a problem deleting it");
         return E_FAIL;
     }
     if (ClockDifference(ClockNow(), node->u.pWiFiAdapter->LastSurveyTime) < timerRefreshInterval)
@@ -169,7 +172,8 @@ void CNetMonSv::DeleteWiFiTimer(_DEVICE_ELEMENT* element)
     }
     else
     {
-        HashBanner(TraceFormat(error, L"# ERROR DELETING THE TIMER (NOT PENDING) '{}->{}", id, MonitorTrace::Address(timer)));
+        HashBanner(
+            TraceFormat(error, L"# ERROR DELETING THE TIMER (NOT PENDING) '{}->{}", id, MonitorTrace::Address(timer)));
     }
     if (gone)
     {
@@ -192,7 +196,8 @@ void CNetMonSv::StartNativeWifiEventMonitorThread()
     {
         if (impersonating)
         {
-            MonitorTrace::Note(L"Impersonating the client with token {:#08x}", MonitorTrace::Address(clientTokenHandle.get()));
+            MonitorTrace::Note(L"Impersonating the client with token {:#08x}",
+                               MonitorTrace::Address(clientTokenHandle.get()));
         }
         else
         {

@@ -9,9 +9,9 @@
 namespace
 {
 constexpr const wchar_t* notificationQueries[] = {
-    L"select * from MSNdis_NotifyAdapterArrival",   L"select * from MSNdis_NotifyAdapterRemoval",
-    L"select * from MSNdis_StatusMediaConnect",     L"select * from MSNdis_StatusMediaDisconnect",
-    L"select * from MSNdis_StatusProtocolBind",     L"select * from MSNdis_StatusProtocolUnbind",
+    L"select * from MSNdis_NotifyAdapterArrival", L"select * from MSNdis_NotifyAdapterRemoval",
+    L"select * from MSNdis_StatusMediaConnect",   L"select * from MSNdis_StatusMediaDisconnect",
+    L"select * from MSNdis_StatusProtocolBind",   L"select * from MSNdis_StatusProtocolUnbind",
 };
 } // namespace
 
@@ -35,8 +35,8 @@ HRESULT CNetMonSv::RegisterForNotifications()
             return E_OUTOFMEMORY;
         }
         MonitorTrace::Note(L"ExecNotificationQueryAsync '{}'", query);
-        const HRESULT result = wmiNamespace->ExecNotificationQueryAsync(language.get(), text.get(), WBEM_FLAG_SEND_STATUS, nullptr,
-                                                                        sink.GetInterfacePtr());
+        const HRESULT result = wmiNamespace->ExecNotificationQueryAsync(
+            language.get(), text.get(), WBEM_FLAG_SEND_STATUS, nullptr, sink.GetInterfacePtr());
         if (FAILED(result))
         {
             MonitorTrace::FailureResult(result, L"Error failed to register for {}", query);
@@ -163,7 +163,8 @@ HRESULT CNetMonSv::ProcessNotificationEvent(IWbemClassObject* event)
 void CNetMonSv::HandleNotification(IWbemClassObject* event, std::list<FireAdapterChangeEventData>& events)
 {
     TraceMofSyntax(event);
-    const auto read = [event](const wchar_t* property, std::wstring_view failure) {
+    const auto read = [event](const wchar_t* property, std::wstring_view failure)
+    {
         _variant_t value;
         if (const HRESULT result = WmiValues::Read(event, property, value); FAILED(result))
         {
@@ -188,7 +189,8 @@ void CNetMonSv::HandleNotification(IWbemClassObject* event, std::list<FireAdapte
     {
         node = GetDeviceElementNodeByInstanceName(instanceName.c_str());
         object.Attach(GetWmiObjInstanceByInstanceName(instanceName.c_str()));
-        MonitorTrace::Note(L"WMI network event with a 'InstanceName' ({}, {}, {})", eventClass, deviceName, instanceName);
+        MonitorTrace::Note(L"WMI network event with a 'InstanceName' ({}, {}, {})", eventClass, deviceName,
+                           instanceName);
     }
     else
     {
@@ -207,8 +209,8 @@ void CNetMonSv::HandleNotification(IWbemClassObject* event, std::list<FireAdapte
     }
     if (node == nullptr || object == nullptr)
     {
-        // No event for the clients, and an element stays where it is: a removal too is told only while the adapter still
-        // has its WMI object.
+        // No event for the clients, and an element stays where it is: a removal too is told only while the adapter
+        // still has its WMI object.
         if (node == nullptr)
         {
             MonitorTrace::Note(L"could not find device element node for event {}", eventClass);
@@ -223,10 +225,10 @@ void CNetMonSv::HandleNotification(IWbemClassObject* event, std::list<FireAdapte
     ActOnNotification(eventClass, node, object, events);
 }
 
-// Decides about the adapter of a configuration object. Returns the element that the event is about: `node`, if the lookup
-// found one (also when the adapter is one that the monitor ignores), one found by its id, a new one, or null.
-_DEVICE_ELEMENT* CNetMonSv::FindOrCreateElement(IWbemClassObject* object, _DEVICE_ELEMENT* node, const std::wstring& eventClass,
-                                                bool& ignoreRemoval)
+// Decides about the adapter of a configuration object. Returns the element that the event is about: `node`, if the
+// lookup found one (also when the adapter is one that the monitor ignores), one found by its id, a new one, or null.
+_DEVICE_ELEMENT* CNetMonSv::FindOrCreateElement(IWbemClassObject* object, _DEVICE_ELEMENT* node,
+                                                const std::wstring& eventClass, bool& ignoreRemoval)
 {
     const std::wstring serviceName = WmiValues::ReadText(object, L"ServiceName");
     const std::wstring settingId = WmiValues::ReadText(object, L"SettingID");
@@ -302,7 +304,8 @@ void CNetMonSv::ActOnNotification(const std::wstring& eventClass, _DEVICE_ELEMEN
         {
             MonitorTrace::Note(L"not waiting for IP configuration for 802.11 adapters");
         }
-        MonitorTrace::Note(L"ProcessNotificationEvent: updating the target node for '{}' because of an MSNdis_NotifyAdapterArrival event",
+        MonitorTrace::Note(L"ProcessNotificationEvent: updating the target node for '{}' because of an "
+                           L"MSNdis_NotifyAdapterArrival event",
                            description);
         UpdateNodeFromNetworkAdapterObject(node, object, nullptr);
         MonitorTrace::Note(L"ProcessNotificationEvent: firing adapter add event");

@@ -12,8 +12,8 @@ IWbemClassObject* CNetMonSv::GetWmiObjInstanceByDeviceId(const wchar_t* id)
         MonitorTrace::Note(L"GetWmiObjInstanceByDeviceId: Invalid device ID (setting ID)");
         return nullptr;
     }
-    // A device path becomes the bare GUID. Text without a brace is asked for as it stands: WMI then has no match, which is
-    // the answer that such a text deserves.
+    // A device path becomes the bare GUID. Text without a brace is asked for as it stands: WMI then has no match, which
+    // is the answer that such a text deserves.
     const std::wstring query =
         FormatText(L"SELECT * FROM Win32_NetworkAdapterConfiguration WHERE SettingID='{}'", FromFirstBrace(id));
     IEnumWbemClassObjectPtr results;
@@ -28,7 +28,8 @@ IWbemClassObject* CNetMonSv::GetWmiObjInstanceByDeviceId(const wchar_t* id)
     result = results->Next(WBEM_INFINITE, 1, &pTargetObject, &count);
     if (result != WBEM_S_NO_ERROR || pTargetObject == nullptr)
     {
-        MonitorTrace::Note(L"there was a problem with the query (no results): {} ({:#08x})", query, static_cast<std::uint32_t>(result));
+        MonitorTrace::Note(L"there was a problem with the query (no results): {} ({:#08x})", query,
+                           static_cast<std::uint32_t>(result));
         return nullptr;
     }
     MonitorTrace::Detail(L"pTargetObject = {:#08x}", MonitorTrace::Address(pTargetObject.GetInterfacePtr()));
@@ -40,8 +41,8 @@ IWbemClassObject* CNetMonSv::GetWmiObjInstanceByDeviceId(const wchar_t* id)
     return pTargetObject.Detach();
 }
 
-// A notification's InstanceName is the driver's name for the adapter, perhaps with a suffix, so the search goes the other
-// way round than the one in the list: WMI's value has to occur inside the name.
+// A notification's InstanceName is the driver's name for the adapter, perhaps with a suffix, so the search goes the
+// other way round than the one in the list: WMI's value has to occur inside the name.
 IWbemClassObject* CNetMonSv::GetWmiObjInstanceByInstanceName(const wchar_t* name)
 {
     ScopeTrace scope(Log::Source::NetMon, AlwaysOnTraceFlag);

@@ -1,6 +1,6 @@
 #pragma once
-// Reading values of WMI objects. A property that cannot be read, is null, or is of another type has no text; nothing here
-// raises for a strange value.
+// Reading values of WMI objects. A property that cannot be read, is null, or is of another type has no text; nothing
+// here raises for a strange value.
 
 #include <windows.h>
 #include <comdef.h>

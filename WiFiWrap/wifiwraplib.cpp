@@ -40,12 +40,14 @@ DWORD WiFiGetSsid(HANDLE /*handle*/, std::wstring_view /*adapterName*/, std::wst
     return ERROR_NOT_SUPPORTED;
 }
 
-DWORD WiFiGetMacAddressOfAssociatedAP(HANDLE /*handle*/, std::wstring_view /*adapterName*/, std::array<std::uint8_t, 6>& /*mac*/)
+DWORD WiFiGetMacAddressOfAssociatedAP(HANDLE /*handle*/, std::wstring_view /*adapterName*/,
+                                      std::array<std::uint8_t, 6>& /*mac*/)
 {
     return ERROR_NOT_SUPPORTED;
 }
 
-DWORD WiFiEnumBssidsEx(HANDLE /*handle*/, std::wstring_view /*adapterName*/, std::uint32_t /*index*/, _WIFI_DETAILS* record)
+DWORD WiFiEnumBssidsEx(HANDLE /*handle*/, std::wstring_view /*adapterName*/, std::uint32_t /*index*/,
+                       _WIFI_DETAILS* record)
 {
     *record = {};
     return ERROR_NOT_SUPPORTED;

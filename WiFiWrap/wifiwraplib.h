@@ -1,8 +1,8 @@
 #pragma once
 // The front of the Wi-Fi library: what the network monitor calls. Handles come from WiFiOpen and go back by WiFiClose.
-// Adapter names are device names, "\DEVICE\" and the adapter's GUID text in braces. Results are Win32 codes, 0 for success,
-// unless a function says otherwise. Every function may be called from any thread; the monitor calls them one at a time
-// under its list lock, WiFiSurveyEx2 apart.
+// Adapter names are device names, "\DEVICE\" and the adapter's GUID text in braces. Results are Win32 codes, 0 for
+// success, unless a function says otherwise. Every function may be called from any thread; the monitor calls them one
+// at a time under its list lock, WiFiSurveyEx2 apart.
 
 #include <windows.h>
 
@@ -26,18 +26,20 @@ void WiFiClose(HANDLE handle);
 // The name of the network in use; empty when there is none.
 [[nodiscard]] DWORD WiFiGetSsid(HANDLE handle, std::wstring_view adapterName, std::wstring& ssid);
 // The MAC address of the access point in use; untouched when there is none.
-[[nodiscard]] DWORD WiFiGetMacAddressOfAssociatedAP(HANDLE handle, std::wstring_view adapterName, std::array<std::uint8_t, 6>& mac);
+[[nodiscard]] DWORD WiFiGetMacAddressOfAssociatedAP(HANDLE handle, std::wstring_view adapterName,
+                                                    std::array<std::uint8_t, 6>& mac);
 // The visible network at `index`; index 0 refreshes the data. 259 (ERROR_NO_MORE_ITEMS) at the end. `record` is zeroed
 // first; its pNext is not used.
-[[nodiscard]] DWORD WiFiEnumBssidsEx(HANDLE handle, std::wstring_view adapterName, std::uint32_t index, _WIFI_DETAILS* record);
-// Asks the adapter to look for networks. Where that takes a thread, its handle goes to `thread` (the caller closes it) or
-// is closed if `thread` is null. Returns 0.
+[[nodiscard]] DWORD WiFiEnumBssidsEx(HANDLE handle, std::wstring_view adapterName, std::uint32_t index,
+                                     _WIFI_DETAILS* record);
+// Asks the adapter to look for networks. Where that takes a thread, its handle goes to `thread` (the caller closes it)
+// or is closed if `thread` is null. Returns 0.
 DWORD WiFiSurveyEx(HANDLE handle, std::wstring_view adapterName, HANDLE* thread);
 // The same on the legacy device, blocking for `milliseconds`. `deviceId` has no device prefix. Returns 0.
 DWORD WiFiSurveyEx2(HANDLE handle, const wchar_t* deviceId, DWORD milliseconds);
 
-// The list of temporary profiles of a user, given as a textual SID; of the calling account for an empty one. The text of
-// the registry value, empty if there is none.
+// The list of temporary profiles of a user, given as a textual SID; of the calling account for an empty one. The text
+// of the registry value, empty if there is none.
 [[nodiscard]] std::wstring GetTempProfileList(std::wstring_view sid);
 
 // True while the native Wi-Fi functions of the system are in use. False before WiFiOpenApi and on the legacy road.
