@@ -292,7 +292,7 @@ std::wstring CNetMonSv::FindPnpDeviceId(IEnumWbemClassObject* adapters, long wan
     {
         IWbemClassObjectPtr adapter;
         ULONG count = 0;
-        if (adapters->Next(WBEM_INFINITE, 1, &adapter, &count) != WBEM_S_NO_ERROR || adapter == nullptr)
+        if (adapters->Next(WmiValues::NoTimeLimit, 1, &adapter, &count) != WBEM_S_NO_ERROR || adapter == nullptr)
         {
             return {};
         }

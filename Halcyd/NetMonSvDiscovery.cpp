@@ -44,7 +44,7 @@ HRESULT CNetMonSv::AddAdaptersFromWmi()
         IWbemClassObjectPtr object;
         ULONG count = 0;
         // A failure looks like the end of the list.
-        if (configurations->Next(WBEM_INFINITE, 1, &object, &count) != WBEM_S_NO_ERROR || object == nullptr)
+        if (configurations->Next(WmiValues::NoTimeLimit, 1, &object, &count) != WBEM_S_NO_ERROR || object == nullptr)
         {
             return S_OK;
         }

@@ -50,7 +50,7 @@ void CNetMonSv::ProcessDeviceConnectedEvent(_DEVICE_ELEMENT* node, IWbemClassObj
         events.emplace_back(node->DeviceId, GetAdjacentMac(node), enumEventMediaConnect);
         return;
     }
-    WAIT_FOR_DCHP_EVENT context{TextOrEmpty(node->DeviceId), nullptr};
+    WAIT_FOR_DCHP_EVENT context{TextOrEmpty(node->DeviceId), {}};
     if (const HRESULT result = object->Clone(&context.object); FAILED(result))
     {
         MonitorTrace::FailureResult(result, L"Error clone failed!"); // this connect is lost to the clients

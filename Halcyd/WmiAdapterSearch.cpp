@@ -25,7 +25,7 @@ IWbemClassObject* CNetMonSv::GetWmiObjInstanceByDeviceId(const wchar_t* id)
     }
     IWbemClassObjectPtr pTargetObject;
     ULONG count = 0;
-    result = results->Next(WBEM_INFINITE, 1, &pTargetObject, &count);
+    result = results->Next(WmiValues::NoTimeLimit, 1, &pTargetObject, &count);
     if (result != WBEM_S_NO_ERROR || pTargetObject == nullptr)
     {
         MonitorTrace::Note(L"there was a problem with the query (no results): {} ({:#08x})", query,
@@ -34,7 +34,7 @@ IWbemClassObject* CNetMonSv::GetWmiObjInstanceByDeviceId(const wchar_t* id)
     }
     MonitorTrace::Detail(L"pTargetObject = {:#08x}", MonitorTrace::Address(pTargetObject.GetInterfacePtr()));
     IWbemClassObjectPtr second;
-    if (results->Next(WBEM_INFINITE, 1, &second, &count) == WBEM_S_NO_ERROR && second != nullptr)
+    if (results->Next(WmiValues::NoTimeLimit, 1, &second, &count) == WBEM_S_NO_ERROR && second != nullptr)
     {
         MonitorTrace::Doubt(L"there is more than one match for: {}", id);
     }
@@ -74,7 +74,7 @@ IWbemClassObject* CNetMonSv::FindConfigurationNamedIn(std::wstring_view name, co
     {
         IWbemClassObjectPtr object;
         ULONG count = 0;
-        result = results->Next(WBEM_INFINITE, 1, &object, &count);
+        result = results->Next(WmiValues::NoTimeLimit, 1, &object, &count);
         if (result != WBEM_S_NO_ERROR || object == nullptr)
         {
             if (first)

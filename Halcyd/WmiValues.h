@@ -33,6 +33,9 @@ using UniqueBstr = UniqueResource<HandleTraits::Bstr>; // SysFreeString
 
 namespace WmiValues
 {
+// For IEnumWbemClassObject::Next.
+inline constexpr long NoTimeLimit = static_cast<long>(WBEM_INFINITE);
+
 // Reads a property; a failure leaves `value` empty and is returned. `object` must not be null.
 HRESULT Read(IWbemClassObject* object, const wchar_t* property, _variant_t& value);
 
