@@ -1,0 +1,31 @@
+#pragma once
+// A text table. Pure.
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+class Table
+{
+public:
+    struct Column
+    {
+        std::wstring title;
+        // Columns that may be cut when the table is wider than wanted, down to this width; 0 for never.
+        std::size_t shrinkTo = 0;
+    };
+
+    explicit Table(std::vector<Column> tableColumns);
+
+    // One cell per column; cells may be styled but carry no line breaks.
+    void AddRow(std::vector<std::wstring> cells);
+    [[nodiscard]] bool Empty() const noexcept { return rows.empty(); }
+
+    // The table's lines without line breaks: titles, a rule, the rows. Wider than `maximumWidth` only if no column can shrink
+    // any more; 0 for no limit.
+    [[nodiscard]] std::vector<std::wstring> Lines(std::size_t maximumWidth) const;
+
+private:
+    std::vector<Column> columns;
+    std::vector<std::vector<std::wstring>> rows;
+};
