@@ -21,7 +21,7 @@ _variant_t StringArray(const std::vector<std::string>& utf8Items)
     }
     for (LONG index = 0; index < static_cast<LONG>(utf8Items.size()); ++index)
     {
-        const _bstr_t item = String(utf8Items[static_cast<std::size_t>(index)]);
+        _bstr_t item = String(utf8Items[static_cast<std::size_t>(index)]);
         if (FAILED(SafeArrayPutElement(array.get(), &index, item.GetBSTR())))
         {
             throw std::bad_alloc();

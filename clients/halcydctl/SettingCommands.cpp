@@ -49,7 +49,7 @@ public:
     }
 
     IDNS* operator->() const noexcept { return dns.GetInterfacePtr(); }
-    [[nodiscard]] BSTR Guid() const noexcept { return guid.GetBSTR(); }
+    [[nodiscard]] BSTR Guid() const noexcept { return guid; }
 
 private:
     IDNSPtr dns;
