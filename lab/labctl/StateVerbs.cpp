@@ -1,4 +1,5 @@
 // load, install, uninstall, dump, get, set.
+#include "lab/driver/LabDriver.h"
 #include "lab/labctl/Registry.h"
 #include "lab/labctl/Scenario.h"
 #include "lab/labctl/StatePath.h"
@@ -13,11 +14,27 @@ namespace lab::ctl {
 
 namespace {
 
-std::filesystem::path StandInBeside()
+std::filesystem::path FileBeside(const wchar_t* name)
 {
     wchar_t path[MAX_PATH];
     GetModuleFileNameW(nullptr, path, MAX_PATH);
-    return std::filesystem::path{path}.parent_path() / L"labwmi.dll";
+    return std::filesystem::path{path}.parent_path() / name;
+}
+
+void CheckDriver(std::uint32_t error, const char* what)
+{
+    if (error != ERROR_SUCCESS) {
+        throw std::runtime_error("could not " + std::string{what} + " the lab's driver: error " + std::to_string(error));
+    }
+}
+
+// A prefix that was cloned or started anew has the driver installed but not running.
+void WakeDriver()
+{
+    const std::uint32_t error = StartDriver();
+    if (error != ERROR_SERVICE_DOES_NOT_EXIST) {
+        CheckDriver(error, "start");
+    }
 }
 
 void AddLoad(CLI::App& app)
@@ -32,20 +49,28 @@ void AddLoad(CLI::App& app)
         machine.ClearFaults();
         machine.ClearJournal();
         WriteAdapterKeys(scenario);
+        WakeDriver();
         std::cout << "loaded '" << *name << "': " << scenario["adapters"].size() << " adapters\n";
     });
 }
 
 void AddInstall(CLI::App& app)
 {
-    CLI::App* verb = app.add_subcommand("install", "Put the stand-in for WMI and the adapters' keys into this prefix's registry");
+    CLI::App* verb = app.add_subcommand("install", "Put the stand-in for WMI, the driver and the adapters' keys into this prefix");
     auto dll = std::make_shared<std::string>();
     verb->add_option("--dll", *dll, "The stand-in; without it labwmi.dll beside this program");
     verb->callback([dll] {
-        InstallWmi(dll->empty() ? StandInBeside() : std::filesystem::absolute(Wide(*dll)));
+        InstallWmi(dll->empty() ? FileBeside(L"labwmi.dll") : std::filesystem::absolute(Wide(*dll)));
         WriteAdapterKeys(*Machine::Attach().Snapshot());
+        if (const auto image = FileBeside(L"lab.sys"); std::filesystem::is_regular_file(image)) {
+            CheckDriver(InstallDriver(image), "install");
+            WakeDriver();
+        }
     });
-    app.add_subcommand("uninstall", "Take the stand-in and all keys of the lab out of the registry")->callback([] { Uninstall(); });
+    app.add_subcommand("uninstall", "Take the stand-in, the driver and all keys of the lab out of the prefix")->callback([] {
+        Uninstall();
+        CheckDriver(RemoveDriver(), "remove");
+    });
 }
 
 void AddDump(CLI::App& app)
