@@ -117,10 +117,17 @@ std::vector<Json> Machine::ReadJournal(JournalPosition& position)
             lines.push_back(FromRecord(record));
         }
     }
-    std::stable_sort(lines.begin(), lines.end(), [](const Json& a, const Json& b) {
-        return a["time"].get_ref<const std::string&>() < b["time"].get_ref<const std::string&>();
-    });
-    return lines;
+    std::vector<std::pair<std::string, std::size_t>> order;
+    for (std::size_t i = 0; i < lines.size(); ++i) {
+        order.emplace_back(lines[i]["time"].get<std::string>(), i);
+    }
+    std::sort(order.begin(), order.end());
+    std::vector<Json> sorted;
+    sorted.reserve(lines.size());
+    for (const auto& entry : order) {
+        sorted.push_back(std::move(lines[entry.second]));
+    }
+    return sorted;
 }
 
 Call::Call(std::string_view name, Machine& machine) : m_machine(machine), m_name(name), m_journal(machine.JournalOn()) {}

@@ -130,13 +130,13 @@ HRESULT ClassObject::Get(LPCWSTR name, long flags, VARIANT* value, CIMTYPE* type
 {
     return Run("IWbemClassObject::Get", name, [&](Call& call) -> HRESULT {
         if (name == nullptr || flags != 0) {
-            return WBEM_E_INVALID_PARAMETER;
+            return Status(WBEM_E_INVALID_PARAMETER);
         }
         Found found;
         {
             const std::scoped_lock lock{m_mutex};
             if (!Find(name, found)) {
-                return WBEM_E_NOT_FOUND;
+                return Status(WBEM_E_NOT_FOUND);
             }
         }
         if (call.Journalled()) {
@@ -156,15 +156,15 @@ HRESULT ClassObject::Put(LPCWSTR name, long flags, VARIANT* value, CIMTYPE)
 {
     return Run("IWbemClassObject::Put", name, [&](Call& call) -> HRESULT {
         if (name == nullptr || flags != 0) {
-            return WBEM_E_INVALID_PARAMETER;
+            return Status(WBEM_E_INVALID_PARAMETER);
         }
         if (std::wstring_view{name}.substr(0, 2) == L"__") {
-            return WBEM_E_INVALID_OPERATION;
+            return Status(WBEM_E_INVALID_OPERATION);
         }
         const std::scoped_lock lock{m_mutex};
         const std::size_t index = m_class->Find(name);
         if (index == ClassType::npos || IsHidden(index)) {
-            return WBEM_E_NOT_FOUND;
+            return Status(WBEM_E_NOT_FOUND);
         }
         if (value == nullptr) { // "back to the class's default", which is nothing
             m_values[index] = std::monostate{};
@@ -199,7 +199,7 @@ HRESULT ClassObject::GetNames(LPCWSTR qualifier, long flags, VARIANT*, SAFEARRAY
 {
     return Run("IWbemClassObject::GetNames", nullptr, [&](Call&) -> HRESULT {
         if (names == nullptr || qualifier != nullptr) { // selection by qualifiers: none are kept here
-            return WBEM_E_INVALID_PARAMETER;
+            return Status(WBEM_E_INVALID_PARAMETER);
         }
         VARIANT list;
         const HRESULT result = ToVariant(Value{Names(flags)}, &list);
@@ -224,15 +224,15 @@ HRESULT ClassObject::Next(long, BSTR* name, VARIANT* value, CIMTYPE* type, long*
     return Run("IWbemClassObject::Next", nullptr, [&](Call&) -> HRESULT {
         const std::scoped_lock lock{m_mutex};
         if (!m_walking) {
-            return WBEM_E_UNEXPECTED;
+            return Status(WBEM_E_UNEXPECTED);
         }
         if (m_walkAt == m_walk.size()) {
-            return WBEM_S_NO_MORE_DATA;
+            return Status(WBEM_S_NO_MORE_DATA);
         }
         Found found;
         const std::wstring& current = m_walk[m_walkAt++];
         if (!Find(current, found)) {
-            return WBEM_E_FAILED;
+            return Status(WBEM_E_FAILED);
         }
         if (name != nullptr) {
             *name = NewText(current);
@@ -258,7 +258,7 @@ HRESULT ClassObject::Clone(IWbemClassObject** copy)
 {
     return Run("IWbemClassObject::Clone", nullptr, [&](Call&) -> HRESULT {
         if (copy == nullptr) {
-            return WBEM_E_INVALID_PARAMETER;
+            return Status(WBEM_E_INVALID_PARAMETER);
         }
         return Copy(copy);
     });
@@ -270,7 +270,7 @@ try {
     *copy = new ClassObject(m_genus, m_space, m_class, m_values, m_hidden);
     return S_OK;
 } catch (const std::bad_alloc&) {
-    return WBEM_E_OUT_OF_MEMORY;
+    return Status(WBEM_E_OUT_OF_MEMORY);
 }
 
 std::wstring ClassObject::Mof() const
@@ -306,7 +306,7 @@ HRESULT ClassObject::GetObjectText(long flags, BSTR* text)
 {
     return Run("IWbemClassObject::GetObjectText", nullptr, [&](Call&) -> HRESULT {
         if (text == nullptr || (flags & ~WBEM_FLAG_NO_FLAVORS) != 0) {
-            return WBEM_E_INVALID_PARAMETER;
+            return Status(WBEM_E_INVALID_PARAMETER);
         }
         const std::scoped_lock lock{m_mutex};
         *text = NewText(Mof());
@@ -318,11 +318,11 @@ HRESULT ClassObject::SpawnInstance(long flags, IWbemClassObject** instance)
 {
     return Run("IWbemClassObject::SpawnInstance", nullptr, [&](Call&) -> HRESULT {
         if (instance == nullptr || flags != 0) {
-            return WBEM_E_INVALID_PARAMETER;
+            return Status(WBEM_E_INVALID_PARAMETER);
         }
         // The input signature of a method is handed out as a class; only an instance has no instances.
         if (m_genus == Genus::Instance) {
-            return WBEM_E_INVALID_OPERATION;
+            return Status(WBEM_E_INVALID_OPERATION);
         }
         const std::scoped_lock lock{m_mutex};
         *instance = new ClassObject(Genus::Instance, m_space, m_class, m_values, m_hidden);
@@ -334,7 +334,7 @@ HRESULT ClassObject::CompareTo(long, IWbemClassObject* other)
 {
     return Run("IWbemClassObject::CompareTo", nullptr, [&](Call&) -> HRESULT {
         if (other == nullptr) {
-            return WBEM_E_INVALID_PARAMETER;
+            return Status(WBEM_E_INVALID_PARAMETER);
         }
         BSTR theirs = nullptr;
         const HRESULT result = other->GetObjectText(0, &theirs);
@@ -344,17 +344,17 @@ HRESULT ClassObject::CompareTo(long, IWbemClassObject* other)
         const std::wstring text{theirs, SysStringLen(theirs)};
         SysFreeString(theirs);
         const std::scoped_lock lock{m_mutex};
-        return text == Mof() ? WBEM_S_SAME : WBEM_S_DIFFERENT;
+        return text == Mof() ? Status(WBEM_S_SAME) : Status(WBEM_S_DIFFERENT);
     });
 }
 
 HRESULT ClassObject::GetPropertyOrigin(LPCWSTR name, BSTR* className)
 {
     if (name == nullptr || className == nullptr) {
-        return WBEM_E_INVALID_PARAMETER;
+        return Status(WBEM_E_INVALID_PARAMETER);
     }
     if (!Has(name)) {
-        return WBEM_E_NOT_FOUND;
+        return Status(WBEM_E_NOT_FOUND);
     }
     *className = NewText(std::wstring_view{name}.substr(0, 2) == L"__" ? std::wstring_view{L"___SYSTEM"} : m_class->name);
     return S_OK;
@@ -363,20 +363,20 @@ HRESULT ClassObject::GetPropertyOrigin(LPCWSTR name, BSTR* className)
 HRESULT ClassObject::InheritsFrom(LPCWSTR ancestor)
 {
     if (ancestor == nullptr) {
-        return WBEM_E_INVALID_PARAMETER;
+        return Status(WBEM_E_INVALID_PARAMETER);
     }
     bool is = EqualNoCase(m_class->name, ancestor);
     for (const std::wstring& name : m_class->ancestors) {
         is = is || EqualNoCase(name, ancestor);
     }
-    return is ? WBEM_S_NO_ERROR : WBEM_S_FALSE;
+    return is ? Status(WBEM_S_NO_ERROR) : Status(WBEM_S_FALSE);
 }
 
 HRESULT ClassObject::GetMethod(LPCWSTR name, long flags, IWbemClassObject** in, IWbemClassObject** out)
 {
     return Run("IWbemClassObject::GetMethod", name, [&](Call&) -> HRESULT {
         if (name == nullptr || flags != 0) {
-            return WBEM_E_INVALID_PARAMETER;
+            return Status(WBEM_E_INVALID_PARAMETER);
         }
         if (in != nullptr) {
             *in = nullptr;
@@ -385,11 +385,11 @@ HRESULT ClassObject::GetMethod(LPCWSTR name, long flags, IWbemClassObject** in, 
             *out = nullptr;
         }
         if (m_genus == Genus::Instance) {
-            return WBEM_E_ILLEGAL_OPERATION;
+            return Status(WBEM_E_ILLEGAL_OPERATION);
         }
         const MethodType* method = m_class->FindMethod(name);
         if (method == nullptr) {
-            return WBEM_E_NOT_FOUND;
+            return Status(WBEM_E_NOT_FOUND);
         }
         if (in != nullptr && !method->in.empty()) { // a method without input has no input signature
             *in = MakeClass(m_space, InputClass(*method)).Detach();
@@ -405,7 +405,7 @@ HRESULT ClassObject::BeginMethodEnumeration(long)
 {
     const std::scoped_lock lock{m_mutex};
     m_methodAt = 0;
-    return m_genus == Genus::Class ? S_OK : static_cast<HRESULT>(WBEM_E_ILLEGAL_OPERATION);
+    return m_genus == Genus::Class ? S_OK : Status(WBEM_E_ILLEGAL_OPERATION);
 }
 
 HRESULT ClassObject::NextMethod(long, BSTR* name, IWbemClassObject** in, IWbemClassObject** out)
@@ -414,7 +414,7 @@ HRESULT ClassObject::NextMethod(long, BSTR* name, IWbemClassObject** in, IWbemCl
     {
         const std::scoped_lock lock{m_mutex};
         if (m_methodAt == m_class->methods.size()) {
-            return WBEM_S_NO_MORE_DATA;
+            return Status(WBEM_S_NO_MORE_DATA);
         }
         current = m_class->methods[m_methodAt++].name;
     }
@@ -432,22 +432,22 @@ HRESULT ClassObject::EndMethodEnumeration()
 HRESULT ClassObject::GetMethodOrigin(LPCWSTR name, BSTR* className)
 {
     if (name == nullptr || className == nullptr) {
-        return WBEM_E_INVALID_PARAMETER;
+        return Status(WBEM_E_INVALID_PARAMETER);
     }
     if (m_class->FindMethod(name) == nullptr) {
-        return WBEM_E_NOT_FOUND;
+        return Status(WBEM_E_NOT_FOUND);
     }
     *className = NewText(m_class->name);
     return S_OK;
 }
 
 // The schema is fixed and keeps no qualifiers.
-HRESULT ClassObject::GetQualifierSet(IWbemQualifierSet**) { return WBEM_E_NOT_SUPPORTED; }
-HRESULT ClassObject::GetPropertyQualifierSet(LPCWSTR, IWbemQualifierSet**) { return WBEM_E_NOT_SUPPORTED; }
-HRESULT ClassObject::GetMethodQualifierSet(LPCWSTR, IWbemQualifierSet**) { return WBEM_E_NOT_SUPPORTED; }
-HRESULT ClassObject::Delete(LPCWSTR) { return WBEM_E_INVALID_OPERATION; }
-HRESULT ClassObject::SpawnDerivedClass(long, IWbemClassObject**) { return WBEM_E_NOT_SUPPORTED; }
-HRESULT ClassObject::PutMethod(LPCWSTR, long, IWbemClassObject*, IWbemClassObject*) { return WBEM_E_NOT_SUPPORTED; }
-HRESULT ClassObject::DeleteMethod(LPCWSTR) { return WBEM_E_NOT_SUPPORTED; }
+HRESULT ClassObject::GetQualifierSet(IWbemQualifierSet**) { return Status(WBEM_E_NOT_SUPPORTED); }
+HRESULT ClassObject::GetPropertyQualifierSet(LPCWSTR, IWbemQualifierSet**) { return Status(WBEM_E_NOT_SUPPORTED); }
+HRESULT ClassObject::GetMethodQualifierSet(LPCWSTR, IWbemQualifierSet**) { return Status(WBEM_E_NOT_SUPPORTED); }
+HRESULT ClassObject::Delete(LPCWSTR) { return Status(WBEM_E_INVALID_OPERATION); }
+HRESULT ClassObject::SpawnDerivedClass(long, IWbemClassObject**) { return Status(WBEM_E_NOT_SUPPORTED); }
+HRESULT ClassObject::PutMethod(LPCWSTR, long, IWbemClassObject*, IWbemClassObject*) { return Status(WBEM_E_NOT_SUPPORTED); }
+HRESULT ClassObject::DeleteMethod(LPCWSTR) { return Status(WBEM_E_NOT_SUPPORTED); }
 
 } // namespace lab::wmi

@@ -16,11 +16,11 @@ HRESULT Enumerator::Reset()
         return call.Result(static_cast<HRESULT>(*code));
     }
     if (m_forwardOnly) {
-        return call.Result(WBEM_E_INVALID_OPERATION);
+        return call.Result(Status(WBEM_E_INVALID_OPERATION));
     }
     const std::scoped_lock lock{m_mutex};
     m_position = 0;
-    return call.Result(WBEM_S_NO_ERROR);
+    return call.Result(Status(WBEM_S_NO_ERROR));
 }
 
 IWbemClassObject* Enumerator::Take()
@@ -45,7 +45,7 @@ HRESULT Enumerator::Next(long timeout, ULONG count, IWbemClassObject** objects, 
         return call.Result(static_cast<HRESULT>(*code));
     }
     if (objects == nullptr || returned == nullptr || (timeout < 0 && timeout != static_cast<long>(WBEM_INFINITE))) {
-        return call.Result(WBEM_E_INVALID_PARAMETER);
+        return call.Result(Status(WBEM_E_INVALID_PARAMETER));
     }
     if (FAILED(m_failure)) {
         return call.Result(m_failure);
@@ -54,17 +54,17 @@ HRESULT Enumerator::Next(long timeout, ULONG count, IWbemClassObject** objects, 
     while (*returned < count && m_position < m_objects.size()) {
         IWbemClassObject* const object = Take();
         if (object == nullptr) {
-            return call.Result(WBEM_E_OUT_OF_MEMORY);
+            return call.Result(Status(WBEM_E_OUT_OF_MEMORY));
         }
         objects[(*returned)++] = object;
     }
     call.Out("returned", *returned);
-    return call.Result(*returned == count ? WBEM_S_NO_ERROR : WBEM_S_FALSE);
+    return call.Result(*returned == count ? Status(WBEM_S_NO_ERROR) : Status(WBEM_S_FALSE));
 }
 
 HRESULT Enumerator::NextAsync(ULONG, IWbemObjectSink*)
 {
-    return Call{"IEnumWbemClassObject::NextAsync"}.Result(WBEM_E_NOT_SUPPORTED);
+    return Call{"IEnumWbemClassObject::NextAsync"}.Result(Status(WBEM_E_NOT_SUPPORTED));
 }
 
 HRESULT Enumerator::Clone(IEnumWbemClassObject** copy)
@@ -77,14 +77,14 @@ HRESULT Enumerator::Clone(IEnumWbemClassObject** copy)
         return call.Result(static_cast<HRESULT>(*code));
     }
     if (copy == nullptr) {
-        return call.Result(WBEM_E_INVALID_PARAMETER);
+        return call.Result(Status(WBEM_E_INVALID_PARAMETER));
     }
     if (m_forwardOnly) {
-        return call.Result(WBEM_E_INVALID_OPERATION);
+        return call.Result(Status(WBEM_E_INVALID_OPERATION));
     }
     const std::scoped_lock lock{m_mutex};
     *copy = new Enumerator(m_objects, false, m_position);
-    return call.Result(WBEM_S_NO_ERROR);
+    return call.Result(Status(WBEM_S_NO_ERROR));
 }
 
 HRESULT Enumerator::Skip(long timeout, ULONG count)
@@ -100,7 +100,7 @@ HRESULT Enumerator::Skip(long timeout, ULONG count)
     const std::scoped_lock lock{m_mutex};
     const std::size_t left = m_objects.size() - m_position;
     m_position += std::min<std::size_t>(left, count);
-    return call.Result(left >= count ? WBEM_S_NO_ERROR : WBEM_S_FALSE);
+    return call.Result(left >= count ? Status(WBEM_S_NO_ERROR) : Status(WBEM_S_FALSE));
 }
 
 } // namespace lab::wmi

@@ -208,7 +208,7 @@ bool HasIp(const Json& adapter)
 
 HRESULT RunMethod(const MethodType& method, std::wstring_view key, const ClassObject* in, std::int32_t& returnValue)
 {
-    HRESULT result = WBEM_E_NOT_FOUND;
+    HRESULT result = Status(WBEM_E_NOT_FOUND);
     const auto run = [&](Json& state, Events& events) {
         const ClassPointer type = FindClass(Namespace::Cimv2, L"Win32_NetworkAdapterConfiguration");
         Json* const adapter = key.empty() ? nullptr : const_cast<Json*>(FindByKey(*type, state, key));

@@ -28,15 +28,15 @@ template <class Body> HRESULT Guarded(Call& call, Body body) noexcept
     try {
         return call.Result(body());
     } catch (const std::bad_alloc&) {
-        return call.Result(WBEM_E_OUT_OF_MEMORY);
+        return call.Result(Status(WBEM_E_OUT_OF_MEMORY));
     } catch (const std::exception&) {
-        return call.Result(WBEM_E_PROVIDER_FAILURE);
+        return call.Result(Status(WBEM_E_PROVIDER_FAILURE));
     }
 }
 
 HRESULT Unsupported(std::string_view name)
 {
-    return Call{name}.Result(WBEM_E_NOT_SUPPORTED);
+    return Call{name}.Result(Status(WBEM_E_NOT_SUPPORTED));
 }
 
 // An enumerator over what a class has, or its failure: at once, or at the first Next of one that returns immediately.
@@ -46,9 +46,9 @@ HRESULT Enumerate(Namespace space, const std::wstring& className, const Conditio
     const ClassPointer type = FindClass(space, className);
     if (type == nullptr) {
         if ((flags & WBEM_FLAG_RETURN_IMMEDIATELY) == 0) {
-            return WBEM_E_INVALID_CLASS;
+            return Status(WBEM_E_INVALID_CLASS);
         }
-        *objects = new Enumerator(WBEM_E_INVALID_CLASS);
+        *objects = new Enumerator(Status(WBEM_E_INVALID_CLASS));
         return S_OK;
     }
     bool known = true;
@@ -56,7 +56,7 @@ HRESULT Enumerate(Namespace space, const std::wstring& className, const Conditio
         known = known && (type->Find(property) != ClassType::npos || property.substr(0, 2) == L"__");
     });
     if (!known) {
-        return WBEM_E_INVALID_QUERY;
+        return Status(WBEM_E_INVALID_QUERY);
     }
     auto found = Instances(space, type, *Machine::Attach().Snapshot(), where);
     call.Out("objects", found.size());
@@ -79,10 +79,10 @@ HRESULT Locator::ConnectServer(const BSTR resource, const BSTR user, const BSTR,
     }
     return Guarded(call, [&]() -> HRESULT {
         if (resource == nullptr || services == nullptr) {
-            return WBEM_E_INVALID_PARAMETER;
+            return Status(WBEM_E_INVALID_PARAMETER);
         }
         if (user != nullptr && *user != 0) {
-            return static_cast<HRESULT>(WBEM_E_LOCAL_CREDENTIALS);
+            return Status(WBEM_E_LOCAL_CREDENTIALS);
         }
         std::wstring name{View(resource)};
         std::replace(name.begin(), name.end(), L'/', L'\\');
@@ -99,7 +99,7 @@ HRESULT Locator::ConnectServer(const BSTR resource, const BSTR user, const BSTR,
                 return S_OK;
             }
         }
-        return WBEM_E_INVALID_NAMESPACE;
+        return Status(WBEM_E_INVALID_NAMESPACE);
     });
 }
 
@@ -115,15 +115,15 @@ HRESULT Services::GetObject(const BSTR path, long, IWbemContext*, IWbemClassObje
     }
     return Guarded(call, [&]() -> HRESULT {
         if (object == nullptr) {
-            return WBEM_E_INVALID_PARAMETER;
+            return Status(WBEM_E_INVALID_PARAMETER);
         }
         const auto parsed = ParsePath(View(path));
         if (!parsed) {
-            return WBEM_E_INVALID_OBJECT_PATH;
+            return Status(WBEM_E_INVALID_OBJECT_PATH);
         }
         const ClassPointer type = FindClass(m_space, parsed->className);
         if (type == nullptr) {
-            return WBEM_E_NOT_FOUND;
+            return Status(WBEM_E_NOT_FOUND);
         }
         if (!parsed->key) {
             *object = MakeClass(m_space, type).Detach();
@@ -132,14 +132,14 @@ HRESULT Services::GetObject(const BSTR path, long, IWbemContext*, IWbemClassObje
         // The key property by its place: the one property marked as key.
         const auto key = std::find_if(type->properties.begin(), type->properties.end(), [](const PropertyType& p) { return p.key; });
         if (key == type->properties.end() || (parsed->property && !EqualNoCase(*parsed->property, key->name))) {
-            return WBEM_E_INVALID_OBJECT_PATH;
+            return Status(WBEM_E_INVALID_OBJECT_PATH);
         }
         Condition where;
         where.property = key->name;
         where.value = *parsed->key;
         auto found = Instances(m_space, type, *Machine::Attach().Snapshot(), &where);
         if (found.empty()) {
-            return WBEM_E_NOT_FOUND;
+            return Status(WBEM_E_NOT_FOUND);
         }
         *object = found.front().Detach();
         return S_OK;
@@ -158,7 +158,7 @@ HRESULT Services::CreateInstanceEnum(const BSTR className, long flags, IWbemCont
     }
     return Guarded(call, [&]() -> HRESULT {
         if (objects == nullptr || (flags & ~queryFlags) != 0) {
-            return WBEM_E_INVALID_PARAMETER;
+            return Status(WBEM_E_INVALID_PARAMETER);
         }
         return Enumerate(m_space, std::wstring{View(className)}, nullptr, flags, call, objects);
     });
@@ -176,14 +176,14 @@ HRESULT Services::ExecQuery(const BSTR language, const BSTR query, long flags, I
     }
     return Guarded(call, [&]() -> HRESULT {
         if (objects == nullptr || language == nullptr || View(query).empty() || (flags & ~queryFlags) != 0) {
-            return WBEM_E_INVALID_PARAMETER;
+            return Status(WBEM_E_INVALID_PARAMETER);
         }
         if (!EqualNoCase(View(language), L"WQL")) {
-            return WBEM_E_INVALID_QUERY_TYPE;
+            return Status(WBEM_E_INVALID_QUERY_TYPE);
         }
         const auto parsed = ParseQuery(View(query));
         if (!parsed || parsed->within) { // WITHIN belongs to notifications
-            return WBEM_E_INVALID_QUERY;
+            return Status(WBEM_E_INVALID_QUERY);
         }
         return Enumerate(m_space, parsed->className, parsed->where.get(), flags, call, objects);
     });
@@ -198,18 +198,18 @@ HRESULT Services::ExecNotificationQueryAsync(const BSTR language, const BSTR que
     }
     return Guarded(call, [&]() -> HRESULT {
         if (sink == nullptr || language == nullptr || query == nullptr || (flags & ~WBEM_FLAG_SEND_STATUS) != 0) {
-            return WBEM_E_INVALID_PARAMETER;
+            return Status(WBEM_E_INVALID_PARAMETER);
         }
         if (!EqualNoCase(View(language), L"WQL")) {
-            return WBEM_E_INVALID_QUERY_TYPE;
+            return Status(WBEM_E_INVALID_QUERY_TYPE);
         }
         auto parsed = ParseQuery(View(query));
         if (!parsed) {
-            return WBEM_E_INVALID_QUERY;
+            return Status(WBEM_E_INVALID_QUERY);
         }
         ClassPointer type = FindClass(m_space, parsed->className);
         if (type == nullptr || m_space != Namespace::Wmi) {
-            return WBEM_E_INVALID_CLASS; // cimv2 has no event classes here
+            return Status(WBEM_E_INVALID_CLASS); // cimv2 has no event classes here
         }
         Subscribe(this, sink, std::move(type), std::move(*parsed), (flags & WBEM_FLAG_SEND_STATUS) != 0);
         return S_OK;
@@ -224,9 +224,9 @@ HRESULT Services::CancelAsyncCall(IWbemObjectSink* sink)
     }
     return Guarded(call, [&]() -> HRESULT {
         if (sink == nullptr) {
-            return WBEM_E_INVALID_PARAMETER;
+            return Status(WBEM_E_INVALID_PARAMETER);
         }
-        return Cancel(this, sink) ? S_OK : static_cast<HRESULT>(WBEM_E_NOT_FOUND);
+        return Cancel(this, sink) ? S_OK : Status(WBEM_E_NOT_FOUND);
     });
 }
 
@@ -244,20 +244,20 @@ HRESULT Services::ExecMethod(const BSTR path, const BSTR method, long, IWbemCont
     return Guarded(call, [&]() -> HRESULT {
         const auto parsed = ParsePath(View(path));
         if (!parsed) {
-            return WBEM_E_INVALID_OBJECT_PATH;
+            return Status(WBEM_E_INVALID_OBJECT_PATH);
         }
         const ClassPointer type = FindClass(m_space, parsed->className);
         if (type == nullptr) {
-            return WBEM_E_NOT_FOUND;
+            return Status(WBEM_E_NOT_FOUND);
         }
         const MethodType* const known = type->FindMethod(View(method));
         if (known == nullptr) {
-            return WBEM_E_INVALID_METHOD;
+            return Status(WBEM_E_INVALID_METHOD);
         }
         // Objects come from this module: the schema gives clients nothing else to hand in.
         const auto* const input = static_cast<const ClassObject*>(in);
         if ((!parsed->key && !known->isStatic) || (input == nullptr && !known->in.empty())) {
-            return WBEM_E_INVALID_METHOD_PARAMETERS;
+            return Status(WBEM_E_INVALID_METHOD_PARAMETERS);
         }
         if (call.Journalled() && input != nullptr) {
             for (const PropertyType& parameter : known->in) {

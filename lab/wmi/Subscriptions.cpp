@@ -4,7 +4,6 @@
 #include "lab/state/Model.h"
 #include "lab/state/Text.h"
 
-#include <algorithm>
 #include <map>
 #include <thread>
 
@@ -177,16 +176,17 @@ void SinkPump::EndCancelled()
     std::vector<std::unique_ptr<Subscription>> ended;
     {
         const std::scoped_lock lock{m_mutex};
-        const auto kept = std::stable_partition(m_subscriptions.begin(), m_subscriptions.end(),
-                                                [](const auto& subscription) { return !subscription->cancelled; });
-        std::move(kept, m_subscriptions.end(), std::back_inserter(ended));
-        m_subscriptions.erase(kept, m_subscriptions.end());
+        std::vector<std::unique_ptr<Subscription>> kept;
+        for (auto& subscription : m_subscriptions) {
+            (subscription->cancelled ? ended : kept).push_back(std::move(subscription));
+        }
+        m_subscriptions = std::move(kept);
     }
     for (const auto& subscription : ended) {
         if (subscription->sendStatus) {
             Call call{"IWbemObjectSink::SetStatus"};
-            call.Arg("class", subscription->type->name.c_str()).Arg("status", Hex32(static_cast<std::uint32_t>(WBEM_E_CALL_CANCELLED)));
-            call.Result(m_sink->SetStatus(WBEM_STATUS_COMPLETE, WBEM_E_CALL_CANCELLED, nullptr, nullptr));
+            call.Arg("class", subscription->type->name.c_str()).Arg("status", Hex32(WBEM_E_CALL_CANCELLED));
+            call.Result(m_sink->SetStatus(WBEM_STATUS_COMPLETE, Status(WBEM_E_CALL_CANCELLED), nullptr, nullptr));
         }
     }
 }

@@ -28,7 +28,7 @@ HRESULT StringsFromArray(const VARIANT& source, Strings& strings)
     LONG high = -1;
     if (array == nullptr || SafeArrayGetDim(array) != 1 || FAILED(SafeArrayGetLBound(array, 1, &low)) ||
         FAILED(SafeArrayGetUBound(array, 1, &high))) {
-        return array == nullptr ? S_OK : static_cast<HRESULT>(WBEM_E_TYPE_MISMATCH);
+        return array == nullptr ? S_OK : Status(WBEM_E_TYPE_MISMATCH);
     }
     BSTR* data = nullptr;
     if (FAILED(SafeArrayAccessData(array, reinterpret_cast<void**>(&data)))) {
@@ -158,7 +158,7 @@ HRESULT FromVariant(const VARIANT& source, CIMTYPE type, Value& target)
     }
     if (type == (CIM_STRING | CIM_FLAG_ARRAY)) {
         if (source.vt != (VT_ARRAY | VT_BSTR)) {
-            return WBEM_E_TYPE_MISMATCH;
+            return Status(WBEM_E_TYPE_MISMATCH);
         }
         Strings strings;
         const HRESULT result = StringsFromArray(source, strings);
@@ -177,7 +177,7 @@ HRESULT FromVariant(const VARIANT& source, CIMTYPE type, Value& target)
         VARIANT original = source; // the conversion only reads it, but its declaration does not say so everywhere
         // Numbers in text are taken, as WMI takes them.
         if ((source.vt & VT_ARRAY) != 0 || FAILED(VariantChangeType(&number, &original, 0, VT_I4))) {
-            return WBEM_E_TYPE_MISMATCH;
+            return Status(WBEM_E_TYPE_MISMATCH);
         }
         target = std::int32_t{number.lVal};
         return S_OK;
@@ -186,7 +186,7 @@ HRESULT FromVariant(const VARIANT& source, CIMTYPE type, Value& target)
         target = std::wstring(source.bstrVal == nullptr ? L"" : source.bstrVal, SysStringLen(source.bstrVal));
         return S_OK;
     }
-    return WBEM_E_TYPE_MISMATCH;
+    return Status(WBEM_E_TYPE_MISMATCH);
 }
 
 Value FromJson(const Json& json, CIMTYPE type)

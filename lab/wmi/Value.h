@@ -16,6 +16,12 @@ using Strings = std::vector<std::wstring>;
 using Numbers = std::vector<std::int32_t>;
 using Value = std::variant<std::monostate, bool, std::int32_t, std::wstring, Strings, Numbers>;
 
+// WMI's results are an enumeration without sign; methods return an HRESULT.
+[[nodiscard]] constexpr HRESULT Status(WBEMSTATUS status) noexcept
+{
+    return static_cast<HRESULT>(status);
+}
+
 struct PropertyType {
     std::wstring name;
     CIMTYPE type = CIM_STRING;
