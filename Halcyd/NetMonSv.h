@@ -34,6 +34,7 @@
 #include "Halcyd/AdapterEvents.h"
 #include "Halcyd/CProxy_INetMonSv.h"
 #include "Halcyd/EventSink.h"
+#include "Halcyd/RestoreFinishedEvent.h"
 #include "Halcyd/WmiEventQueue.h"
 #include "Halcyd/WmiValues.h"
 #include "Halcyd_h.h"
@@ -60,7 +61,12 @@ struct WAIT_FOR_DCHP_EVENT
     IWbemClassObjectPtr object;
 };
 
-struct DISABLE_BINDINGS_INFO;
+// What the disable thread is given; freed by it.
+struct DISABLE_BINDINGS_INFO
+{
+    _bstr_t adapterNotToUnbind; // a copy of the client's argument
+    int bPppDevice = 0;
+};
 
 class CNetMonSv : public CComObjectRootEx<CComMultiThreadModel>,
                   public CComCoClass<CNetMonSv, &CLSID_NetMonSv>,
@@ -208,9 +214,11 @@ public:
     void EnqueueIPChangeEvent();
     void NetMonHandleUnicastIpChangeEventImpl();
 
-    // --- Bindings (NetMonSvBindings.cpp) ---
+    // --- Bindings (NetMonSvBindings.cpp); each runs on a thread of its own ---
+    // Opens the session, disables, fires, and stays until a restore if it got the write lock.
     void DisableIpBindingsThread(std::unique_ptr<DISABLE_BINDINGS_INFO> info);
     void RestoreIpBindingsThread();
+    void RestoreAndCloseSession();
 
     // --- Events (NetMonSvEvents.cpp) ---
     // Runs on a pool thread.
@@ -282,7 +290,7 @@ protected:
     using EventSinkPtr = _com_ptr_t<_com_IIID<EventSink, &__uuidof(IWbemObjectSink)>>;
     [[nodiscard]] EventSinkPtr CurrentEventSink() EXCLUDES(eventSinkMutex);
 
-    UniqueHandle restoreFinishedEvent; // manual-reset; there from a disable of bindings to its restore
+    RestoreFinishedEvent restoreFinishedEvent; // there from a disable of bindings to the next restore
     UniqueHandle clientTokenHandle GUARDED_BY(serializeOpenCloseMutex); // of the client's process
     WmiEventQueue wmiEventQueue;                                        // pushed and popped under wmiEventQueueMutex
     Event wmiEventAvailable;                                            // auto-reset, made at thread start
