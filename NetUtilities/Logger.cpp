@@ -88,11 +88,16 @@ void Logger::Write(std::uint16_t source, std::uint16_t level, std::wstring_view 
     line.text.reserve(text.size() + TraceStamp::MaximumLength);
     TraceStamp::AppendNow(line.text);
     line.text += text;
+    bool wake = false;
     {
         const MutexLock lock(queueLock);
         queue.push_back(std::move(line));
+        wake = std::exchange(asleep, false);
     }
-    wakeUp.WakeOne();
+    if (wake)
+    {
+        wakeUp.WakeOne(); // a signal that nobody waits for costs the caller as much as the rest
+    }
 }
 
 void Logger::WriteDefault(std::uint16_t level, std::wstring_view text)
@@ -224,8 +229,10 @@ void Logger::RunLoop()
             const MutexLock lock(queueLock);
             while (queue.empty() && !stop.load())
             {
+                asleep = true;
                 wakeUp.Wait(queueLock);
             }
+            asleep = false;
             queue.swap(local);
         }
         for (const TraceLine& line : local)

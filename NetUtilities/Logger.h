@@ -78,6 +78,7 @@ private:
     PlainMutex queueLock;
     std::deque<TraceLine> queue GUARDED_BY(queueLock);
     ConditionVariable wakeUp;
+    bool asleep GUARDED_BY(queueLock) = false; // the thread waits and nobody has signalled it yet
     std::thread thread;
     std::atomic<std::uint16_t> defaultSource{static_cast<std::uint16_t>(Log::Source::General)};
     std::wstring identity;
