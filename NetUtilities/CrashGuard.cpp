@@ -34,8 +34,8 @@ void WriteDumpFile(HANDLE file, EXCEPTION_POINTERS* pointers)
     information.ExceptionPointers = pointers;
     information.ClientPointers = FALSE;
     const MINIDUMP_TYPE type = GetDumpType();
-    MiniDumpWriteDump(GetCurrentProcess(), GetCurrentProcessId(), file, type, pointers != nullptr ? &information : nullptr,
-                      nullptr, nullptr);
+    MiniDumpWriteDump(GetCurrentProcess(), GetCurrentProcessId(), file, type,
+                      pointers != nullptr ? &information : nullptr, nullptr, nullptr);
 }
 } // namespace
 
@@ -100,8 +100,8 @@ void InvalidParameterHandler(const wchar_t* expression, const wchar_t* function,
     constexpr std::uint16_t level = 1;
     if (function != nullptr && file != nullptr && line != 0)
     {
-        LogFormat(Log::Source::General, level, L"Invalid parameter detected in function {}. File: {} Line: {}", function, file,
-                  line);
+        LogFormat(Log::Source::General, level, L"Invalid parameter detected in function {}. File: {} Line: {}",
+                  function, file, line);
     }
     if (expression != nullptr)
     {

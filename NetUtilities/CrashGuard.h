@@ -33,8 +33,8 @@ LONG WriteCrashDump(EXCEPTION_POINTERS* pointers) noexcept;
 namespace CrashText
 {
 // "<folder><program>_<version>_<stamp>.dmp"
-[[nodiscard]] std::wstring DumpPath(const std::wstring& folder, const std::wstring& program, const std::wstring& version,
-                                    const SYSTEMTIME& time);
+[[nodiscard]] std::wstring DumpPath(const std::wstring& folder, const std::wstring& program,
+                                    const std::wstring& version, const SYSTEMTIME& time);
 } // namespace CrashText
 
 // What CrashGuard hands to the C library. All arguments may be null.

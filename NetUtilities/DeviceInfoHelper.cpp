@@ -38,11 +38,10 @@ UniqueDeviceInfoSet OpenDevice(const std::wstring& deviceId, SP_DEVINFO_DATA& da
     return set;
 }
 
-constexpr DeviceInfoHelper::PropertyNumbers ThroughSetup = {SPDRP_FRIENDLYNAME, SPDRP_DEVICEDESC, SPDRP_SERVICE,   SPDRP_CLASS,
-                                          SPDRP_DRIVER,       SPDRP_MFG,        SPDRP_HARDWAREID};
-constexpr DeviceInfoHelper::PropertyNumbers ThroughConfigurationManager = {CM_DRP_FRIENDLYNAME, CM_DRP_DEVICEDESC, CM_DRP_SERVICE,
-                                                         CM_DRP_CLASS,        CM_DRP_DRIVER,     CM_DRP_MFG,
-                                                         CM_DRP_HARDWAREID};
+constexpr DeviceInfoHelper::PropertyNumbers ThroughSetup = {
+    SPDRP_FRIENDLYNAME, SPDRP_DEVICEDESC, SPDRP_SERVICE, SPDRP_CLASS, SPDRP_DRIVER, SPDRP_MFG, SPDRP_HARDWAREID};
+constexpr DeviceInfoHelper::PropertyNumbers ThroughConfigurationManager = {
+    CM_DRP_FRIENDLYNAME, CM_DRP_DEVICEDESC, CM_DRP_SERVICE, CM_DRP_CLASS, CM_DRP_DRIVER, CM_DRP_MFG, CM_DRP_HARDWAREID};
 
 // One value of a device's key as it was read. `code` is RegQueryValueExW's.
 struct KeyValue
@@ -65,11 +64,13 @@ KeyValue QueryKeyValue(HKEY key, const wchar_t* name, DWORD bufferBytes)
 } // namespace
 
 DeviceInfoHelper::DeviceInfoHelper(Log::Source logSource)
-    : source(logSource),
-      classes{{L"USB", DeviceNode::DeviceClass::USB},     {L"Net", DeviceNode::DeviceClass::Net},
-              {L"Ports", DeviceNode::DeviceClass::Ports}, {L"Modem", DeviceNode::DeviceClass::Modem},
-              {L"WPD", DeviceNode::DeviceClass::WPD},     {L"CDROM", DeviceNode::DeviceClass::CDROM},
-              {L"DiskDrive", DeviceNode::DeviceClass::DiskDrive}}
+    : source(logSource), classes{{L"USB", DeviceNode::DeviceClass::USB},
+                                 {L"Net", DeviceNode::DeviceClass::Net},
+                                 {L"Ports", DeviceNode::DeviceClass::Ports},
+                                 {L"Modem", DeviceNode::DeviceClass::Modem},
+                                 {L"WPD", DeviceNode::DeviceClass::WPD},
+                                 {L"CDROM", DeviceNode::DeviceClass::CDROM},
+                                 {L"DiskDrive", DeviceNode::DeviceClass::DiskDrive}}
 {
     const ScopeTrace scope(source, ScopeFlag);
 }
@@ -119,13 +120,14 @@ bool DeviceInfoHelper::IdentityFromParent(unsigned long& current, std::wstring& 
     {
         LogMessage(source, FailureLevel, L"Failed CM_Get_Parent");
     }
-    else if (const DeviceNode parentNode = GetNode(parent);
-             node.Class != DeviceNode::DeviceClass::USB && parentNode.Class == DeviceNode::DeviceClass::USB &&
-             node.Manufacturer == parentNode.Manufacturer)
+    else if (const DeviceNode parentNode = GetNode(parent); node.Class != DeviceNode::DeviceClass::USB &&
+                                                            parentNode.Class == DeviceNode::DeviceClass::USB &&
+                                                            node.Manufacturer == parentNode.Manufacturer)
     {
-        LogMessage(source, OrdinaryLevel,
-                   L"Current node is not USB, parent node is USB, and manufacturer match, so attempting to get PID/VID from "
-                   L"parent node");
+        LogMessage(
+            source, OrdinaryLevel,
+            L"Current node is not USB, parent node is USB, and manufacturer match, so attempting to get PID/VID from "
+            L"parent node");
         if (GetVIDPID(parent, vid, pid))
         {
             LogMessage(source, OrdinaryLevel, L"Found PID/VID from parent node, setting current node to parent node");
@@ -158,7 +160,8 @@ unsigned long DeviceInfoHelper::Climb(unsigned long current, const std::wstring&
         }
         if (parentVid != vid || parentPid != pid)
         {
-            LogFormat(source, OrdinaryLevel, L"Stop here, not same PID/VID, PID = '{}' VID = '{}'", parentPid, parentVid);
+            LogFormat(source, OrdinaryLevel, L"Stop here, not same PID/VID, PID = '{}' VID = '{}'", parentPid,
+                      parentVid);
             return current;
         }
         current = parent;
@@ -340,13 +343,15 @@ std::list<std::wstring> DeviceInfoHelper::GetRegistryProperty(unsigned long devI
     {
         LogFormat(source, DetailLevel, L"Failed CM_Get_DevNode_Registry_Property {:#x} {:#x}", property, code);
     }
-    else if (auto strings = DeviceText::PropertyStrings(type, std::span(buffer).first(std::min<ULONG>(size, sizeof(buffer)))))
+    else if (auto strings =
+                 DeviceText::PropertyStrings(type, std::span(buffer).first(std::min<ULONG>(size, sizeof(buffer)))))
     {
         result = std::move(*strings);
     }
     else
     {
-        LogFormat(source, FailureLevel, L"CM_Get_DevNode_Registry_PropertyW: Unsupported type {:#x} {:#x}", property, type);
+        LogFormat(source, FailureLevel, L"CM_Get_DevNode_Registry_PropertyW: Unsupported type {:#x} {:#x}", property,
+                  type);
     }
     if (result.empty())
     {
@@ -355,26 +360,29 @@ std::list<std::wstring> DeviceInfoHelper::GetRegistryProperty(unsigned long devI
     return result;
 }
 
-std::list<std::wstring> DeviceInfoHelper::GetRegistryProperty(void* infoSet, SP_DEVINFO_DATA& data, unsigned long property)
+std::list<std::wstring> DeviceInfoHelper::GetRegistryProperty(void* infoSet, SP_DEVINFO_DATA& data,
+                                                              unsigned long property)
 {
     std::byte buffer[PropertyBufferBytes];
     DWORD type = REG_NONE;
     DWORD size = 0;
     std::list<std::wstring> result;
-    if (SetupDiGetDeviceRegistryPropertyW(infoSet, &data, property, &type, reinterpret_cast<BYTE*>(buffer), sizeof(buffer),
-                                          &size) == FALSE)
+    if (SetupDiGetDeviceRegistryPropertyW(infoSet, &data, property, &type, reinterpret_cast<BYTE*>(buffer),
+                                          sizeof(buffer), &size) == FALSE)
     {
         const DWORD code = GetLastError();
         LogFormat(source, DetailLevel, L"Failed SetupDiGetDeviceRegistryPropertyW {:#x} {:#x} - {}", property, code,
                   SystemErrorText(code));
     }
-    else if (auto strings = DeviceText::PropertyStrings(type, std::span(buffer).first(std::min<DWORD>(size, sizeof(buffer)))))
+    else if (auto strings =
+                 DeviceText::PropertyStrings(type, std::span(buffer).first(std::min<DWORD>(size, sizeof(buffer)))))
     {
         result = std::move(*strings);
     }
     else
     {
-        LogFormat(source, FailureLevel, L"SetupDiGetDeviceRegistryPropertyW: Unsupported type {:#x} {:#x}", property, type);
+        LogFormat(source, FailureLevel, L"SetupDiGetDeviceRegistryPropertyW: Unsupported type {:#x} {:#x}", property,
+                  type);
     }
     if (result.empty())
     {

@@ -29,17 +29,17 @@ struct DeviceNode
         DiskDrive = 7,
     };
 
-    std::wstring PID; // with "pid_", lower-case
-    std::wstring VID; // with "vid_", lower-case
+    std::wstring PID;      // with "pid_", lower-case
+    std::wstring VID;      // with "vid_", lower-case
     std::wstring DeviceId; // device instance id
     std::wstring FriendlyName;
     std::wstring DeviceDescription;
     std::wstring Service;
     std::wstring Driver; // driver key
     std::wstring Manufacturer;
-    std::wstring ComPort; // "PortName", or "AttachedTo" of a modem
+    std::wstring ComPort;    // "PortName", or "AttachedTo" of a modem
     std::wstring HardwareId; // the first one
-    std::wstring SettingId; // "NetCfgInstanceId" of a network node
+    std::wstring SettingId;  // "NetCfgInstanceId" of a network node
     DeviceClass Class = DeviceClass::Unknown;
     bool Disabled = false;
     bool HasWmbDrivers = false; // a network node with "*MediaType" 9, wireless wide area

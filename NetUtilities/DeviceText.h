@@ -21,5 +21,6 @@ namespace DeviceText
 
 // The strings of a device property by its registry type: REG_SZ, REG_DWORD (in decimal) or REG_MULTI_SZ. Nothing for
 // another type.
-[[nodiscard]] std::optional<std::list<std::wstring>> PropertyStrings(std::uint32_t type, std::span<const std::byte> bytes);
+[[nodiscard]] std::optional<std::list<std::wstring>> PropertyStrings(std::uint32_t type,
+                                                                     std::span<const std::byte> bytes);
 } // namespace DeviceText

@@ -73,22 +73,36 @@ std::wstring FileLogText::ErrnoText(int error)
         const wchar_t* text;
     };
     static constexpr Entry table[] = {
-        {EPERM, L"Operation not permitted"},   {ENOENT, L"No such file or directory"},
-        {EINTR, L"Interrupted function call"}, {EIO, L"Input/output error"},
-        {EBADF, L"Bad file descriptor"},       {EAGAIN, L"Resource temporarily unavailable"},
-        {ENOMEM, L"Not enough space"},         {EACCES, L"Permission denied"},
-        {EFAULT, L"Bad address"},              {EBUSY, L"Resource device"},
-        {EEXIST, L"File exists"},              {EXDEV, L"Improper link"},
-        {ENODEV, L"No such device"},           {ENOTDIR, L"Not a directory"},
-        {EISDIR, L"Is a directory"},           {EINVAL, L"Invalid argument"},
-        {ENFILE, L"Too many open files in system"}, {EMFILE, L"Too many open files"},
-        {EFBIG, L"File too large"},            {ENOSPC, L"No space left on device"},
-        {ESPIPE, L"Invalid seek"},             {EROFS, L"Read-only file system"},
-        {EMLINK, L"Too many links"},           {EPIPE, L"Broken pipe"},
-        {ERANGE, L"Result too large"},         {ENAMETOOLONG, L"Filename too long"},
+        {EPERM, L"Operation not permitted"},
+        {ENOENT, L"No such file or directory"},
+        {EINTR, L"Interrupted function call"},
+        {EIO, L"Input/output error"},
+        {EBADF, L"Bad file descriptor"},
+        {EAGAIN, L"Resource temporarily unavailable"},
+        {ENOMEM, L"Not enough space"},
+        {EACCES, L"Permission denied"},
+        {EFAULT, L"Bad address"},
+        {EBUSY, L"Resource device"},
+        {EEXIST, L"File exists"},
+        {EXDEV, L"Improper link"},
+        {ENODEV, L"No such device"},
+        {ENOTDIR, L"Not a directory"},
+        {EISDIR, L"Is a directory"},
+        {EINVAL, L"Invalid argument"},
+        {ENFILE, L"Too many open files in system"},
+        {EMFILE, L"Too many open files"},
+        {EFBIG, L"File too large"},
+        {ENOSPC, L"No space left on device"},
+        {ESPIPE, L"Invalid seek"},
+        {EROFS, L"Read-only file system"},
+        {EMLINK, L"Too many links"},
+        {EPIPE, L"Broken pipe"},
+        {ERANGE, L"Result too large"},
+        {ENAMETOOLONG, L"Filename too long"},
         {EILSEQ, L"Illegal byte sequence"},
     };
-    const auto found = std::find_if(std::begin(table), std::end(table), [=](const Entry& each) { return each.error == error; });
+    const auto found =
+        std::find_if(std::begin(table), std::end(table), [=](const Entry& each) { return each.error == error; });
     return found != std::end(table) ? std::wstring(found->text) : std::to_wstring(error);
 }
 
@@ -168,7 +182,8 @@ void FileLogger::Start()
     {
         const DWORD code = GetLastError();
         const std::string what = failure.what();
-        WriteDebugger(TraceFormat(code, L"Unable to create FileLogger thread '{}'", std::wstring(what.begin(), what.end())));
+        WriteDebugger(
+            TraceFormat(code, L"Unable to create FileLogger thread '{}'", std::wstring(what.begin(), what.end())));
     }
 }
 

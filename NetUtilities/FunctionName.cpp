@@ -38,7 +38,10 @@ std::size_t BehindGroup(std::string_view text, std::size_t at) noexcept
     {
         switch (text[i])
         {
-        case '(': case '<': case '[': case '{':
+        case '(':
+        case '<':
+        case '[':
+        case '{':
             ++depth;
             break;
         case '>':
@@ -47,7 +50,9 @@ std::size_t BehindGroup(std::string_view text, std::size_t at) noexcept
                 break; // the arrow of a trailing return type
             }
             [[fallthrough]];
-        case ')': case ']': case '}':
+        case ')':
+        case ']':
+        case '}':
             if (depth <= 1)
             {
                 return i + 1;
@@ -114,7 +119,8 @@ struct Substitution
 std::vector<Substitution> TakeSubstitutions(std::string_view& signature)
 {
     std::vector<Substitution> result;
-    for (std::size_t start = signature.find(" ["); start != std::string_view::npos; start = signature.find(" [", start + 1))
+    for (std::size_t start = signature.find(" ["); start != std::string_view::npos;
+         start = signature.find(" [", start + 1))
     {
         std::string_view list = signature.substr(start + 1);
         if (BehindGroup(list, 0) != list.size() || list.find(" = ") == std::string_view::npos)
@@ -132,7 +138,8 @@ std::vector<Substitution> TakeSubstitutions(std::string_view& signature)
             std::size_t end = 0;
             while (end < list.size() && list[end] != ';' && list[end] != ',')
             {
-                end = std::string_view("(<[{").find(list[end]) != std::string_view::npos ? BehindGroup(list, end) : end + 1;
+                end = std::string_view("(<[{").find(list[end]) != std::string_view::npos ? BehindGroup(list, end)
+                                                                                         : end + 1;
             }
             const std::string_view entry = list.substr(0, end);
             if (const auto equals = entry.find(" = "); equals != std::string_view::npos)
@@ -191,7 +198,8 @@ std::string_view DeclaratorInside(std::string_view group) noexcept
     const std::string_view inside = group.size() >= 2 ? group.substr(1, group.size() - 2) : std::string_view{};
     const auto arguments = inside.find('(');
     const auto mark = inside.substr(0, arguments).find_last_of("*&");
-    return arguments == std::string_view::npos || mark == std::string_view::npos ? std::string_view{} : inside.substr(mark + 1);
+    return arguments == std::string_view::npos || mark == std::string_view::npos ? std::string_view{}
+                                                                                 : inside.substr(mark + 1);
 }
 
 constexpr int DeepestDeclarator = 8; // a bound against nonsense, not a rule

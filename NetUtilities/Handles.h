@@ -63,7 +63,8 @@ private:
 
 namespace HandleTraits
 {
-// Kernel object handles. Some functions answer failure with null, others with INVALID_HANDLE_VALUE; both count as empty.
+// Kernel object handles. Some functions answer failure with null, others with INVALID_HANDLE_VALUE; both count as
+// empty.
 struct Kernel
 {
     using Value = HANDLE;
@@ -147,14 +148,14 @@ struct LocalMemory
 };
 } // namespace HandleTraits
 
-using UniqueHandle = UniqueResource<HandleTraits::Kernel>;          // CloseHandle
-using UniqueModule = UniqueResource<HandleTraits::Module>;          // FreeLibrary
-using UniqueServiceHandle = UniqueResource<HandleTraits::Service>;  // CloseServiceHandle
+using UniqueHandle = UniqueResource<HandleTraits::Kernel>;           // CloseHandle
+using UniqueModule = UniqueResource<HandleTraits::Module>;           // FreeLibrary
+using UniqueServiceHandle = UniqueResource<HandleTraits::Service>;   // CloseServiceHandle
 using UniqueRegistryHandle = UniqueResource<HandleTraits::Registry>; // RegCloseKey
 using UniqueEventSource = UniqueResource<HandleTraits::EventSource>; // DeregisterEventSource
-using UniqueLocal = UniqueResource<HandleTraits::Local>;            // LocalFree
-using UniqueSid = UniqueResource<HandleTraits::Sid>;                // FreeSid, for AllocateAndInitializeSid
-using UniqueSafeArray = UniqueResource<HandleTraits::SafeArray>;    // SafeArrayDestroy
+using UniqueLocal = UniqueResource<HandleTraits::Local>;             // LocalFree
+using UniqueSid = UniqueResource<HandleTraits::Sid>;                 // FreeSid, for AllocateAndInitializeSid
+using UniqueSafeArray = UniqueResource<HandleTraits::SafeArray>;     // SafeArrayDestroy
 
 // CoTaskMemFree. Holds one block; elements that own memory of their own are the holder's business.
 template <class T>

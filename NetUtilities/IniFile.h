@@ -24,7 +24,8 @@ public:
                                          const std::wstring& defaultValue, const std::wstring& file = {});
     // The value as an unsigned decimal, or the default if there is none. Raises std::invalid_argument for a text
     // without digits and std::out_of_range for one too large.
-    [[nodiscard]] std::uint64_t GetNumber(const std::wstring& section, const std::wstring& key, std::uint64_t defaultValue);
+    [[nodiscard]] std::uint64_t GetNumber(const std::wstring& section, const std::wstring& key,
+                                          std::uint64_t defaultValue);
 
 protected:
     struct File

@@ -13,7 +13,8 @@ constexpr std::uint32_t Replacement = 0xFFFD;
 // One code point of UTF-8 from the front of `text`; U+FFFD for a broken sequence, of which one byte is taken.
 std::uint32_t TakeCodePoint(std::string_view& text) noexcept
 {
-    const auto byteAt = [&](std::size_t at) { return static_cast<std::uint32_t>(static_cast<unsigned char>(text[at])); };
+    const auto byteAt = [&](std::size_t at)
+    { return static_cast<std::uint32_t>(static_cast<unsigned char>(text[at])); };
     const std::uint32_t first = byteAt(0);
     std::size_t length = 1;
     std::uint32_t value = first;

@@ -125,7 +125,8 @@ bool Logger::Initialize()
             {
                 const DWORD code = GetLastError();
                 const std::string what = error.what();
-                failure = TraceFormat(code, L"Unable to create Logger thread - '{}'", std::wstring(what.begin(), what.end()));
+                failure =
+                    TraceFormat(code, L"Unable to create Logger thread - '{}'", std::wstring(what.begin(), what.end()));
             }
         }
     }
@@ -176,7 +177,8 @@ void Logger::InitializeLogManager()
     if (FAILED(result))
     {
         manager = nullptr;
-        WriteDebugger(TraceFormat(static_cast<std::uint32_t>(result), L"Unable to Create Instance of TraceLogManager!"));
+        WriteDebugger(
+            TraceFormat(static_cast<std::uint32_t>(result), L"Unable to Create Instance of TraceLogManager!"));
     }
 }
 
@@ -249,7 +251,8 @@ void Logger::RefreshLevels(std::uint16_t& levelCopy)
     HRESULT result = manager->GetGlobalLevel(&level);
     if (FAILED(result))
     {
-        WriteError(TraceFormat(static_cast<std::uint32_t>(result), L"Unable to get current log level from TraceLogManager!"));
+        WriteError(
+            TraceFormat(static_cast<std::uint32_t>(result), L"Unable to get current log level from TraceLogManager!"));
         level = ReadTraceLevel();
     }
     levelCopy = level;

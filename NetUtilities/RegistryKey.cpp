@@ -28,7 +28,12 @@ bool IsKnownType(DWORD type) noexcept
 {
     switch (type)
     {
-    case REG_SZ: case REG_EXPAND_SZ: case REG_BINARY: case REG_DWORD: case REG_MULTI_SZ: case REG_QWORD:
+    case REG_SZ:
+    case REG_EXPAND_SZ:
+    case REG_BINARY:
+    case REG_DWORD:
+    case REG_MULTI_SZ:
+    case REG_QWORD:
         return true;
     default:
         return false;
@@ -69,9 +74,9 @@ HKEY RegistryKey::RootFromHiveName(std::wstring_view hiveName)
 {
     // Exact text, capitals and all. HKEY_USERS is not in it: nobody here opens that hive by full path.
     static const std::unordered_map<std::wstring_view, HKEY> hives = {
-        {L"HKLM", HKEY_LOCAL_MACHINE},  {L"HKEY_LOCAL_MACHINE", HKEY_LOCAL_MACHINE},
-        {L"HKCU", HKEY_CURRENT_USER},   {L"HKEY_CURRENT_USER", HKEY_CURRENT_USER},
-        {L"HKCR", HKEY_CLASSES_ROOT},   {L"HKEY_CLASSES_ROOT", HKEY_CLASSES_ROOT},
+        {L"HKLM", HKEY_LOCAL_MACHINE}, {L"HKEY_LOCAL_MACHINE", HKEY_LOCAL_MACHINE},
+        {L"HKCU", HKEY_CURRENT_USER},  {L"HKEY_CURRENT_USER", HKEY_CURRENT_USER},
+        {L"HKCR", HKEY_CLASSES_ROOT},  {L"HKEY_CLASSES_ROOT", HKEY_CLASSES_ROOT},
     };
     const auto found = hives.find(hiveName);
     return found != hives.end() ? found->second : nullptr;
@@ -223,7 +228,8 @@ DWORD RegistryKey::ReadString(const std::wstring& valueName, std::wstring& out, 
     auto code = static_cast<DWORD>(RegQueryValueExW(handle, valueName.c_str(), nullptr, &type, nullptr, &size));
     if (code != ERROR_SUCCESS)
     {
-        return IsOptionalAbsence(code) ? code : ReportValue(code, L"RegQueryValueEx get size read wstring {}\\{}", valueName);
+        return IsOptionalAbsence(code) ? code
+                                       : ReportValue(code, L"RegQueryValueEx get size read wstring {}\\{}", valueName);
     }
     if (type != REG_SZ && type != REG_EXPAND_SZ)
     {
@@ -322,8 +328,8 @@ DWORD RegistryKey::EnumSubkey(DWORD index, std::wstring& subkey, FILETIME& lastW
     if (index == 0)
     {
         DWORD longest = 0;
-        const auto code = static_cast<DWORD>(RegQueryInfoKeyW(handle, nullptr, nullptr, nullptr, nullptr, &longest, nullptr,
-                                                              nullptr, nullptr, nullptr, nullptr, nullptr));
+        const auto code = static_cast<DWORD>(RegQueryInfoKeyW(handle, nullptr, nullptr, nullptr, nullptr, &longest,
+                                                              nullptr, nullptr, nullptr, nullptr, nullptr, nullptr));
         if (code != ERROR_SUCCESS)
         {
             return code;

@@ -75,7 +75,8 @@ public:
     // A subkey with all below it.
     DWORD DeleteTree(const std::wstring& subkey);
 
-    // The subkey at `index`. Enumerations begin at index 0, which measures the names. 259 (ERROR_NO_MORE_ITEMS) at the end.
+    // The subkey at `index`. Enumerations begin at index 0, which measures the names. 259 (ERROR_NO_MORE_ITEMS) at the
+    // end.
     DWORD EnumSubkey(DWORD index, std::wstring& subkey, FILETIME& lastWrite);
 
     // Has `event` signalled at the next change, once. Returns at once.

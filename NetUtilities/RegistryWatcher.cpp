@@ -5,8 +5,8 @@
 namespace
 {
 constexpr wchar_t WatchedKey[] = L"Software\\QRLS\\Sorvane";
-constexpr REGSAM WatchAccess = 17;  // KEY_QUERY_VALUE | KEY_NOTIFY
-constexpr DWORD AllChanges = 15;    // name, attributes, last set, security
+constexpr REGSAM WatchAccess = 17; // KEY_QUERY_VALUE | KEY_NOTIFY
+constexpr DWORD AllChanges = 15;   // name, attributes, last set, security
 } // namespace
 
 void RegistryWatcher::Start()

@@ -17,8 +17,8 @@ bool IsLoggerName(std::string_view typeName) noexcept
 LifetimeTracker::Registration LifetimeTracker::Register(std::string typeName, std::function<void()> cleanup)
 {
     const MutexLock lock(trackerLock);
-    const bool known = std::any_of(entries.begin(), entries.end(),
-                                   [&](const Record& record) { return record.typeName == typeName; });
+    const bool known =
+        std::any_of(entries.begin(), entries.end(), [&](const Record& record) { return record.typeName == typeName; });
     if (known)
     {
         return Known;

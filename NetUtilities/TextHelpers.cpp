@@ -15,10 +15,11 @@
 #include "NetUtilities/Trace.h"
 
 // ntdll's address texts; these headers do not declare them.
-extern "C" {
-NTSYSAPI PWSTR NTAPI RtlIpv4AddressToStringW(const IN_ADDR* address, PWSTR text);
-NTSYSAPI PWSTR NTAPI RtlIpv6AddressToStringW(const IN6_ADDR* address, PWSTR text);
-NTSYSAPI LONG NTAPI RtlIpv4StringToAddressW(PCWSTR text, BOOLEAN strict, LPCWSTR* terminator, IN_ADDR* address);
+extern "C"
+{
+    NTSYSAPI PWSTR NTAPI RtlIpv4AddressToStringW(const IN_ADDR* address, PWSTR text);
+    NTSYSAPI PWSTR NTAPI RtlIpv6AddressToStringW(const IN6_ADDR* address, PWSTR text);
+    NTSYSAPI LONG NTAPI RtlIpv4StringToAddressW(PCWSTR text, BOOLEAN strict, LPCWSTR* terminator, IN_ADDR* address);
 }
 
 namespace
@@ -68,7 +69,8 @@ bool QueryVersionItem(const std::byte* block, const std::wstring& itemName, std:
     const std::span translations(static_cast<const Translation*>(table), tableSize / sizeof(Translation));
     for (const Translation& each : translations)
     {
-        const std::wstring path = FormatText(L"\\StringFileInfo\\{:04x}{:04x}\\{}", each.language, each.codePage, itemName);
+        const std::wstring path =
+            FormatText(L"\\StringFileInfo\\{:04x}{:04x}\\{}", each.language, each.codePage, itemName);
         void* text = nullptr;
         UINT length = 0;
         if (VerQueryValueW(block, path.c_str(), &text, &length) != FALSE && text != nullptr)
@@ -148,7 +150,8 @@ bool TextToIpv4(const std::wstring& text, std::uint32_t& out, bool reportError)
         if (reportError)
         {
             WriteToFileLog(L"Error: " + TraceFormat(static_cast<std::uint32_t>(status),
-                                                    L"NetUtilities::Unicode2Address RtlIpv4StringToAddress '{}'", text));
+                                                    L"NetUtilities::Unicode2Address RtlIpv4StringToAddress '{}'",
+                                                    text));
         }
         return false;
     }

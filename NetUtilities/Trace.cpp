@@ -62,8 +62,8 @@ std::wstring SystemErrorText(std::uint32_t code)
 {
     constexpr DWORD english = 1033;
     wchar_t buffer[512] = {};
-    const DWORD length = FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr, code, english,
-                                        buffer, static_cast<DWORD>(std::size(buffer)), nullptr);
+    const DWORD length = FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr, code,
+                                        english, buffer, static_cast<DWORD>(std::size(buffer)), nullptr);
     std::wstring text(buffer, length);
     std::erase(text, L'\r');
     while (!text.empty() && (text.back() == L'\n' || text.back() == L' '))
@@ -99,7 +99,8 @@ void SetDefaultLogSource(Log::Source source)
 
 void LogBanner(std::uint16_t level, std::wstring_view text, unsigned width, BannerStyle style, wchar_t fill)
 {
-    const auto centred = [&](std::wstring_view content) {
+    const auto centred = [&](std::wstring_view content)
+    {
         std::wstring format = L"{:-^{}}";
         format[2] = fill;
         return TraceFormat(0, format, content, width);
@@ -160,7 +161,8 @@ TraceSink LogOutputHelper::GetLogOutput(Log::Source source)
     return [source](std::wstring_view text) { LogMessage(source, ScopeLevel, text); };
 }
 
-ScopeTrace::ScopeTrace(Log::Source source, unsigned flag, int timing, std::wstring_view detail, std::source_location location)
+ScopeTrace::ScopeTrace(Log::Source source, unsigned flag, int timing, std::wstring_view detail,
+                       std::source_location location)
 {
     // The flag is looked at before the name is made, which costs more: the lines are the same.
     if (IsTraceFlagSet(flag))
@@ -171,7 +173,8 @@ ScopeTrace::ScopeTrace(Log::Source source, unsigned flag, int timing, std::wstri
     }
 }
 
-ScopeTrace::ScopeTrace(LogOutput output, unsigned flag, int timing, std::wstring_view detail, std::source_location location)
+ScopeTrace::ScopeTrace(LogOutput output, unsigned flag, int timing, std::wstring_view detail,
+                       std::source_location location)
 {
     if (IsTraceFlagSet(flag))
     {

@@ -62,7 +62,8 @@ inline constexpr unsigned AlwaysOnTraceFlag = 32;
 
 // Formats a trace text. A bad format string gives "Exception format: '...' - ..." instead. A code other than 0
 // appends " Error {} ({:#x})", and " - " with the system's text where the system knows the code.
-[[nodiscard]] std::wstring TraceFormatArguments(std::uint32_t code, std::wstring_view format, WideFormatArguments arguments);
+[[nodiscard]] std::wstring TraceFormatArguments(std::uint32_t code, std::wstring_view format,
+                                                WideFormatArguments arguments);
 
 template <class... Args>
 [[nodiscard]] std::wstring TraceFormat(std::uint32_t code, std::wstring_view format, const Args&... arguments)
@@ -116,8 +117,8 @@ enum class BannerStyle
 };
 
 // Marks a spot in the trace with `text`, centred with one blank on each side in a row of `fill`, by default source.
-void LogBanner(std::uint16_t level, std::wstring_view text, unsigned width = 60, BannerStyle style = BannerStyle::Framed,
-               wchar_t fill = L'*');
+void LogBanner(std::uint16_t level, std::wstring_view text, unsigned width = 60,
+               BannerStyle style = BannerStyle::Framed, wchar_t fill = L'*');
 
 // --- Other channels ---
 

@@ -22,8 +22,8 @@ template <class Mutex>
 class SCOPED_CAPABILITY TracedMutexLock
 {
 public:
-    TracedMutexLock(Mutex& guarded, std::wstring_view mutexName, std::source_location where = std::source_location::current())
-        ACQUIRE(guarded)
+    TracedMutexLock(Mutex& guarded, std::wstring_view mutexName,
+                    std::source_location where = std::source_location::current()) ACQUIRE(guarded)
         : mutex(&guarded), name(mutexName), location(where)
     {
         TracedLockDetail::WriteLock(name, location);
@@ -53,8 +53,11 @@ template <class Mutex>
 class TracedMutexTryLock
 {
 public:
-    TracedMutexTryLock(Mutex& guarded, std::wstring_view mutexName, std::source_location where = std::source_location::current())
-        NO_THREAD_SAFETY_ANALYSIS : mutex(&guarded), name(mutexName), location(where)
+    TracedMutexTryLock(Mutex& guarded, std::wstring_view mutexName,
+                       std::source_location where = std::source_location::current()) NO_THREAD_SAFETY_ANALYSIS
+        : mutex(&guarded),
+          name(mutexName),
+          location(where)
     {
         if (mutex->TryLock())
         {

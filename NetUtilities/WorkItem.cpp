@@ -235,7 +235,8 @@ bool CWorkItemThreadPool::Add(CWorkItem* item)
 // The oldest idle thread; else a new one; else, at the limit, the one with the shortest queue, the oldest of equals.
 SThrdInfo* CWorkItemThreadPool::ChooseThread()
 {
-    const auto idle = std::find_if(threads.begin(), threads.end(), [](SThrdInfo* each) { return each->IsIdle() != FALSE; });
+    const auto idle =
+        std::find_if(threads.begin(), threads.end(), [](SThrdInfo* each) { return each->IsIdle() != FALSE; });
     if (idle != threads.end())
     {
         return *idle;
@@ -279,14 +280,16 @@ bool CWorkItemThreadPool::Stop()
 
 bool CWorkItemThreadPool::Stop(DWORD timeoutMs)
 {
-    return StopThreads([timeoutMs](CWorkItemQueue& queue) {
-        if (queue.StopAfterDrain(timeoutMs, nullptr))
+    return StopThreads(
+        [timeoutMs](CWorkItemQueue& queue)
         {
-            return true;
-        }
-        queue.Stop();
-        return false;
-    });
+            if (queue.StopAfterDrain(timeoutMs, nullptr))
+            {
+                return true;
+            }
+            queue.Stop();
+            return false;
+        });
 }
 
 std::uint32_t CWorkItemThreadPool::ThreadCount()

@@ -60,7 +60,9 @@ class WorkItemMember1 : public CWorkItem
 public:
     using Member = void (T::*)(A);
 
-    WorkItemMember1(T* target, Member function, A value) : object(target), member(function), argument(std::move(value)) {}
+    WorkItemMember1(T* target, Member function, A value) : object(target), member(function), argument(std::move(value))
+    {
+    }
     void Execute() override { (object->*member)(argument); }
 
 private:
@@ -109,9 +111,9 @@ private:
 
     std::deque<CWorkItem*> items GUARDED_BY(itemsLock);
     SimpleMutex itemsLock;
-    Event wakeEvent; // auto-reset
-    Event stopEvent; // manual-reset, from Start to Stop
-    Event doneEvent; // manual-reset, from Start to Stop
+    Event wakeEvent;               // auto-reset
+    Event stopEvent;               // manual-reset, from Start to Stop
+    Event doneEvent;               // manual-reset, from Start to Stop
     HANDLE threadHandle = nullptr; // a copy, not owned
     PlainMutex lifeLock;
     std::atomic<bool> closing{false}; // written under itemsLock

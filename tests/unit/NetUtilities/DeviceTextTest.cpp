@@ -51,7 +51,8 @@ TEST(UsbIdentity, UnderscoreEndsAPartToo)
 
 TEST(UsbIdentity, FirstStringWithBothPartsWins)
 {
-    EXPECT_EQ((Identity{true, L"vid_3", L"pid_4"}), Find({L"USB\\VID_1&REV_2", L"USB\\VID_3&PID_4", L"USB\\VID_5&PID_6"}));
+    EXPECT_EQ((Identity{true, L"vid_3", L"pid_4"}),
+              Find({L"USB\\VID_1&REV_2", L"USB\\VID_3&PID_4", L"USB\\VID_5&PID_6"}));
 }
 
 TEST(UsbIdentity, NoneLeavesTheTextsAlone)

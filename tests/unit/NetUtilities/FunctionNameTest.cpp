@@ -67,7 +67,8 @@ constexpr Spelling OfGcc[] = {
     {"std::function<void(int)> ns::ret()", L"ns::ret"},
     {"decltype (T{}) ns::au2(T) [with T = int; decltype (T{}) = int]", L"ns::au2"},
     {"main()::<lambda(int)>", L"main::<lambda>::operator()"},
-    {"Service::Start(int) const::<lambda(auto:11)> mutable [with auto:11 = int]", L"Service::Start::<lambda>::operator()"},
+    {"Service::Start(int) const::<lambda(auto:11)> mutable [with auto:11 = int]",
+     L"Service::Start::<lambda>::operator()"},
     {"void main()::<lambda()>::L::q()", L"main::<lambda>::operator()::L::q"},
     {"bool main()::Loc::operator()(int)", L"main::Loc::operator()"},
     {"int main()", L"main"},
@@ -97,7 +98,8 @@ constexpr Spelling OfClang[] = {
 };
 INSTANTIATE_TEST_SUITE_P(OfClang, FunctionName, testing::ValuesIn(OfClang));
 
-constexpr Spelling NoFunctions[] = {{"", L""}, {"int value", L""}, {"(", L""}, {")", L""}, {"<<<<", L""}, {"operator", L""}};
+constexpr Spelling NoFunctions[] = {{"", L""},  {"int value", L""}, {"(", L""},
+                                    {")", L""}, {"<<<<", L""},      {"operator", L""}};
 INSTANTIATE_TEST_SUITE_P(NoFunctions, FunctionName, testing::ValuesIn(NoFunctions));
 
 struct Located

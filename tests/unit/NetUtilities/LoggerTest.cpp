@@ -100,12 +100,14 @@ TEST_F(LoggerTest, NoLineOfManyThreadsIsLost)
     LogMessage(Log::Source::General, 4, L"the logger is made"); // the first use is a race that may drop a line
     for (int thread = 0; thread < threadCount; ++thread)
     {
-        threads.emplace_back([] {
-            for (int i = 0; i < lineCount; ++i)
+        threads.emplace_back(
+            []
             {
-                LogFormat(Log::Source::NetMon, 4, L"{}", i);
-            }
-        });
+                for (int i = 0; i < lineCount; ++i)
+                {
+                    LogFormat(Log::Source::NetMon, 4, L"{}", i);
+                }
+            });
     }
     for (std::thread& thread : threads)
     {
@@ -347,7 +349,8 @@ int ExitCodeWithoutTraceService(const wchar_t* what)
     STARTUPINFOW start{};
     start.cb = sizeof(start);
     PROCESS_INFORMATION process{};
-    if (CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &start, &process) == FALSE)
+    if (CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &start, &process) ==
+        FALSE)
     {
         return -1;
     }

@@ -14,13 +14,16 @@ template <class Mutex>
 bool OtherThreadCanTry(Mutex& mutex) FREE_OF_ANALYSIS
 {
     bool taken = false;
-    std::thread([&]() FREE_OF_ANALYSIS {
-        taken = mutex.TryLock();
-        if (taken)
+    std::thread(
+        [&]() FREE_OF_ANALYSIS
         {
-            mutex.Unlock();
-        }
-    }).join();
+            taken = mutex.TryLock();
+            if (taken)
+            {
+                mutex.Unlock();
+            }
+        })
+        .join();
     return taken;
 }
 
@@ -96,16 +99,20 @@ TEST(SimpleMutex, IsRecursiveOnOneThreadAndGuardReleasesIt)
     int steps = 0;
     {
         const LockGuard outer(&mutex);
-        [&]() FREE_OF_ANALYSIS {
+        [&]() FREE_OF_ANALYSIS
+        {
             const LockGuard inner(&mutex);
             ++steps;
         }();
         ++steps;
     }
-    std::thread([&] {
-        const LockGuard guard(&mutex);
-        ++steps;
-    }).join();
+    std::thread(
+        [&]
+        {
+            const LockGuard guard(&mutex);
+            ++steps;
+        })
+        .join();
     EXPECT_EQ(3, steps);
 }
 
@@ -136,16 +143,18 @@ TEST(ConditionVariable, WakesAWaiterThatHoldsTheMutexAgainBehindTheWait)
     ConditionVariable condition;
     bool ready = false;
     bool seen = false;
-    std::thread waiter([&]() FREE_OF_ANALYSIS {
-        mutex.Lock();
-        while (!ready)
+    std::thread waiter(
+        [&]() FREE_OF_ANALYSIS
         {
-            condition.Wait(mutex);
-        }
-        EXPECT_THROW(mutex.Lock(), std::system_error) << "the waiter is the owner again";
-        seen = true;
-        mutex.Unlock();
-    });
+            mutex.Lock();
+            while (!ready)
+            {
+                condition.Wait(mutex);
+            }
+            EXPECT_THROW(mutex.Lock(), std::system_error) << "the waiter is the owner again";
+            seen = true;
+            mutex.Unlock();
+        });
     {
         const MutexLock lock(mutex);
         ready = true;

@@ -76,13 +76,18 @@ TEST(PathText, PartsOfAPath)
 
 TEST(IniText, EmptyLinesAndCommentsAreLeftOut)
 {
-    EXPECT_EQ((std::vector<std::wstring>{L"[A]", L" ;kept", L"x=1"}), IniText::Lines("\n[A]\r\n;gone\n ;kept\n\r\nx=1"));
+    EXPECT_EQ((std::vector<std::wstring>{L"[A]", L" ;kept", L"x=1"}),
+              IniText::Lines("\n[A]\r\n;gone\n ;kept\n\r\nx=1"));
 }
 
 TEST(IniText, BytesAreUtf8)
 {
-    EXPECT_EQ((std::vector<std::wstring>{L"k=\x20AC\xD83D\xDE00"}), IniText::Lines("\xEF\xBB\xBFk=\xE2\x82\xAC\xF0\x9F\x98\x80\n"));
-    EXPECT_EQ((std::vector<std::wstring>{L"k=\xFFFD" L"a\xFFFD"}), IniText::Lines("k=\xFF" "a\xC3"));
+    EXPECT_EQ((std::vector<std::wstring>{L"k=\x20AC\xD83D\xDE00"}),
+              IniText::Lines("\xEF\xBB\xBFk=\xE2\x82\xAC\xF0\x9F\x98\x80\n"));
+    EXPECT_EQ((std::vector<std::wstring>{L"k=\xFFFD"
+                                         L"a\xFFFD"}),
+              IniText::Lines("k=\xFF"
+                             "a\xC3"));
 }
 
 TEST(IniText, KeyHasNoCaseAndSectionHas)
@@ -263,7 +268,8 @@ TEST(CrashText, DumpNameTellsProgramVersionAndTime)
     time.wHour = 17;
     time.wMinute = 13;
     time.wSecond = 37;
-    EXPECT_EQ(L"C:\\d\\Halcyd_1.2.3.4_2026_11_14_17_13_37.dmp", CrashText::DumpPath(L"C:\\d\\", L"Halcyd", L"1.2.3.4", time));
+    EXPECT_EQ(L"C:\\d\\Halcyd_1.2.3.4_2026_11_14_17_13_37.dmp",
+              CrashText::DumpPath(L"C:\\d\\", L"Halcyd", L"1.2.3.4", time));
     EXPECT_EQ(L"C:\\d\\Halcyd__2026_11_14_17_13_37.dmp", CrashText::DumpPath(L"C:\\d\\", L"Halcyd", L"", time));
 }
 

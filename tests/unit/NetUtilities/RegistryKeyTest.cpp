@@ -92,7 +92,8 @@ TEST_F(RegistryKeyTest, OpenAndCreateByFullPath)
 TEST_F(RegistryKeyTest, FullPathWithoutKnownHiveReturns160Untraced)
 {
     RegistryKey other;
-    for (const wchar_t* path : {L"HKLM", L"", L"hklm\\Software", L"Hklm\\Software", L"HKU\\.DEFAULT", L"Nowhere\\x", L"\\Software"})
+    for (const wchar_t* path :
+         {L"HKLM", L"", L"hklm\\Software", L"Hklm\\Software", L"HKU\\.DEFAULT", L"Nowhere\\x", L"\\Software"})
     {
         EXPECT_EQ(160U, other.Open(path, KEY_READ));
         EXPECT_EQ(160U, other.Create(path, KEY_READ));
@@ -107,8 +108,8 @@ TEST_F(RegistryKeyTest, OpeningAnOpenKeyClosesTheFirstHandle)
     const HKEY first = key.Handle();
     ASSERT_EQ(0U, key.Open(HKEY_CURRENT_USER, L"Software", KEY_READ));
     DWORD subkeys = 0;
-    const LSTATUS state =
-        RegQueryInfoKeyW(first, nullptr, nullptr, nullptr, &subkeys, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
+    const LSTATUS state = RegQueryInfoKeyW(first, nullptr, nullptr, nullptr, &subkeys, nullptr, nullptr, nullptr,
+                                           nullptr, nullptr, nullptr, nullptr);
     EXPECT_TRUE(state == ERROR_INVALID_HANDLE || first == key.Handle());
 }
 
@@ -156,16 +157,19 @@ TEST_F(RegistryKeyTest, OtherFailuresAreTracedWithPathAndCode)
     EXPECT_EQ(6U, key.DeleteKey(L"v"));
     EXPECT_EQ(6U, key.DeleteTree(L"v"));
     EXPECT_EQ(6U, key.NotifyChange(true, 15, nullptr));
-    enum class Kind : std::uint32_t { None };
+    enum class Kind : std::uint32_t
+    {
+        None
+    };
     Kind kind{};
     EXPECT_EQ(6U, key.ReadEnum(L"v", kind, Kind::None));
     const std::wstring end = L" Error 6 (0x6) - " + SystemErrorText(6);
     EXPECT_EQ((std::vector<std::wstring>{
                   L"RegQueryValueEx read size \\v" + end, L"RegQueryValueEx get size read wstring \\v" + end,
                   L"RegQueryValueEx read DWORD32 \\v" + end, L"RegSetValueEx write wstring \\v" + end,
-                  L"RegSetValueEx write DWORD32 \\v" + end, L"RegSetValueEx write BYTE \\v" + end, L"DeleteValue \\v" + end,
-                  L"RegDeleteKey \\v" + end, L"RegDeleteTree \\v" + end, L"NotifyChange " + end,
-                  L"RegQueryValueEx read enum \\v" + end}),
+                  L"RegSetValueEx write DWORD32 \\v" + end, L"RegSetValueEx write BYTE \\v" + end,
+                  L"DeleteValue \\v" + end, L"RegDeleteKey \\v" + end, L"RegDeleteTree \\v" + end,
+                  L"NotifyChange " + end, L"RegQueryValueEx read enum \\v" + end}),
               recorder.Messages());
 }
 
@@ -251,7 +255,8 @@ TEST_F(RegistryKeyTest, ReadDwordOfALongerValueReturns234AndTraces)
     SetRaw(L"long", REG_QWORD, &raw, sizeof(raw));
     std::uint32_t number = 0;
     EXPECT_EQ(234U, key.ReadDword(L"long", number, 42));
-    EXPECT_TRUE(recorder.HasMessageStarting(L"RegQueryValueEx read DWORD32 HKCU\\Software\\HalcydUnitTests\\long Error 234"));
+    EXPECT_TRUE(
+        recorder.HasMessageStarting(L"RegQueryValueEx read DWORD32 HKCU\\Software\\HalcydUnitTests\\long Error 234"));
 }
 
 TEST_F(RegistryKeyTest, StringRoundTrip)
@@ -523,7 +528,8 @@ TEST_F(RegistryKeyTest, DisplayRefusesAnArrayOfOtherDimensions)
     variant.vt = VT_ARRAY | VT_BSTR;
     variant.parray = SafeArrayCreate(VT_BSTR, 2, bounds);
     DisplayVariantArrayBstr(&variant);
-    EXPECT_EQ((std::vector<std::wstring>{L"error, one-dimensional DNS safearray was not passed in"}), recorder.Messages());
+    EXPECT_EQ((std::vector<std::wstring>{L"error, one-dimensional DNS safearray was not passed in"}),
+              recorder.Messages());
 }
 
 // --- The watched debug switch ---

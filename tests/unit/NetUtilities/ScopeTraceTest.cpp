@@ -104,7 +104,8 @@ TEST_F(ScopeTraceTest, ClearFlagWritesNothing)
     ScopeTraceSubject::Flagged();
     for (const std::wstring& message : recorder.Messages())
     {
-        EXPECT_EQ(std::wstring::npos, message.find(L"ScopeTraceSubject")) << std::string(message.begin(), message.end());
+        EXPECT_EQ(std::wstring::npos, message.find(L"ScopeTraceSubject"))
+            << std::string(message.begin(), message.end());
     }
 }
 

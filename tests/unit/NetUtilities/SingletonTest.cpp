@@ -140,11 +140,13 @@ TEST_F(SingletonTest, SingletonThatIsGoneAlreadyIsNotMadeAgainDuringTheTearDown)
 TEST_F(SingletonTest, LoserOfTheFirstUseGetsNullWhileTheWinnerBuilds)
 {
     std::shared_ptr<SingletonA> seenByLoser = std::make_shared<SingletonA>();
-    const auto winner = SingletonA::Get([&] {
-        // The record is made and the object is not: what another thread finds in this instant.
-        seenByLoser = SingletonA::Get([] { return new SingletonA; });
-        return new SingletonA;
-    });
+    const auto winner = SingletonA::Get(
+        [&]
+        {
+            // The record is made and the object is not: what another thread finds in this instant.
+            seenByLoser = SingletonA::Get([] { return new SingletonA; });
+            return new SingletonA;
+        });
     EXPECT_EQ(nullptr, seenByLoser);
     EXPECT_NE(nullptr, winner);
 }

@@ -59,7 +59,8 @@ TEST(TraceFormat, CodeZeroAddsNoSuffix)
 
 TEST(TraceFormat, KnownCodeAddsNumberAndSystemText)
 {
-    EXPECT_EQ(L"could not open SCM Error 5 (0x5) - " + SystemErrorText(5), TraceFormat(5, L"could not open {}", L"SCM"));
+    EXPECT_EQ(L"could not open SCM Error 5 (0x5) - " + SystemErrorText(5),
+              TraceFormat(5, L"could not open {}", L"SCM"));
     EXPECT_EQ(L"Access denied.", SystemErrorText(5)); // Wine's wording; Windows says "Access is denied."
 }
 
@@ -94,7 +95,8 @@ TEST(TraceFormat, BadFormatStringKeepsItsErrorCode)
 TEST(TraceFormat, NullTextIsPrintedThroughASubstitute)
 {
     const wchar_t* nothing = nullptr;
-    EXPECT_EQ(L"[] [Null] [x]", TraceFormat(0, L"[{}] [{}] [{}]", TextOrEmpty(nothing), TextOr(nothing, L"Null"), TextOrEmpty(L"x")));
+    EXPECT_EQ(L"[] [Null] [x]",
+              TraceFormat(0, L"[{}] [{}] [{}]", TextOrEmpty(nothing), TextOr(nothing, L"Null"), TextOrEmpty(L"x")));
     EXPECT_TRUE(TraceFormat(0, L"{}", nothing).starts_with(L"Exception format: '{}' - "));
 }
 

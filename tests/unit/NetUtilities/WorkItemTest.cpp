@@ -170,10 +170,12 @@ TEST(WorkItemQueue, StopLeavesQueuedItemsUnrunAndTheQueueDeletesThem)
         queue.Add(new Item(account, 1, &gate, &running));
         ASSERT_TRUE(running.Wait(Patience));
         queue.Add(new Item(account, 2));
-        std::thread opener([&] {
-            Sleep(50); // Stop is asked for while the first item runs
-            gate.Set();
-        });
+        std::thread opener(
+            [&]
+            {
+                Sleep(50); // Stop is asked for while the first item runs
+                gate.Set();
+            });
         EXPECT_TRUE(queue.Stop());
         opener.join();
         EXPECT_EQ((std::vector<int>{1}), account.Order());
@@ -214,10 +216,12 @@ TEST(WorkItemQueue, StopAfterDrainRunsWhatIsQueuedAndTheLastItem)
     queue.Add(new Item(account, 1, &gate, &running));
     ASSERT_TRUE(running.Wait(Patience));
     queue.Add(new Item(account, 2));
-    std::thread opener([&] {
-        Sleep(20);
-        gate.Set();
-    });
+    std::thread opener(
+        [&]
+        {
+            Sleep(20);
+            gate.Set();
+        });
     EXPECT_TRUE(queue.StopAfterDrain(Patience, new Item(account, 3)));
     opener.join();
     EXPECT_EQ((std::vector<int>{1, 2, 3}), account.Order());
@@ -263,10 +267,12 @@ TEST(WorkItemQueue, DrainWithAnEmptyQueueJoinsTheRunningItemWithoutTimeLimit)
     queue.Start();
     queue.Add(new Item(account, 1, &gate, &running));
     ASSERT_TRUE(running.Wait(Patience));
-    std::thread opener([&] {
-        Sleep(50);
-        gate.Set();
-    });
+    std::thread opener(
+        [&]
+        {
+            Sleep(50);
+            gate.Set();
+        });
     EXPECT_TRUE(queue.StopAfterDrain(1, nullptr)) << "the time limit does not count";
     opener.join();
     EXPECT_EQ((std::vector<int>{1}), account.Order());
@@ -439,10 +445,12 @@ TEST(WorkItemThreadPool, StopTimeOutOnOneThreadStopsItAllTheSameAndSaysFalse)
     pool.Add(new Item(account, 1, &gate, &running));
     ASSERT_TRUE(running.Wait(Patience));
     pool.Add(new Item(account, 2));
-    std::thread opener([&] {
-        Sleep(100);
-        gate.Set();
-    });
+    std::thread opener(
+        [&]
+        {
+            Sleep(100);
+            gate.Set();
+        });
     EXPECT_FALSE(pool.Stop(10));
     opener.join();
     EXPECT_EQ((std::vector<int>{1}), account.Order()) << "the second item is deleted unrun";

@@ -122,9 +122,8 @@ std::vector<std::wstring> TraceRecorder::Messages()
 bool TraceRecorder::Has(std::uint16_t source, std::uint16_t level, std::wstring_view message)
 {
     const auto all = Lines();
-    return std::any_of(all.begin(), all.end(), [&](const RecordedLine& line) {
-        return line.source == source && line.level == level && line.Message() == message;
-    });
+    return std::any_of(all.begin(), all.end(), [&](const RecordedLine& line)
+                       { return line.source == source && line.level == level && line.Message() == message; });
 }
 
 bool TraceRecorder::HasMessage(std::wstring_view message)
@@ -180,7 +179,8 @@ std::vector<std::uint16_t> TraceRecorder::SourceLevelCalls()
 void TraceRecorder::RegisterClass()
 {
     static RecorderClass factory;
-    ASSERT_EQ(S_OK, CoRegisterClassObject(CLSID_TraceLogManager, &factory, CLSCTX_LOCAL_SERVER, REGCLS_MULTIPLEUSE, &cookie));
+    ASSERT_EQ(S_OK,
+              CoRegisterClassObject(CLSID_TraceLogManager, &factory, CLSCTX_LOCAL_SERVER, REGCLS_MULTIPLEUSE, &cookie));
 }
 
 void TraceRecorder::RevokeClass()

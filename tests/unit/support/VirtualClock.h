@@ -5,9 +5,10 @@
 
 #include "NetUtilities/Clock.h"
 
-// Time that a test moves by hand. Steady time and ticks run on from the system's by what was added, and do not fall back
-// from one test to the next, since the code under test remembers times; Sleep adds instead of sleeping; the wall clock stands where it was set, or is the system's. Waits on handles are the system's. In use
-// from construction to destruction.
+// Time that a test moves by hand. Steady time and ticks run on from the system's by what was added, and do not fall
+// back from one test to the next, since the code under test remembers times; Sleep adds instead of sleeping; the wall
+// clock stands where it was set, or is the system's. Waits on handles are the system's. In use from construction to
+// destruction.
 class VirtualClock : public SystemClock
 {
 public:
