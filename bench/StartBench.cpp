@@ -42,12 +42,19 @@ std::int64_t TimeStart(SC_HANDLE service)
     return NowNanoseconds() - start;
 }
 
+// Stops the service and waits until its process has gone: a start that finds it still there is refused.
 bool StopService(SC_HANDLE service)
 {
+    SERVICE_STATUS_PROCESS running{};
+    DWORD needed = 0;
+    QueryServiceStatusEx(service, SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE*>(&running), sizeof running, &needed);
+    const UniqueHandle process{running.dwProcessId != 0 ? OpenProcess(SYNCHRONIZE, FALSE, running.dwProcessId)
+                                                        : nullptr};
     SERVICE_STATUS status{};
     if (!ControlService(service, SERVICE_CONTROL_STOP, &status) && GetLastError() != ERROR_SERVICE_NOT_ACTIVE)
         return false;
-    return WaitForState(service, SERVICE_STOPPED);
+    return WaitForState(service, SERVICE_STOPPED) &&
+           (!process || WaitForSingleObject(process.get(), kStateTimeoutMs) == WAIT_OBJECT_0);
 }
 
 std::wstring IdleServerCommand()

@@ -98,7 +98,7 @@ int RunTraceDeliveryBench(int lines)
     const std::int64_t loggerStart = NowNanoseconds();
     for (int i = 0; i < lines; ++i)
         LogMessage(Log::Source::General, kAcceptedLevel, kText);
-    DestroyAllSingletons();     // stops the logger, which delivers all that is queued first
+    DestroyAllSingletons(); // stops the logger, which delivers all that is queued first
     const double loggerSeconds = static_cast<double>(NowNanoseconds() - loggerStart) / 1e9;
     PrintResult("trace_delivery",
                 {{"bare_calls_per_second", lines / bareSeconds}, {"lines_per_second", lines / loggerSeconds}});
