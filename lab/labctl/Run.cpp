@@ -24,6 +24,7 @@ int Run(const std::vector<std::string>& arguments)
     AddEventVerbs(app);
     AddJournalVerbs(app);
     AddFaultVerbs(app);
+    AddControlVerbs(app);
     try {
         std::vector<std::string> reversed(arguments.rbegin(), arguments.rend()); // as the parser takes them
         app.parse(reversed);

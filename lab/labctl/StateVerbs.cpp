@@ -4,6 +4,7 @@
 #include "lab/labctl/Scenario.h"
 #include "lab/labctl/StatePath.h"
 #include "lab/labctl/Verbs.h"
+#include "lab/shims/ShimInstall.h"
 #include "lab/state/Text.h"
 
 #include <windows.h>
@@ -13,6 +14,8 @@
 namespace lab::ctl {
 
 namespace {
+
+constexpr char servicePath[] = "C:\\Program Files\\Halcyd\\Halcyd.exe";
 
 std::filesystem::path FileBeside(const wchar_t* name)
 {
@@ -56,20 +59,26 @@ void AddLoad(CLI::App& app)
 
 void AddInstall(CLI::App& app)
 {
-    CLI::App* verb = app.add_subcommand("install", "Put the stand-in for WMI, the driver and the adapters' keys into this prefix");
+    CLI::App* verb = app.add_subcommand("install", "Put the lab's stand-ins and the adapters' keys into this prefix");
     auto dll = std::make_shared<std::string>();
     verb->add_option("--dll", *dll, "The stand-in; without it labwmi.dll beside this program");
-    verb->callback([dll] {
+    auto program = std::make_shared<std::string>(servicePath);
+    verb->add_option("--program", *program, "The program that gets the shims beside it, if it is there");
+    verb->callback([dll, program] {
         InstallWmi(dll->empty() ? FileBeside(L"labwmi.dll") : std::filesystem::absolute(Wide(*dll)));
         WriteAdapterKeys(*Machine::Attach().Snapshot());
         if (const auto image = FileBeside(L"lab.sys"); std::filesystem::is_regular_file(image)) {
             CheckDriver(InstallDriver(image), "install");
             WakeDriver();
         }
+        if (std::filesystem::exists(Wide(*program))) {
+            InstallShims(Wide(*program), FileBeside(L"labctl.exe").parent_path());
+        }
     });
     app.add_subcommand("uninstall", "Take the stand-in, the driver and all keys of the lab out of the prefix")->callback([] {
         Uninstall();
         CheckDriver(RemoveDriver(), "remove");
+        RemoveShims(Wide(servicePath));
     });
 }
 

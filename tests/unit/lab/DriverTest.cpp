@@ -215,6 +215,9 @@ TEST_F(LabDriverTest, JournalsOpenQueryAndCloseWithCaller)
         const lab::Handle device = OpenDevice(devicePath);
         EXPECT_EQ(Query(device.get(), 0x00FFFFFF).error, static_cast<DWORD>(ERROR_NOT_SUPPORTED));
     }
+    // The close reaches the driver after CloseHandle has returned.
+    while (Journalled("Driver::Close").empty())
+        std::this_thread::yield();
     lab::JournalPosition position;
     const auto lines = machine.ReadJournal(position);
     ASSERT_EQ(lines.size(), 3U) << lab::Json(lines).dump(1);

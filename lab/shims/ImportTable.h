@@ -1,0 +1,11 @@
+// The import table of the running program, changed in memory only: the file on disk stays what it is.
+#pragma once
+
+namespace lab::shim
+{
+
+// Lets the program's imports of `function`, from whatever DLL, go to `replacement`. Returns where they went before, or
+// null if the program does not import it. To be called while the program's own code does not run yet.
+void* ReplaceImport(const char* function, void* replacement) noexcept;
+
+} // namespace lab::shim
