@@ -7,6 +7,7 @@
 #include "NetUtilities/FileLogger.h"
 #include "NetUtilities/RegistryKey.h"
 #include "NetUtilities/Trace.h"
+#include "tests/unit/support/ChildTest.h"
 #include "tests/unit/support/TraceRecorder.h"
 #include "tests/unit/support/VirtualClock.h"
 
@@ -339,40 +340,17 @@ TEST_F(LoggerTest, BannerIsSixtyWideByDefault)
 
 using LoggerDeathTest = LoggerTest;
 
-// The test program's terminate handler ends the process with 71; here it must have been called from the logger thread.
-int ExitCodeWithoutTraceService(const wchar_t* what)
-{
-    wchar_t self[MAX_PATH] = {};
-    GetModuleFileNameW(nullptr, self, MAX_PATH);
-    std::wstring command =
-        FormatText(L"\"{}\" --gtest_filter=LoggerChild.{} --gtest_also_run_disabled_tests", self, what);
-    STARTUPINFOW start{};
-    start.cb = sizeof(start);
-    PROCESS_INFORMATION process{};
-    if (CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &start, &process) ==
-        FALSE)
-    {
-        return -1;
-    }
-    const UniqueHandle thread(process.hThread);
-    const UniqueHandle handle(process.hProcess);
-    DWORD code = 0;
-    if (WaitForSingleObject(handle.get(), 30000) != WAIT_OBJECT_0 || GetExitCodeProcess(handle.get(), &code) == FALSE)
-    {
-        TerminateProcess(handle.get(), 1);
-        return -2;
-    }
-    return static_cast<int>(code);
-}
+// The test program's terminate handler ends the process with this code; here it is called from the logger thread.
+constexpr int Terminated = 71;
 
 TEST_F(LoggerDeathTest, MissingTraceServiceEndsTheProcessAtTheFirstLine)
 {
-    EXPECT_EQ(71, ExitCodeWithoutTraceService(L"DISABLED_FirstLineWithoutTraceService"));
+    EXPECT_EQ(Terminated, RunChildTest(L"LoggerChild.DISABLED_FirstLineWithoutTraceService"));
 }
 
 TEST_F(LoggerDeathTest, MissingTraceServiceEndsTheProcessAtStopToo)
 {
-    EXPECT_EQ(71, ExitCodeWithoutTraceService(L"DISABLED_StopWithoutTraceService"));
+    EXPECT_EQ(Terminated, RunChildTest(L"LoggerChild.DISABLED_StopWithoutTraceService"));
 }
 
 // Run in a process of their own, by the two tests above.

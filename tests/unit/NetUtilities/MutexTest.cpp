@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/unit/support/ChildTest.h"
+
 namespace
 {
 // The tests below take locks in ways that the analysis would rightly refuse.
@@ -162,5 +164,33 @@ TEST(ConditionVariable, WakesAWaiterThatHoldsTheMutexAgainBehindTheWait)
     condition.WakeAll();
     waiter.join();
     EXPECT_TRUE(seen);
+}
+} // namespace
+
+// --- What the order check does to a thread that breaks it ---
+
+namespace
+{
+TEST(LockOrder, BrokenOrderEndsTheProcess)
+{
+    EXPECT_EQ(0, RunChildTest(L"LockOrderChild.DISABLED_KeptOrder"));
+    EXPECT_NE(0, RunChildTest(L"LockOrderChild.DISABLED_BrokenOrder"));
+}
+
+TEST(LockOrderChild, DISABLED_KeptOrder)
+{
+    LockOrder::BeforeLock(LockRank::SerializeOpenClose);
+    LockOrder::Locked(LockRank::SerializeOpenClose);
+    LockOrder::BeforeLock(LockRank::DeviceInfoList);
+    LockOrder::Locked(LockRank::DeviceInfoList);
+    LockOrder::Unlocked(LockRank::DeviceInfoList);
+    LockOrder::Unlocked(LockRank::SerializeOpenClose);
+    LockOrder::BeforeLock(LockRank::SerializeOpenClose);
+}
+
+TEST(LockOrderChild, DISABLED_BrokenOrder)
+{
+    LockOrder::Locked(LockRank::DeviceInfoList);
+    LockOrder::BeforeLock(LockRank::SerializeOpenClose);
 }
 } // namespace
