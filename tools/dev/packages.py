@@ -30,8 +30,9 @@ def ensure(*groups):
     step = Step('installing ' + ' '.join(needed))
     root = [] if os.geteuid() == 0 else ['sudo']
     environment = dict(os.environ, DEBIAN_FRONTEND='noninteractive')
-    for command in (['apt-get', 'update', '-qq'],
-                    ['apt-get', 'install', '-y', '-qq', '--no-install-recommends', *needed]):
+    wait = ['-o', 'DPkg::Lock::Timeout=300']    # another installation may be under way
+    for command in (['apt-get', *wait, 'update', '-qq'],
+                    ['apt-get', *wait, 'install', '-y', '-qq', '--no-install-recommends', *needed]):
         result = subprocess.run(root + command, env=environment, stdin=subprocess.DEVNULL, capture_output=True, text=True)
         if result.returncode != 0:
             step.done(ok=False)

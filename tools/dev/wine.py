@@ -13,6 +13,7 @@ from ui import Failure, Step
 
 CACHE = Path(os.environ.get('XDG_CACHE_HOME', Path.home() / '.cache')) / 'halcyd'
 _numbers = itertools.count(1)
+_RECIPE = 2         # raised when the template is to be made differently
 
 
 def _tool(name):
@@ -51,7 +52,7 @@ def clone(source, target):
 
 def template():
     """The bare prefix that all others are cloned from; made once for each version of Wine."""
-    place = CACHE / f'template-{version()}'
+    place = CACHE / f'template-{version()}-{_RECIPE}'
     CACHE.mkdir(parents=True, exist_ok=True)
     with open(CACHE / 'template.lock', 'w') as lock:
         fcntl.flock(lock, fcntl.LOCK_EX)
@@ -62,15 +63,41 @@ def template():
         place.mkdir(parents=True)
         prefix = Prefix(place, owned=False)
         prefix.start()
-        for arguments in (['wineboot', '-i'], ['winecfg', '-v', 'win10']):
+        for arguments in (['wineboot', '-i'], ['winecfg', '-v', 'win10'],
+                          ['reg', 'add', r'HKCU\Software\Wine\WineDbg', '/v', 'ShowCrashDialog', '/t', 'REG_DWORD',
+                           '/d', '0', '/f']):
             prefix.run(arguments, timeout=300)
         prefix.stop()
+        _isolate(place)
         if not (place / 'system.reg').exists():
             step.done(ok=False)
             raise Failure('Wine could not make a prefix')
         (place / 'ready').touch()
         step.done()
     return place
+
+
+def _isolate(place):
+    """Folders of the Windows user that point into the host's home become folders of the prefix."""
+    for folder, folders, files in os.walk(place / 'drive_c' / 'users'):
+        for path in (Path(folder, name) for name in folders + files):
+            if path.is_symlink():
+                path.unlink()
+                path.mkdir()
+
+
+def sweep():
+    """Removes prefixes whose owner has gone without doing so."""
+    for place in (CACHE / 'prefixes').glob('*-*-*'):
+        owner = place.name.split('-')[-2]
+        if owner.isdigit() and not Path('/proc', owner).exists():
+            Prefix(place).stop()
+            shutil.rmtree(place, ignore_errors=True)
+
+
+def windows_path(path):
+    """The name under which a file of the host is seen inside every prefix."""
+    return 'Z:' + str(Path(path).absolute()).replace('/', '\\')
 
 
 class Prefix:
@@ -113,6 +140,10 @@ class Prefix:
         # Stays for a minute after its last process: services would otherwise be ended between two commands.
         subprocess.run([_tool('wineserver'), '-p60'], env=self.environment(), stdin=subprocess.DEVNULL,
                        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+
+    def boot(self):
+        """Starts Windows' own services now. They inherit the output of whatever program comes first: here, none."""
+        self.run(['cmd', '/c', 'exit'])
 
     def popen(self, arguments, extra=None, **options):
         return subprocess.Popen([_tool('wine64'), *map(str, arguments)], env=self.environment(extra), **options)

@@ -1,0 +1,82 @@
+"""A prepared Windows for the commands that show, measure or run something: lab loaded, service and trace service up."""
+import re
+import time
+from contextlib import contextmanager
+
+import build
+import packages
+import product
+import wine
+from ui import Failure, Step
+
+START_LIMIT = 60    # seconds
+
+
+def prepare():
+    """Installs what is missing, builds what is stale; the folder of the build and the installed prefix."""
+    packages.ensure(packages.BUILD, packages.RUN)
+    wine.sweep()
+    built = build.build('gcc')
+    return built, product.installed(built)
+
+
+@contextmanager
+def running(name, scenario):
+    """A clone with this scenario loaded and the service running. Nothing of it is left afterwards."""
+    built, base = prepare()
+    with wine.Prefix.clone_of(base, name=name) as prefix:
+        step = Step(f'starting Windows, scenario {scenario}')
+        prefix.boot()
+        load(prefix, scenario)
+        start_service(prefix)
+        step.done()
+        yield built, prefix
+
+
+def load(prefix, scenario):
+    done = prefix.run([product.windows(f'{product.LAB}/labctl.exe'), 'load', scenario])
+    if done.returncode != 0:
+        known = ', '.join(sorted(p.stem for p in (build.ROOT / 'lab' / 'scenarios').glob('*.json')))
+        raise Failure(f'{done.stdout.strip()}\nscenarios: {known}, host')
+
+
+def service_state(prefix):
+    answer = prefix.run(['sc', 'query', 'Halcyd']).stdout
+    found = re.search(r'STATE\s*:\s*\d+\s+(\w+)', answer)
+    return found.group(1) if found else 'missing'
+
+
+def start_service(prefix):
+    """The service starts with Windows; this waits for it, and starts it where it has been stopped."""
+    limit = time.monotonic() + START_LIMIT
+    while time.monotonic() < limit:
+        state = service_state(prefix)
+        if state == 'RUNNING':
+            return
+        if state == 'STOPPED':
+            prefix.run(['net', 'start', 'Halcyd'])
+        time.sleep(0.2)
+    raise Failure(f'the service did not come up within {START_LIMIT} s: {state}')
+
+
+def stop_service(prefix):
+    prefix.run(['net', 'stop', 'Halcyd'])
+    limit = time.monotonic() + START_LIMIT
+    while service_state(prefix) != 'STOPPED':
+        if time.monotonic() > limit:
+            raise Failure(f'the service did not stop within {START_LIMIT} s')
+        time.sleep(0.1)
+
+
+def host_ids(prefix, program):
+    """Ids of the host's processes that run a program of the prefix, found by its file name."""
+    found = []
+    for pid in prefix.processes():
+        try:
+            with open(f'/proc/{pid}/cmdline', 'rb') as file:
+                words = file.read().split(b'\0')
+        except OSError:
+            continue
+        if program.lower() in words[0].decode('utf-8', 'replace').strip('"').lower().replace('/', '\\').split('\\')[-1]:
+            found.append(pid)
+    return found
