@@ -47,7 +47,7 @@ def service_state(prefix):
 
 
 def start_service(prefix):
-    """The service starts with Windows; this waits for it, and starts it where it has been stopped."""
+    """Starts the service and waits until it says that it runs."""
     limit = time.monotonic() + START_LIMIT
     while time.monotonic() < limit:
         state = service_state(prefix)
