@@ -18,6 +18,7 @@ int Run(const std::vector<std::string>& arguments)
                  "environment variable HALCYD_LAB names.",
                  "labctl"};
     app.require_subcommand(1);
+    app.allow_windows_style_options(false); // a path may begin with a slash
     app.failure_message(CLI::FailureMessage::help);
     AddStateVerbs(app);
     AddAdapterVerbs(app);

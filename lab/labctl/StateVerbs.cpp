@@ -1,8 +1,9 @@
-// load, install, uninstall, dump, get, set.
+// load, sync, install, uninstall, dump, get, set.
 #include "lab/driver/LabDriver.h"
 #include "lab/labctl/Registry.h"
 #include "lab/labctl/Scenario.h"
 #include "lab/labctl/StatePath.h"
+#include "lab/labctl/Sync.h"
 #include "lab/labctl/Verbs.h"
 #include "lab/shims/ShimInstall.h"
 #include "lab/state/Text.h"
@@ -15,13 +16,21 @@ namespace lab::ctl {
 
 namespace {
 
+<<<<<<< HEAD
 constexpr char servicePath[] = "C:\\Program Files\\Halcyd\\Halcyd.exe";
 
 std::filesystem::path FileBeside(const wchar_t* name)
+=======
+// A file of the lab: beside this program, or in its own folder of a build tree.
+std::filesystem::path FileBeside(const wchar_t* name, const wchar_t* room)
+>>>>>>> 91c508e (Mirror the host's adapters into the lab, and follow what happens to them)
 {
     wchar_t path[MAX_PATH];
     GetModuleFileNameW(nullptr, path, MAX_PATH);
-    return std::filesystem::path{path}.parent_path() / name;
+    const std::filesystem::path folder = std::filesystem::path{path}.parent_path();
+    std::error_code error;
+    const std::filesystem::path built = folder.parent_path() / room / name;
+    return !std::filesystem::exists(folder / name, error) && std::filesystem::exists(built, error) ? built : folder / name;
 }
 
 void CheckDriver(std::uint32_t error, const char* what)
@@ -57,17 +66,39 @@ void AddLoad(CLI::App& app)
     });
 }
 
+void AddSync(CLI::App& app)
+{
+    CLI::App* verb = app.add_subcommand("sync", "Bring the running machine in line with a scenario, with the events of what changes");
+    auto name = std::make_shared<std::string>();
+    verb->add_option("scenario", *name, "Name of a scenario beside this program, or a file")->required();
+    verb->callback([name] {
+        const Json fresh = ReadScenario(FindScenario(*name));
+        Machine& machine = Machine::Attach();
+        Events events;
+        machine.Update([&](Json& state, Events&) { SyncTo(state, fresh, events); });
+        // Windows has written an adapter's keys before it tells of the adapter.
+        WriteAdapterKeys(*machine.Snapshot());
+        machine.Raise(events);
+        std::cout << events.size() << " events\n";
+    });
+}
+
 void AddInstall(CLI::App& app)
 {
     CLI::App* verb = app.add_subcommand("install", "Put the lab's stand-ins and the adapters' keys into this prefix");
     auto dll = std::make_shared<std::string>();
     verb->add_option("--dll", *dll, "The stand-in; without it labwmi.dll beside this program");
+<<<<<<< HEAD
     auto program = std::make_shared<std::string>(servicePath);
     verb->add_option("--program", *program, "The program that gets the shims beside it, if it is there");
     verb->callback([dll, program] {
         InstallWmi(dll->empty() ? FileBeside(L"labwmi.dll") : std::filesystem::absolute(Wide(*dll)));
+=======
+    verb->callback([dll] {
+        InstallWmi(dll->empty() ? FileBeside(L"labwmi.dll", L"wmi") : std::filesystem::absolute(Wide(*dll)));
+>>>>>>> 91c508e (Mirror the host's adapters into the lab, and follow what happens to them)
         WriteAdapterKeys(*Machine::Attach().Snapshot());
-        if (const auto image = FileBeside(L"lab.sys"); std::filesystem::is_regular_file(image)) {
+        if (const auto image = FileBeside(L"lab.sys", L"driver"); std::filesystem::is_regular_file(image)) {
             CheckDriver(InstallDriver(image), "install");
             WakeDriver();
         }
@@ -127,6 +158,7 @@ void AddGetAndSet(CLI::App& app)
 void AddStateVerbs(CLI::App& app)
 {
     AddLoad(app);
+    AddSync(app);
     AddInstall(app);
     AddDump(app);
     AddGetAndSet(app);
