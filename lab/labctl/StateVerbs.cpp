@@ -16,14 +16,10 @@ namespace lab::ctl {
 
 namespace {
 
-<<<<<<< HEAD
 constexpr char servicePath[] = "C:\\Program Files\\Halcyd\\Halcyd.exe";
 
-std::filesystem::path FileBeside(const wchar_t* name)
-=======
 // A file of the lab: beside this program, or in its own folder of a build tree.
 std::filesystem::path FileBeside(const wchar_t* name, const wchar_t* room)
->>>>>>> 91c508e (Mirror the host's adapters into the lab, and follow what happens to them)
 {
     wchar_t path[MAX_PATH];
     GetModuleFileNameW(nullptr, path, MAX_PATH);
@@ -88,22 +84,17 @@ void AddInstall(CLI::App& app)
     CLI::App* verb = app.add_subcommand("install", "Put the lab's stand-ins and the adapters' keys into this prefix");
     auto dll = std::make_shared<std::string>();
     verb->add_option("--dll", *dll, "The stand-in; without it labwmi.dll beside this program");
-<<<<<<< HEAD
     auto program = std::make_shared<std::string>(servicePath);
     verb->add_option("--program", *program, "The program that gets the shims beside it, if it is there");
     verb->callback([dll, program] {
-        InstallWmi(dll->empty() ? FileBeside(L"labwmi.dll") : std::filesystem::absolute(Wide(*dll)));
-=======
-    verb->callback([dll] {
         InstallWmi(dll->empty() ? FileBeside(L"labwmi.dll", L"wmi") : std::filesystem::absolute(Wide(*dll)));
->>>>>>> 91c508e (Mirror the host's adapters into the lab, and follow what happens to them)
         WriteAdapterKeys(*Machine::Attach().Snapshot());
         if (const auto image = FileBeside(L"lab.sys", L"driver"); std::filesystem::is_regular_file(image)) {
             CheckDriver(InstallDriver(image), "install");
             WakeDriver();
         }
         if (std::filesystem::exists(Wide(*program))) {
-            InstallShims(Wide(*program), FileBeside(L"labctl.exe").parent_path());
+            InstallShims(Wide(*program), FileBeside(L"labctl.exe", L"labctl").parent_path());
         }
     });
     app.add_subcommand("uninstall", "Take the stand-in, the driver and all keys of the lab out of the prefix")->callback([] {
