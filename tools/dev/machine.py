@@ -1,5 +1,7 @@
 """A prepared Windows for the commands that show, measure or run something: lab loaded, service and trace service up."""
 import re
+import subprocess
+import sys
 import time
 from contextlib import contextmanager
 
@@ -10,6 +12,7 @@ import wine
 from ui import Failure, Step
 
 START_LIMIT = 60    # seconds
+HOST_MIRROR = build.ROOT / 'lab' / 'host' / 'hostlab.py'
 
 
 def prepare():
@@ -30,10 +33,30 @@ def running(name, scenario):
         load(prefix, scenario)
         start_service(prefix)
         step.done()
-        yield built, prefix
+        follower = follow_host(prefix) if scenario == 'host' else None
+        try:
+            yield built, prefix
+        finally:
+            if follower:
+                follower.terminate()
+                follower.wait()
+
+
+def follow_host(prefix):
+    """Keeps the lab's machine the same as this one: a real interface that goes down does so there too."""
+    return subprocess.Popen([sys.executable, '-B', HOST_MIRROR, '--output', prefix.c('host.json'), '--follow',
+                             wine.loader(), product.windows(f'{product.LAB}/labctl.exe'), 'sync'],
+                            env=prefix.environment(), cwd=build.ROOT, stdin=subprocess.DEVNULL,
+                            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
 
 
 def load(prefix, scenario):
+    if scenario == 'host':
+        mirrored = subprocess.run([sys.executable, '-B', HOST_MIRROR, '--output', prefix.c('host.json')],
+                                  capture_output=True, text=True)
+        if mirrored.returncode != 0:
+            raise Failure(mirrored.stderr.strip() or mirrored.stdout.strip())
+        scenario = 'C:\\host.json'
     done = prefix.run([product.windows(f'{product.LAB}/labctl.exe'), 'load', scenario])
     if done.returncode != 0:
         known = ', '.join(sorted(p.stem for p in (build.ROOT / 'lab' / 'scenarios').glob('*.json')))

@@ -1,6 +1,8 @@
 """./dev test: everything, or what matches a name; one summary line at the end."""
 import re
 import shutil
+import subprocess
+import sys
 import threading
 import time
 from concurrent.futures import ThreadPoolExecutor
@@ -65,6 +67,22 @@ def run_lint(tally, pattern):
         if _matches(label, pattern):
             wrong = check()
             tally.add(Outcome(label, 'failed' if wrong else 'passed', '\n'.join(wrong)))
+
+
+def run_script_tests(tally, pattern):
+    """Tests of scripts that run on the host, one by one as unittest names them."""
+    for path in sorted(p for room in ('lab', 'tools') for p in (build.ROOT / room).glob('**/test_*.py')):
+        result = subprocess.run([sys.executable, '-B', '-m', 'unittest', '-v', path.stem], cwd=path.parent,
+                                stdin=subprocess.DEVNULL, capture_output=True, text=True)
+        found = re.findall(r'^(\w+) \(.*?\)(?:\n.*?)?? \.\.\. (ok|FAIL|ERROR|skipped.*)$', result.stderr, re.MULTILINE)
+        for name, verdict in found:
+            label = f'script: {path.stem}: {name}'
+            if _matches(label, pattern):
+                outcome = 'passed' if verdict == 'ok' else 'skipped' if verdict.startswith('skipped') else 'failed'
+                tally.add(Outcome(label, outcome, '' if verdict == 'ok' else result.stderr[-3000:]))
+        if (result.returncode != 0 or not found) and _matches(f'script: {path.stem}', pattern) and \
+                all(verdict == 'ok' for _, verdict in found):
+            tally.add(Outcome(f'script: {path.stem}', 'failed', result.stderr[-3000:]))
 
 
 def run_unit(tally, built, preset, pattern):
@@ -186,9 +204,15 @@ def main(pattern=None, quick=False):
     packages.ensure(packages.BUILD, packages.RUN, packages.TEST)
     shutil.rmtree(RESULTS, ignore_errors=True)
     RESULTS.mkdir(parents=True)
+    wine.sweep()
     tally = Tally()
     run_lint(tally, pattern)
-    built = build.build('gcc')
+    run_script_tests(tally, pattern)
+    try:
+        built = build.build('gcc')
+    except Failure as failure:
+        tally.add(Outcome('build (gcc)', 'failed', str(failure)))
+        return tally.summary(time.monotonic() - started)
     run_runner_checks(tally, built, pattern)
     run_unit(tally, built, 'gcc', pattern)
     run_system(tally, built, pattern)

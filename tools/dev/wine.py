@@ -33,6 +33,11 @@ def _environment(prefix):
     return environment
 
 
+def loader():
+    """The program that runs Windows programs."""
+    return _tool('wine64')
+
+
 def version():
     return subprocess.run([_tool('wine64'), '--version'], capture_output=True, text=True).stdout.split()[0]
 
