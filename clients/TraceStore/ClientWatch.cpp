@@ -5,8 +5,6 @@
 #include <set>
 #include <utility>
 
-// Exported by rpcrt4 under this name everywhere; the headers at hand do not declare it.
-extern "C" RPC_STATUS RPC_ENTRY I_RpcBindingInqLocalClientPID(RPC_BINDING_HANDLE binding, unsigned long* process);
 
 ClientWatch& TheClientWatch()
 {

@@ -164,7 +164,9 @@ private:
             AddGuid(Add(group, "get", "Shows the setting", setting.get));
             CLI::App* const set = Add(group, "set", "Changes the setting", setting.set);
             AddGuid(set);
-            set->add_option("VALUE", options.values, setting.values)->expected(setting.fewest, setting.most);
+            set->add_option("VALUE", options.values, setting.values)
+                ->required(setting.fewest != 0)
+                ->expected(setting.fewest, setting.most);
         }
         CLI::App* const dhcp = AddGroup("dhcp", "DHCP of an adapter");
         AddGuid(Add(dhcp, "enable", "Takes addresses from DHCP", Verb::DhcpEnable));
