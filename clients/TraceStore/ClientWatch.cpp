@@ -5,7 +5,6 @@
 #include <set>
 #include <utility>
 
-
 ClientWatch& TheClientWatch()
 {
     static ClientWatch watch;
