@@ -12,10 +12,10 @@ class CSource : public CComObjectRootEx<CComMultiThreadModel>,
 {
 public:
     BEGIN_COM_MAP(CSource)
-        COM_INTERFACE_ENTRY(IConnectionPointContainer)
+    COM_INTERFACE_ENTRY(IConnectionPointContainer)
     END_COM_MAP()
     BEGIN_CONNECTION_POINT_MAP(CSource)
-        CONNECTION_POINT_ENTRY(IID_TestEvents, CSource)
+    CONNECTION_POINT_ENTRY(IID_TestEvents, CSource)
     END_CONNECTION_POINT_MAP()
 
     int Slots() const { return m_vec.GetSize(); }

@@ -15,7 +15,7 @@ class CScripted : public CComObjectRootEx<CComMultiThreadModel>,
 {
 public:
     BEGIN_COM_MAP(CScripted)
-        COM_INTERFACE_ENTRY(IDispatch)
+    COM_INTERFACE_ENTRY(IDispatch)
     END_COM_MAP()
 };
 

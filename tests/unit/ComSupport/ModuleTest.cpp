@@ -38,9 +38,8 @@ void WINAPI MainSecond(bool starting)
 constexpr CComObjectMapEntry Row(const CLSID* clsid, HRESULT(WINAPI* update)(BOOL), CComCreatorFunction getClassObject,
                                  void(WINAPI* objectMain)(bool))
 {
-    return {clsid,   update, getClassObject, CPlainObject::_CreatorClass::CreateInstance,
-            nullptr, 0,      nullptr,        nullptr,
-            objectMain};
+    return {clsid,   update,  getClassObject, CPlainObject::_CreatorClass::CreateInstance, nullptr, 0,
+            nullptr, nullptr, objectMain};
 }
 
 class ModuleTest : public ::testing::Test
@@ -63,8 +62,8 @@ protected:
 HRESULT Create(REFCLSID clsid)
 {
     IUnknown* object = nullptr;
-    const HRESULT created = CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, __uuidof(IUnknown),
-                                             reinterpret_cast<void**>(&object));
+    const HRESULT created =
+        CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, __uuidof(IUnknown), reinterpret_cast<void**>(&object));
     if (object != nullptr)
     {
         object->Release();
@@ -116,9 +115,10 @@ TEST_F(ModuleTest, FirstFailureStopsTheRegistrationOfClassObjects)
 
 TEST_F(ModuleTest, RegistrationOfClassesRunsInMapOrderAndStopsAtTheFirstFailure)
 {
-    CComObjectMapEntry three[4] = {
-        Row(&CLSID_TestCounter, UpdateFirst, nullptr, MainFirst), Row(&CLSID_TestMonitor, UpdateSecond, nullptr, MainSecond),
-        Row(&IID_TestEvents, UpdateThird, nullptr, MainFirst), {}};
+    CComObjectMapEntry three[4] = {Row(&CLSID_TestCounter, UpdateFirst, nullptr, MainFirst),
+                                   Row(&CLSID_TestMonitor, UpdateSecond, nullptr, MainSecond),
+                                   Row(&IID_TestEvents, UpdateThird, nullptr, MainFirst),
+                                   {}};
     CComModule module;
     module.Init(three, nullptr, nullptr);
     calls.clear();

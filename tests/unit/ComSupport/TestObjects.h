@@ -41,8 +41,8 @@ public:
     static inline Lives lives;
 
     BEGIN_COM_MAP(CTestObject)
-        COM_INTERFACE_ENTRY(IPersist)
-        COM_INTERFACE_ENTRY(IServiceProvider)
+    COM_INTERFACE_ENTRY(IPersist)
+    COM_INTERFACE_ENTRY(IServiceProvider)
     END_COM_MAP()
     static HRESULT WINAPI UpdateRegistry(BOOL) noexcept { return S_OK; }
 
@@ -54,7 +54,8 @@ public:
         ++lives.finalConstructed;
         // Hands itself out and takes itself back, as a member object that is built here would.
         IUnknown* self = nullptr;
-        if (SUCCEEDED(static_cast<IPersist*>(this)->QueryInterface(__uuidof(IUnknown), reinterpret_cast<void**>(&self))))
+        if (SUCCEEDED(
+                static_cast<IPersist*>(this)->QueryInterface(__uuidof(IUnknown), reinterpret_cast<void**>(&self))))
         {
             self->Release();
         }
