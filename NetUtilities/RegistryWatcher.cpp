@@ -11,7 +11,10 @@ constexpr DWORD AllChanges = 15;   // name, attributes, last set, security
 
 void RegistryWatcher::Start()
 {
-    key.Open(HKEY_LOCAL_MACHINE, WatchedKey, WatchAccess);
+    if (key.Open(HKEY_LOCAL_MACHINE, WatchedKey, WatchAccess) != ERROR_SUCCESS)
+    {
+        return; // nothing to watch: no event then
+    }
     changed.reset(CreateEventW(nullptr, TRUE, FALSE, L"RegistryWatcher"));
     ReadSwitch();
 }

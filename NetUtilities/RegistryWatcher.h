@@ -16,7 +16,7 @@ public:
     RegistryWatcher(const RegistryWatcher&) = delete;
     RegistryWatcher& operator=(const RegistryWatcher&) = delete;
 
-    // Opens the key (query and notify only), makes the event, reads the switch.
+    // Opens the key (query and notify only); if that works, makes the event and reads the switch.
     void Start();
     // If the event is signalled, reads the switch again and resets the event. Does not wait.
     void Poll();

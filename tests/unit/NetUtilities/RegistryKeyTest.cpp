@@ -558,6 +558,21 @@ TEST_F(RegistryKeyTest, WatcherFollowsTheSwitch)
     EXPECT_EQ(nullptr, watcher.EventHandle());
 }
 
+TEST_F(RegistryKeyTest, WatcherOfAMissingKeyMakesNoEvent)
+{
+    RegistryKey machine;
+    ASSERT_EQ(0U, machine.Open(HKEY_LOCAL_MACHINE, L"Software", KEY_ALL_ACCESS));
+    ASSERT_EQ(0U, machine.DeleteTree(L"QRLS"));
+    RegistryWatcher watcher;
+    watcher.Start();
+    EXPECT_EQ(nullptr, watcher.EventHandle());
+    watcher.Poll();
+    EXPECT_FALSE(watcher.Enabled());
+    RegistryKey product; // as the environment has made it
+    ASSERT_EQ(0U, product.Create(HKEY_LOCAL_MACHINE, L"Software\\QRLS\\Sorvane", KEY_WRITE));
+    ASSERT_EQ(0U, product.WriteDword(L"TraceLevel", 6));
+}
+
 TEST_F(RegistryKeyTest, WatcherEventIsNamed)
 {
     RegistryWatcher watcher;
