@@ -83,4 +83,5 @@ extern "C"
     IMPORT_SLOT(RegDeleteTreeW)
     IMPORT_SLOT(RegDeleteKeyExW)
     IMPORT_SLOT(RegEnumKeyExW)
+    IMPORT_SLOT(CoInitializeEx)
 }
