@@ -11,11 +11,14 @@
 #include <random>
 #include <stdexcept>
 
-namespace lab::ctl {
+namespace lab::ctl
+{
 
-namespace {
+namespace
+{
 
-struct EventOptions {
+struct EventOptions
+{
     std::string className;
     std::string adapter;
     std::string suffix;
@@ -29,22 +32,28 @@ void RaiseOne(const EventOptions& options)
 {
     Json state = *Machine::Attach().Snapshot();
     Json event{{"channel", "wmi"}, {"type", options.className}};
-    if (!options.adapter.empty()) {
+    if (!options.adapter.empty())
+    {
         event = NdisEvent(RequireAdapter(state, options.adapter), options.className);
     }
-    if (!options.instanceName.empty()) {
+    if (!options.instanceName.empty())
+    {
         event["InstanceName"] = options.instanceName;
     }
-    if (!options.suffix.empty()) {
+    if (!options.suffix.empty())
+    {
         event["InstanceName"] = TextField(event, "InstanceName") + options.suffix;
     }
-    if (!options.deviceName.empty()) {
+    if (!options.deviceName.empty())
+    {
         event["DeviceName"] = options.deviceName;
     }
-    if (options.copies != 1) {
+    if (options.copies != 1)
+    {
         event["copies"] = options.copies;
     }
-    if (options.delay != 0) {
+    if (options.delay != 0)
+    {
         event["delayMs"] = options.delay;
     }
     Machine::Attach().Raise({event});
@@ -69,22 +78,28 @@ void AddEvents(CLI::App& app)
     CLI::App* verb = app.add_subcommand("events", "Show the machine's events as they come");
     auto seconds = std::make_shared<double>(0);
     verb->add_option("--seconds", *seconds, "Stop after so long");
-    verb->callback([seconds] {
-        EventCursor cursor = Machine::Attach().Listen();
-        const ULONGLONG end = GetTickCount64() + static_cast<ULONGLONG>(*seconds * 1000);
-        for (;;) {
-            const ULONGLONG now = GetTickCount64();
-            if (*seconds > 0 && now >= end) {
-                return;
+    verb->callback(
+        [seconds]
+        {
+            EventCursor cursor = Machine::Attach().Listen();
+            const ULONGLONG end = GetTickCount64() + static_cast<ULONGLONG>(*seconds * 1000);
+            for (;;)
+            {
+                const ULONGLONG now = GetTickCount64();
+                if (*seconds > 0 && now >= end)
+                {
+                    return;
+                }
+                for (const Json& event : cursor.Next(*seconds > 0 ? static_cast<std::uint32_t>(end - now) : INFINITE))
+                {
+                    Print(event, true);
+                }
             }
-            for (const Json& event : cursor.Next(*seconds > 0 ? static_cast<std::uint32_t>(end - now) : INFINITE)) {
-                Print(event, true);
-            }
-        }
-    });
+        });
 }
 
-struct StormOptions {
+struct StormOptions
+{
     unsigned events = 100;
     unsigned seed = 1;
     unsigned batch = 1;
@@ -97,23 +112,35 @@ struct StormOptions {
 void ChangeOne(Json& adapter, Events& events, const std::string& kind, std::mt19937& random)
 {
     const unsigned pick = random() % 100;
-    if (kind == "address" || (kind == "mixed" && pick < 40)) {
+    if (kind == "address" || (kind == "mixed" && pick < 40))
+    {
         const std::string address = "203.0.113." + std::to_string(1 + random() % 250);
-        if (!RemoveAddress(adapter, events, address)) {
+        if (!RemoveAddress(adapter, events, address))
+        {
             AddAddress(adapter, events, address, 24);
         }
-        if (Member(adapter, "addresses").size() > 8) {
+        if (Member(adapter, "addresses").size() > 8)
+        {
             SetAddresses(adapter, events, Json::array({adapter["addresses"][0]}));
         }
-    } else if (kind == "arrival" || (kind == "mixed" && pick >= 90)) {
-        if (IsPresent(adapter)) {
+    }
+    else if (kind == "arrival" || (kind == "mixed" && pick >= 90))
+    {
+        if (IsPresent(adapter))
+        {
             Depart(adapter, events);
-        } else {
+        }
+        else
+        {
             Arrive(adapter, events);
         }
-    } else if (IsConnected(adapter)) {
+    }
+    else if (IsConnected(adapter))
+    {
         CableOut(adapter, events);
-    } else {
+    }
+    else
+    {
         CableIn(adapter, events, true);
     }
 }
@@ -122,14 +149,17 @@ void ChangeOne(Json& adapter, Events& events, const std::string& kind, std::mt19
 std::vector<std::string> StormAdapters(const Json& state, const StormOptions& options)
 {
     std::vector<std::string> names = options.adapters;
-    for (const Json& adapter : Member(state, "adapters")) {
-        const bool isReal = (NumberField(adapter, "characteristics", 1) & 1) == 0 && Member(adapter, "mac").is_string() &&
-                            FlagField(Member(adapter, "driver"), "open", true);
-        if (options.adapters.empty() && isReal) {
+    for (const Json& adapter : Member(state, "adapters"))
+    {
+        const bool isReal = (NumberField(adapter, "characteristics", 1) & 1) == 0 &&
+                            Member(adapter, "mac").is_string() && FlagField(Member(adapter, "driver"), "open", true);
+        if (options.adapters.empty() && isReal)
+        {
             names.push_back(TextField(adapter, "name"));
         }
     }
-    if (names.empty()) {
+    if (names.empty())
+    {
         throw std::runtime_error("the machine has no real adapter to storm with");
     }
     return names;
@@ -141,22 +171,29 @@ void RunStorm(const StormOptions& options)
     const auto names = StormAdapters(*machine.Snapshot(), options);
     std::mt19937 random{options.seed};
     std::map<std::string, unsigned> counts;
-    for (unsigned done = 0; done < options.events;) {
-        machine.Update([&](Json& state, Events& events) {
-            for (unsigned i = 0; i < options.batch && done + events.size() < options.events; ++i) {
-                ChangeOne(RequireAdapter(state, names[random() % names.size()]), events, options.kind, random);
-            }
-            done += static_cast<unsigned>(events.size());
-            for (const Json& event : events) {
-                ++counts[TextField(event, "channel") + ":" + TextField(event, "type")];
-            }
-        });
-        if (options.pause != 0) {
+    for (unsigned done = 0; done < options.events;)
+    {
+        machine.Update(
+            [&](Json& state, Events& events)
+            {
+                for (unsigned i = 0; i < options.batch && done + events.size() < options.events; ++i)
+                {
+                    ChangeOne(RequireAdapter(state, names[random() % names.size()]), events, options.kind, random);
+                }
+                done += static_cast<unsigned>(events.size());
+                for (const Json& event : events)
+                {
+                    ++counts[TextField(event, "channel") + ":" + TextField(event, "type")];
+                }
+            });
+        if (options.pause != 0)
+        {
             Sleep(options.pause);
         }
     }
     Json summary = Json::object();
-    for (const auto& [type, count] : counts) {
+    for (const auto& [type, count] : counts)
+    {
         summary[type] = count;
     }
     Print(summary, true);
@@ -164,10 +201,12 @@ void RunStorm(const StormOptions& options)
 
 void AddStorm(CLI::App& app)
 {
-    CLI::App* verb = app.add_subcommand("storm", "Many changes in a row; prints how many events of each type they raised");
+    CLI::App* verb =
+        app.add_subcommand("storm", "Many changes in a row; prints how many events of each type they raised");
     auto options = std::make_shared<StormOptions>();
     verb->add_option("--events", options->events, "At least so many events");
-    verb->add_option("--kind", options->kind, "media, address, arrival, or mixed")->check(CLI::IsMember({"media", "address", "arrival", "mixed"}));
+    verb->add_option("--kind", options->kind, "media, address, arrival, or mixed")
+        ->check(CLI::IsMember({"media", "address", "arrival", "mixed"}));
     verb->add_option("--adapters", options->adapters, "Only these")->delimiter(',');
     verb->add_option("--seed", options->seed, "The same seed makes the same storm");
     verb->add_option("--batch", options->batch, "So many changes at a time")->check(CLI::PositiveNumber);

@@ -6,11 +6,14 @@
 #include <iostream>
 #include <stdexcept>
 
-namespace lab::ctl {
+namespace lab::ctl
+{
 
-namespace {
+namespace
+{
 
-struct Named {
+struct Named
+{
     std::string_view name;
     std::uint32_t value;
 };
@@ -43,17 +46,24 @@ constexpr Named codes[] = {
 };
 
 constexpr Named identifiers[] = {
-    {"OID_GEN_MEDIA_SUPPORTED", 0x00010103}, {"OID_GEN_LINK_SPEED", 0x00010107},
-    {"OID_GEN_VENDOR_ID", 0x0001010C},       {"OID_GEN_VENDOR_DESCRIPTION", 0x0001010D},
-    {"OID_GEN_MEDIA_CONNECT_STATUS", 0x00010114}, {"OID_GEN_VENDOR_DRIVER_VERSION", 0x00010116},
-    {"OID_GEN_PHYSICAL_MEDIUM", 0x00010202}, {"OID_802_3_PERMANENT_ADDRESS", 0x01010101},
+    {"OID_GEN_MEDIA_SUPPORTED", 0x00010103},
+    {"OID_GEN_LINK_SPEED", 0x00010107},
+    {"OID_GEN_VENDOR_ID", 0x0001010C},
+    {"OID_GEN_VENDOR_DESCRIPTION", 0x0001010D},
+    {"OID_GEN_MEDIA_CONNECT_STATUS", 0x00010114},
+    {"OID_GEN_VENDOR_DRIVER_VERSION", 0x00010116},
+    {"OID_GEN_PHYSICAL_MEDIUM", 0x00010202},
+    {"OID_802_3_PERMANENT_ADDRESS", 0x01010101},
     {"OID_802_3_CURRENT_ADDRESS", 0x01010102},
 };
 
-template <std::size_t count> std::optional<std::uint32_t> Number(const Named (&names)[count], const std::string& text)
+template <std::size_t count>
+std::optional<std::uint32_t> Number(const Named (&names)[count], const std::string& text)
 {
-    for (const Named& entry : names) {
-        if (EqualNoCase(entry.name, text)) {
+    for (const Named& entry : names)
+    {
+        if (EqualNoCase(entry.name, text))
+        {
             return entry.value;
         }
     }
@@ -63,20 +73,24 @@ template <std::size_t count> std::optional<std::uint32_t> Number(const Named (&n
 // "QueryOid:OID_GEN_LINK_SPEED@eth0" becomes "QueryOid:0x00010107@{GUID}"; other calls stay as they are.
 std::string CallName(const std::string& text)
 {
-    if (text.rfind("QueryOid", 0) != 0) {
+    if (text.rfind("QueryOid", 0) != 0)
+    {
         return text;
     }
     std::string result = "QueryOid";
     const std::size_t at = text.find('@');
-    if (const std::size_t colon = text.find(':'); colon < at) {
+    if (const std::size_t colon = text.find(':'); colon < at)
+    {
         const std::string identifier = text.substr(colon + 1, at == std::string::npos ? at : at - colon - 1);
         const auto number = Number(identifiers, identifier);
-        if (!number) {
+        if (!number)
+        {
             throw std::runtime_error("no object identifier '" + identifier + "'");
         }
         result += ":" + Hex32(*number);
     }
-    if (at != std::string::npos) {
+    if (at != std::string::npos)
+    {
         Json state = *Machine::Attach().Snapshot();
         result += "@" + TextField(RequireAdapter(state, text.substr(at + 1)), "guid");
     }
@@ -85,15 +99,13 @@ std::string CallName(const std::string& text)
 
 Json ToJson(const FaultRule& rule)
 {
-    return {{"call", rule.call},
-            {"nth", rule.nth},
-            {"times", rule.times},
-            {"code", rule.code ? Json(Hex32(*rule.code)) : Json(nullptr)},
-            {"delayMs", rule.delayMs},
-            {"hits", rule.hits}};
+    return {{"call", rule.call},       {"nth", rule.nth},
+            {"times", rule.times},     {"code", rule.code ? Json(Hex32(*rule.code)) : Json(nullptr)},
+            {"delayMs", rule.delayMs}, {"hits", rule.hits}};
 }
 
-struct Options {
+struct Options
+{
     std::string call;
     std::string code = "E_FAIL";
     std::uint32_t nth = 1;
@@ -104,26 +116,40 @@ struct Options {
 
 void ShowRules(bool json)
 {
-    for (const FaultRule& rule : Machine::Attach().Faults()) {
-        if (json) {
+    for (const FaultRule& rule : Machine::Attach().Faults())
+    {
+        if (json)
+        {
             Print(ToJson(rule), true);
-        } else {
-            std::cout << rule.call << ": call " << rule.nth << (rule.times == 0 ? " and all after it" : rule.times == 1 ? "" : " and " + std::to_string(rule.times - 1) + " more")
+        }
+        else
+        {
+            std::cout << rule.call << ": call " << rule.nth
+                      << (rule.times == 0   ? " and all after it"
+                          : rule.times == 1 ? ""
+                                            : " and " + std::to_string(rule.times - 1) + " more")
                       << (rule.code ? " fails with " + Hex32(*rule.code) : " succeeds")
-                      << (rule.delayMs != 0 ? " after " + std::to_string(rule.delayMs) + " ms" : "") << "; " << rule.hits << " calls so far\n";
+                      << (rule.delayMs != 0 ? " after " + std::to_string(rule.delayMs) + " ms" : "") << "; "
+                      << rule.hits << " calls so far\n";
         }
     }
 }
 
 void RunFail(const Options& options)
 {
-    if (options.call == "clear") {
+    if (options.call == "clear")
+    {
         Machine::Attach().ClearFaults();
-    } else if (options.call == "list") {
+    }
+    else if (options.call == "list")
+    {
         ShowRules(options.json);
-    } else {
+    }
+    else
+    {
         const auto code = Number(codes, options.code);
-        if (!code) {
+        if (!code)
+        {
             throw std::runtime_error("no code '" + options.code + "'; give a number or a name such as E_FAIL");
         }
         Machine::Attach().AddFault({CallName(options.call), options.nth, options.times, *code, options.delay});
@@ -134,15 +160,19 @@ void RunFail(const Options& options)
 
 void AddFaultVerbs(CLI::App& app)
 {
-    CLI::App* fail = app.add_subcommand("fail", "Let the Nth call of CALL fail; 'fail list' shows the rules, 'fail clear' drops them");
+    CLI::App* fail = app.add_subcommand(
+        "fail", "Let the Nth call of CALL fail; 'fail list' shows the rules, 'fail clear' drops them");
     auto options = std::make_shared<Options>();
-    fail->add_option("call", options->call,
-                     "As the journal names it, a final * for any rest, a detail in (): IWbemClassObject::Get(MACAddress).\n"
-                     "For the driver: QueryOid, QueryOid:OID_GEN_LINK_SPEED, QueryOid:0x00010107@eth0")
+    fail->add_option(
+            "call", options->call,
+            "As the journal names it, a final * for any rest, a detail in (): IWbemClassObject::Get(MACAddress).\n"
+            "For the driver: QueryOid, QueryOid:OID_GEN_LINK_SPEED, QueryOid:0x00010107@eth0")
         ->required();
-    fail->add_option("--nth", options->nth, "The first call that fails, from now; 1 by default")->check(CLI::PositiveNumber);
+    fail->add_option("--nth", options->nth, "The first call that fails, from now; 1 by default")
+        ->check(CLI::PositiveNumber);
     fail->add_option("--times", options->times, "How many fail; 0 for all from there on");
-    fail->add_option("--code", options->code, "HRESULT, Windows error or NTSTATUS, as the call returns it; E_FAIL by default");
+    fail->add_option("--code", options->code,
+                     "HRESULT, Windows error or NTSTATUS, as the call returns it; E_FAIL by default");
     fail->add_option("--delay", options->delay, "Milliseconds before it fails");
     fail->add_flag("--json", options->json, "With 'list': one JSON object a line");
     fail->callback([options] { RunFail(*options); });
@@ -154,9 +184,12 @@ void AddFaultVerbs(CLI::App& app)
     slow->add_option("--ms", slowOptions->delay, "How much longer")->required();
     slow->add_option("--nth", slowOptions->nth, "The first slow call, from now")->check(CLI::PositiveNumber);
     slow->add_option("--times", slowOptions->times, "How many; 0, as by default, for all from there on");
-    slow->callback([slowOptions] {
-        Machine::Attach().AddFault({CallName(slowOptions->call), slowOptions->nth, slowOptions->times, std::nullopt, slowOptions->delay});
-    });
+    slow->callback(
+        [slowOptions]
+        {
+            Machine::Attach().AddFault(
+                {CallName(slowOptions->call), slowOptions->nth, slowOptions->times, std::nullopt, slowOptions->delay});
+        });
 }
 
 } // namespace lab::ctl

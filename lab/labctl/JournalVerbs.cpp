@@ -7,11 +7,14 @@
 
 #include <iostream>
 
-namespace lab::ctl {
+namespace lab::ctl
+{
 
-namespace {
+namespace
+{
 
-struct Options {
+struct Options
+{
     bool follow = false;
     bool clear = false;
     bool json = false;
@@ -28,22 +31,28 @@ bool Wanted(const Json& line, const Options& options)
 {
     const std::string call = TextField(line, "call");
     const bool prefix = !options.call.empty() && options.call.back() == '*';
-    const bool callFits = options.call.empty() || (prefix ? call.rfind(options.call.substr(0, options.call.size() - 1), 0) == 0 : call == options.call);
+    const bool callFits =
+        options.call.empty() ||
+        (prefix ? call.rfind(options.call.substr(0, options.call.size() - 1), 0) == 0 : call == options.call);
     return callFits && (options.process.empty() || EqualNoCase(TextField(line, "process"), options.process));
 }
 
 void Show(const Json& line, bool json)
 {
-    if (json) {
+    if (json)
+    {
         std::cout << line.dump(-1, ' ', false, Json::error_handler_t::replace) << '\n';
         return;
     }
     const std::string time = TextField(line, "time");
-    std::cout << (time.size() > 26 ? time.substr(11, 12) : time) << "  " << TextField(line, "process") << '/' << Member(line, "tid").dump() << "  "
-              << TextField(line, "call");
-    for (const char* part : {"args", "out"}) {
-        if (line.contains(part)) {
-            std::cout << (part[0] == 'a' ? "  " : "  -> ") << line[part].dump(-1, ' ', false, Json::error_handler_t::replace);
+    std::cout << (time.size() > 26 ? time.substr(11, 12) : time) << "  " << TextField(line, "process") << '/'
+              << Member(line, "tid").dump() << "  " << TextField(line, "call");
+    for (const char* part : {"args", "out"})
+    {
+        if (line.contains(part))
+        {
+            std::cout << (part[0] == 'a' ? "  " : "  -> ")
+                      << line[part].dump(-1, ' ', false, Json::error_handler_t::replace);
         }
     }
     std::cout << "  = " << TextField(line, "result") << '\n';
@@ -52,34 +61,43 @@ void Show(const Json& line, bool json)
 void RunJournal(const Options& options)
 {
     Machine& machine = Machine::Attach();
-    if (options.on || options.off) {
+    if (options.on || options.off)
+    {
         machine.SwitchJournal(options.on);
     }
-    if (options.clear) {
+    if (options.clear)
+    {
         machine.ClearJournal();
     }
-    if (options.on || options.off || (options.clear && !options.follow)) {
+    if (options.on || options.off || (options.clear && !options.follow))
+    {
         return;
     }
     JournalPosition position;
     std::size_t count = 0;
     const ULONGLONG end = GetTickCount64() + static_cast<ULONGLONG>(options.seconds * 1000);
-    for (;;) {
-        for (const Json& line : machine.ReadJournal(position)) {
-            if (Wanted(line, options)) {
+    for (;;)
+    {
+        for (const Json& line : machine.ReadJournal(position))
+        {
+            if (Wanted(line, options))
+            {
                 ++count;
-                if (!options.count) {
+                if (!options.count)
+                {
                     Show(line, options.json);
                 }
             }
         }
         std::cout << std::flush;
-        if (!options.follow || (options.seconds > 0 && GetTickCount64() >= end)) {
+        if (!options.follow || (options.seconds > 0 && GetTickCount64() >= end))
+        {
             break;
         }
         Sleep(100); // writers of the journal wake nobody, to stay cheap
     }
-    if (options.count) {
+    if (options.count)
+    {
         std::cout << count << '\n';
     }
 }

@@ -4,7 +4,8 @@
 
 #include "lab/state/Machine.h"
 
-namespace lab::ctl {
+namespace lab::ctl
+{
 
 // Points WbemLocator's class at `dll` and remembers what was there.
 void InstallWmi(const std::filesystem::path& dll);

@@ -4,7 +4,8 @@
 #include <cstdio>
 #include <iostream>
 
-namespace lab::ctl {
+namespace lab::ctl
+{
 
 void Print(const Json& json, bool oneLine)
 {
@@ -26,14 +27,19 @@ int Run(const std::vector<std::string>& arguments)
     AddJournalVerbs(app);
     AddFaultVerbs(app);
     AddControlVerbs(app);
-    try {
+    try
+    {
         std::vector<std::string> reversed(arguments.rbegin(), arguments.rend()); // as the parser takes them
         app.parse(reversed);
         return 0;
-    } catch (const CLI::ParseError& error) {
+    }
+    catch (const CLI::ParseError& error)
+    {
         const int code = app.exit(error);
         return code == 0 ? 0 : 2;
-    } catch (const std::exception& error) {
+    }
+    catch (const std::exception& error)
+    {
         std::cerr << "labctl: " << error.what() << '\n';
         return 1;
     }

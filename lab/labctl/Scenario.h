@@ -3,7 +3,8 @@
 
 #include "lab/state/Machine.h"
 
-namespace lab::ctl {
+namespace lab::ctl
+{
 
 // Finds "NAME", "NAME.json" or a path: as given, or in the folder "scenarios" beside this program.
 // Throws std::runtime_error that names the places where it looked.

@@ -12,9 +12,11 @@
 
 #include <iostream>
 
-namespace lab::ctl {
+namespace lab::ctl
+{
 
-namespace {
+namespace
+{
 
 constexpr char servicePath[] = "C:\\Program Files\\Halcyd\\Halcyd.exe";
 
@@ -26,13 +28,16 @@ std::filesystem::path FileBeside(const wchar_t* name, const wchar_t* room)
     const std::filesystem::path folder = std::filesystem::path{path}.parent_path();
     std::error_code error;
     const std::filesystem::path built = folder.parent_path() / room / name;
-    return !std::filesystem::exists(folder / name, error) && std::filesystem::exists(built, error) ? built : folder / name;
+    return !std::filesystem::exists(folder / name, error) && std::filesystem::exists(built, error) ? built
+                                                                                                   : folder / name;
 }
 
 void CheckDriver(std::uint32_t error, const char* what)
 {
-    if (error != ERROR_SUCCESS) {
-        throw std::runtime_error("could not " + std::string{what} + " the lab's driver: error " + std::to_string(error));
+    if (error != ERROR_SUCCESS)
+    {
+        throw std::runtime_error("could not " + std::string{what} + " the lab's driver: error " +
+                                 std::to_string(error));
     }
 }
 
@@ -40,43 +45,50 @@ void CheckDriver(std::uint32_t error, const char* what)
 void WakeDriver()
 {
     const std::uint32_t error = StartDriver();
-    if (error != ERROR_SERVICE_DOES_NOT_EXIST) {
+    if (error != ERROR_SERVICE_DOES_NOT_EXIST)
+    {
         CheckDriver(error, "start");
     }
 }
 
 void AddLoad(CLI::App& app)
 {
-    CLI::App* verb = app.add_subcommand("load", "Make the machine what a scenario says; journal and fault rules start empty");
+    CLI::App* verb =
+        app.add_subcommand("load", "Make the machine what a scenario says; journal and fault rules start empty");
     auto name = std::make_shared<std::string>();
     verb->add_option("scenario", *name, "Name of a scenario beside this program, or a file")->required();
-    verb->callback([name] {
-        const Json scenario = ReadScenario(FindScenario(*name));
-        Machine& machine = Machine::Attach();
-        machine.Update([&](Json& state, Events&) { state = scenario; });
-        machine.ClearFaults();
-        machine.ClearJournal();
-        WriteAdapterKeys(scenario);
-        WakeDriver();
-        std::cout << "loaded '" << *name << "': " << scenario["adapters"].size() << " adapters\n";
-    });
+    verb->callback(
+        [name]
+        {
+            const Json scenario = ReadScenario(FindScenario(*name));
+            Machine& machine = Machine::Attach();
+            machine.Update([&](Json& state, Events&) { state = scenario; });
+            machine.ClearFaults();
+            machine.ClearJournal();
+            WriteAdapterKeys(scenario);
+            WakeDriver();
+            std::cout << "loaded '" << *name << "': " << scenario["adapters"].size() << " adapters\n";
+        });
 }
 
 void AddSync(CLI::App& app)
 {
-    CLI::App* verb = app.add_subcommand("sync", "Bring the running machine in line with a scenario, with the events of what changes");
+    CLI::App* verb = app.add_subcommand(
+        "sync", "Bring the running machine in line with a scenario, with the events of what changes");
     auto name = std::make_shared<std::string>();
     verb->add_option("scenario", *name, "Name of a scenario beside this program, or a file")->required();
-    verb->callback([name] {
-        const Json fresh = ReadScenario(FindScenario(*name));
-        Machine& machine = Machine::Attach();
-        Events events;
-        machine.Update([&](Json& state, Events&) { SyncTo(state, fresh, events); });
-        // Windows has written an adapter's keys before it tells of the adapter.
-        WriteAdapterKeys(*machine.Snapshot());
-        machine.Raise(events);
-        std::cout << events.size() << " events\n";
-    });
+    verb->callback(
+        [name]
+        {
+            const Json fresh = ReadScenario(FindScenario(*name));
+            Machine& machine = Machine::Attach();
+            Events events;
+            machine.Update([&](Json& state, Events&) { SyncTo(state, fresh, events); });
+            // Windows has written an adapter's keys before it tells of the adapter.
+            WriteAdapterKeys(*machine.Snapshot());
+            machine.Raise(events);
+            std::cout << events.size() << " events\n";
+        });
 }
 
 void AddInstall(CLI::App& app)
@@ -86,22 +98,29 @@ void AddInstall(CLI::App& app)
     verb->add_option("--dll", *dll, "The stand-in; without it labwmi.dll beside this program");
     auto program = std::make_shared<std::string>(servicePath);
     verb->add_option("--program", *program, "The program that gets the shims beside it, if it is there");
-    verb->callback([dll, program] {
-        InstallWmi(dll->empty() ? FileBeside(L"labwmi.dll", L"wmi") : std::filesystem::absolute(Wide(*dll)));
-        WriteAdapterKeys(*Machine::Attach().Snapshot());
-        if (const auto image = FileBeside(L"lab.sys", L"driver"); std::filesystem::is_regular_file(image)) {
-            CheckDriver(InstallDriver(image), "install");
-            WakeDriver();
-        }
-        if (std::filesystem::exists(Wide(*program))) {
-            InstallShims(Wide(*program), FileBeside(L"labctl.exe", L"labctl").parent_path());
-        }
-    });
-    app.add_subcommand("uninstall", "Take the stand-in, the driver and all keys of the lab out of the prefix")->callback([] {
-        Uninstall();
-        CheckDriver(RemoveDriver(), "remove");
-        RemoveShims(Wide(servicePath));
-    });
+    verb->callback(
+        [dll, program]
+        {
+            InstallWmi(dll->empty() ? FileBeside(L"labwmi.dll", L"wmi") : std::filesystem::absolute(Wide(*dll)));
+            WriteAdapterKeys(*Machine::Attach().Snapshot());
+            if (const auto image = FileBeside(L"lab.sys", L"driver"); std::filesystem::is_regular_file(image))
+            {
+                CheckDriver(InstallDriver(image), "install");
+                WakeDriver();
+            }
+            if (std::filesystem::exists(Wide(*program)))
+            {
+                InstallShims(Wide(*program), FileBeside(L"labctl.exe", L"labctl").parent_path());
+            }
+        });
+    app.add_subcommand("uninstall", "Take the stand-in, the driver and all keys of the lab out of the prefix")
+        ->callback(
+            []
+            {
+                Uninstall();
+                CheckDriver(RemoveDriver(), "remove");
+                RemoveShims(Wide(servicePath));
+            });
 }
 
 void AddDump(CLI::App& app)
@@ -114,7 +133,8 @@ void AddDump(CLI::App& app)
 
 void AddGetAndSet(CLI::App& app)
 {
-    constexpr char pathHelp[] = "Members joined with '.'; an element of a list by its number or its name: adapters.eth0.driver.linkSpeed";
+    constexpr char pathHelp[] =
+        "Members joined with '.'; an element of a list by its number or its name: adapters.eth0.driver.linkSpeed";
     CLI::App* get = app.add_subcommand("get", "Show one value of the state");
     auto path = std::make_shared<std::string>();
     get->add_option("path", *path, pathHelp)->required();
@@ -125,23 +145,28 @@ void AddGetAndSet(CLI::App& app)
     auto value = std::make_shared<std::string>();
     set->add_option("path", *setPath, pathHelp)->required();
     set->add_option("value", *value, "JSON; what is no JSON is taken as a text")->required();
-    set->callback([setPath, value] {
-        Machine& machine = Machine::Attach();
-        Json parsed = Json::parse(*value, nullptr, false);
-        if (parsed.is_discarded()) {
-            parsed = *value;
-        }
-        machine.Update([&](Json& state, Events&) { SetValue(state, *setPath, parsed); });
-        WriteAdapterKeys(*machine.Snapshot());
-    });
+    set->callback(
+        [setPath, value]
+        {
+            Machine& machine = Machine::Attach();
+            Json parsed = Json::parse(*value, nullptr, false);
+            if (parsed.is_discarded())
+            {
+                parsed = *value;
+            }
+            machine.Update([&](Json& state, Events&) { SetValue(state, *setPath, parsed); });
+            WriteAdapterKeys(*machine.Snapshot());
+        });
     CLI::App* unset = app.add_subcommand("unset", "Take one value out of the state, without any event");
     auto unsetPath = std::make_shared<std::string>();
     unset->add_option("path", *unsetPath, pathHelp)->required();
-    unset->callback([unsetPath] {
-        Machine& machine = Machine::Attach();
-        machine.Update([&](Json& state, Events&) { RemoveValue(state, *unsetPath); });
-        WriteAdapterKeys(*machine.Snapshot());
-    });
+    unset->callback(
+        [unsetPath]
+        {
+            Machine& machine = Machine::Attach();
+            machine.Update([&](Json& state, Events&) { RemoveValue(state, *unsetPath); });
+            WriteAdapterKeys(*machine.Snapshot());
+        });
 }
 
 } // namespace

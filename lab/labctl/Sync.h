@@ -3,7 +3,8 @@
 
 #include "lab/state/Machine.h"
 
-namespace lab::ctl {
+namespace lab::ctl
+{
 
 // Makes `state` what `fresh` says and appends the events of the differences: an adapter that is new or back arrives,
 // one that is not in `fresh` departs (and stays known), media and addresses change. Adapters are the same if their

@@ -6,14 +6,15 @@
 
 #include <CLI/CLI.hpp>
 
-namespace lab::ctl {
+namespace lab::ctl
+{
 
-void AddStateVerbs(CLI::App& app);    // load, install, uninstall, dump, get, set
-void AddAdapterVerbs(CLI::App& app);  // cable, adapter, dhcp, address
-void AddEventVerbs(CLI::App& app);    // event, events, storm
-void AddJournalVerbs(CLI::App& app);  // journal
-void AddFaultVerbs(CLI::App& app);    // fail, slow
-void AddControlVerbs(CLI::App& app);  // control, power, hooks
+void AddStateVerbs(CLI::App& app);   // load, install, uninstall, dump, get, set
+void AddAdapterVerbs(CLI::App& app); // cable, adapter, dhcp, address
+void AddEventVerbs(CLI::App& app);   // event, events, storm
+void AddJournalVerbs(CLI::App& app); // journal
+void AddFaultVerbs(CLI::App& app);   // fail, slow
+void AddControlVerbs(CLI::App& app); // control, power, hooks
 
 // The whole tool: what main does. Returns the exit code: 0 done, 1 the verb failed, 2 the command line was wrong.
 int Run(const std::vector<std::string>& arguments);

@@ -4,9 +4,11 @@
 
 #include <algorithm>
 
-namespace lab {
+namespace lab
+{
 
-namespace {
+namespace
+{
 
 Json AddressEvent(const Json& adapter, const char* type, const Json& entry)
 {
@@ -46,7 +48,8 @@ Json NdisEvent(const Json& adapter, const std::string& className)
 {
     Json event{{"channel", "wmi"}, {"type", className}, {"InstanceName", InstanceName(adapter)}};
     // Only arrival and removal carry the device's name; the status classes have no such property.
-    if (className.rfind("MSNdis_Notify", 0) == 0) {
+    if (className.rfind("MSNdis_Notify", 0) == 0)
+    {
         event["DeviceName"] = "\\DEVICE\\" + TextField(adapter, "guid");
     }
     return event;
@@ -55,14 +58,18 @@ Json NdisEvent(const Json& adapter, const std::string& className)
 void SetAddresses(Json& adapter, Events& events, const Json& addresses)
 {
     const Json before = ListField(adapter, "addresses");
-    for (const Json& entry : before) {
-        if (!Holds(addresses, entry)) {
+    for (const Json& entry : before)
+    {
+        if (!Holds(addresses, entry))
+        {
             events.push_back(AddressEvent(adapter, "delete", entry));
         }
     }
     adapter["addresses"] = addresses;
-    for (const Json& entry : addresses) {
-        if (!Holds(before, entry)) {
+    for (const Json& entry : addresses)
+    {
+        if (!Holds(before, entry))
+        {
             events.push_back(AddressEvent(adapter, "add", entry));
         }
     }
@@ -72,13 +79,14 @@ void AddAddress(Json& adapter, Events& events, const std::string& address, int p
 {
     Json addresses = ListField(adapter, "addresses");
     const Json entry{{"address", address}, {"prefix", prefix}};
-    if (Holds(addresses, entry)) {
+    if (Holds(addresses, entry))
+    {
         return;
     }
     // IPv4 stands before IPv6, as Windows lists them.
-    const auto place = IsIpv6(address) ? addresses.end() : std::find_if(addresses.begin(), addresses.end(), [](const Json& other) {
-        return IsIpv6(TextField(other, "address"));
-    });
+    const auto place = IsIpv6(address) ? addresses.end()
+                                       : std::find_if(addresses.begin(), addresses.end(), [](const Json& other)
+                                                      { return IsIpv6(TextField(other, "address")); });
     addresses.insert(place, entry);
     SetAddresses(adapter, events, addresses);
 }
@@ -88,7 +96,8 @@ bool RemoveAddress(Json& adapter, Events& events, const std::string& address)
     Json addresses = ListField(adapter, "addresses");
     const auto found = std::find_if(addresses.begin(), addresses.end(),
                                     [&](const Json& entry) { return TextField(entry, "address") == address; });
-    if (found == addresses.end()) {
+    if (found == addresses.end())
+    {
         return false;
     }
     addresses.erase(found);
@@ -99,14 +108,17 @@ bool RemoveAddress(Json& adapter, Events& events, const std::string& address)
 void ApplyLease(Json& adapter, Events& events)
 {
     const Json lease = Member(Member(adapter, "dhcp"), "lease");
-    if (!lease.is_object()) {
+    if (!lease.is_object())
+    {
         return;
     }
     adapter["gateways"] = ListField(lease, "gateways");
-    if (ListField(adapter, "dnsStatic").empty()) {
+    if (ListField(adapter, "dnsStatic").empty())
+    {
         adapter["dns"] = ListField(lease, "dns");
     }
-    if (lease.contains("server")) {
+    if (lease.contains("server"))
+    {
         adapter["dhcp"]["server"] = lease["server"];
     }
     SetAddresses(adapter, events, ListField(lease, "addresses"));
@@ -115,17 +127,20 @@ void ApplyLease(Json& adapter, Events& events)
 void DropLease(Json& adapter, Events& events)
 {
     Json& dhcp = adapter["dhcp"];
-    if (!ListField(adapter, "addresses").empty()) {
+    if (!ListField(adapter, "addresses").empty())
+    {
         Json lease = Member(dhcp, "lease").is_object() ? dhcp["lease"] : Json::object();
         lease["addresses"] = ListField(adapter, "addresses");
         lease["gateways"] = ListField(adapter, "gateways");
-        if (ListField(adapter, "dnsStatic").empty()) {
+        if (ListField(adapter, "dnsStatic").empty())
+        {
             lease["dns"] = ListField(adapter, "dns");
         }
         dhcp["lease"] = lease;
     }
     adapter["gateways"] = Json::array();
-    if (ListField(adapter, "dnsStatic").empty()) {
+    if (ListField(adapter, "dnsStatic").empty())
+    {
         adapter["dns"] = Json::array();
     }
     SetAddresses(adapter, events, Json::array());
@@ -135,7 +150,8 @@ void CableOut(Json& adapter, Events& events)
 {
     adapter["media"] = "disconnected";
     events.push_back(NdisEvent(adapter, "MSNdis_StatusMediaDisconnect"));
-    if (UsesDhcp(adapter)) {
+    if (UsesDhcp(adapter))
+    {
         DropLease(adapter, events);
     }
 }
@@ -144,7 +160,8 @@ void CableIn(Json& adapter, Events& events, bool withLease)
 {
     adapter["media"] = "connected";
     events.push_back(NdisEvent(adapter, "MSNdis_StatusMediaConnect"));
-    if (withLease && UsesDhcp(adapter)) {
+    if (withLease && UsesDhcp(adapter))
+    {
         ApplyLease(adapter, events);
     }
 }

@@ -10,7 +10,8 @@
 
 #include "lab/state/Machine.h"
 
-namespace lab {
+namespace lab
+{
 
 // The driver's name of the adapter as NDIS puts it into events: "instanceName" if set, otherwise the description.
 [[nodiscard]] std::string InstanceName(const Json& adapter);

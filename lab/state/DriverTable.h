@@ -48,7 +48,8 @@ typedef unsigned long long LabU64;
 #pragma pack(push, 8)
 
 /* One object identifier of an adapter. A query of one that is not listed ends with STATUS_NOT_SUPPORTED. */
-typedef struct LabOid {
+typedef struct LabOid
+{
     LabU32 oid;
     LabU32 status; /* NTSTATUS of the query; 0: `bytes` are returned */
     LabU32 length; /* of `bytes`; a shorter buffer of the caller gets STATUS_BUFFER_TOO_SMALL */
@@ -57,9 +58,10 @@ typedef struct LabOid {
 } LabOid;
 
 /* One miniport device: \\.\<name>. */
-typedef struct LabAdapter {
+typedef struct LabAdapter
+{
     LabU32 used;
-    LabU32 openable; /* 0: no device exists under the name, so an open fails with "file not found" */
+    LabU32 openable;                /* 0: no device exists under the name, so an open fails with "file not found" */
     LabChar16 name[LAB_NAME_CHARS]; /* "{GUID}", zero-terminated */
     LabU32 oidCount;
     LabU32 reserved;
@@ -70,7 +72,8 @@ typedef struct LabAdapter {
  * A device that is no miniport (the legacy Wi-Fi device, for one). `data` holds what the driver's handler for `kind`
  * understands; the kinds and their layouts belong to the driver.
  */
-typedef struct LabDevice {
+typedef struct LabDevice
+{
     LabU32 used;
     LabU32 openable;
     LabChar16 name[LAB_NAME_CHARS];
@@ -84,9 +87,10 @@ typedef struct LabDevice {
  * driver counts a matching query with an interlocked increment of `hits`; the rule applies to hit number `nth` and
  * the `times - 1` after it (times 0: to all from there on).
  */
-typedef struct LabDriverFault {
+typedef struct LabDriverFault
+{
     LabU32 active;
-    LabU32 oid; /* or LAB_ANY_OID */
+    LabU32 oid;                        /* or LAB_ANY_OID */
     LabChar16 adapter[LAB_NAME_CHARS]; /* "{GUID}"; empty: any */
     LabU32 nth;
     LabU32 times;
@@ -100,19 +104,21 @@ typedef struct LabDriverFault {
  * One journal record of the driver. It takes number n = interlocked increment of `recordCount` minus 1, fills slot
  * n % LAB_DRIVER_RECORDS and stores n + 1 into `number` last.
  */
-typedef struct LabDriverRecord {
+typedef struct LabDriverRecord
+{
     volatile LabU64 number;
     LabU64 time; /* system time, 100 ns units since 1601 */
     LabU32 process;
     LabU32 thread;
-    LabU32 code;   /* control code; 0 open, 1 close */
-    LabU32 oid;    /* or the first 32 bits of the input */
-    LabU32 status; /* NTSTATUS given back */
-    LabU32 length; /* bytes given back */
+    LabU32 code;                    /* control code; 0 open, 1 close */
+    LabU32 oid;                     /* or the first 32 bits of the input */
+    LabU32 status;                  /* NTSTATUS given back */
+    LabU32 length;                  /* bytes given back */
     LabChar16 name[LAB_NAME_CHARS]; /* the device */
 } LabDriverRecord;
 
-typedef struct LabDriverTable {
+typedef struct LabDriverTable
+{
     LabU32 magic;
     LabU32 layout;
     volatile LabU32 sequence; /* odd while the state library writes */

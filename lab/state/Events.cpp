@@ -1,9 +1,11 @@
 #include "lab/state/MachineImpl.h"
 #include "lab/state/Text.h"
 
-namespace lab {
+namespace lab
+{
 
-namespace {
+namespace
+{
 
 constexpr wchar_t eventsFile[] = L"events.jsonl";
 
@@ -16,26 +18,31 @@ std::wstring Machine::Impl::ListenerName(std::size_t number) const
 
 void Machine::Impl::AppendEvents(Events& events)
 {
-    if (events.empty()) {
+    if (events.empty())
+    {
         return;
     }
     std::uint64_t number = shared->eventCount.load();
     const std::uint64_t time = Now();
     std::string text;
-    for (Json& event : events) {
+    for (Json& event : events)
+    {
         event["seq"] = ++number;
         event["time"] = time;
         text += event.dump(-1, ' ', false, Json::error_handler_t::replace);
         text += '\n';
     }
-    const Handle file{CreateFileW((folder / eventsFile).c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                                  nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr)};
+    const Handle file{CreateFileW((folder / eventsFile).c_str(), GENERIC_WRITE,
+                                  FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_ALWAYS,
+                                  FILE_ATTRIBUTE_NORMAL, nullptr)};
     const std::uint64_t end = shared->eventsEnd.load();
     OVERLAPPED position{};
     position.Offset = static_cast<DWORD>(end);
     position.OffsetHigh = static_cast<DWORD>(end >> 32);
     DWORD written = 0;
-    if (!file || !WriteFile(file.get(), text.data(), static_cast<DWORD>(text.size()), &written, &position) || written != text.size()) {
+    if (!file || !WriteFile(file.get(), text.data(), static_cast<DWORD>(text.size()), &written, &position) ||
+        written != text.size())
+    {
         Fail("cannot write the events");
     }
     shared->eventCount.store(number);
@@ -44,20 +51,26 @@ void Machine::Impl::AppendEvents(Events& events)
 
 void Machine::Impl::WakeListeners() noexcept
 {
-    for (std::size_t i = 0; i < maximumListeners; ++i) {
-        if (shared->listening[i].load(std::memory_order_acquire) == 0) {
+    for (std::size_t i = 0; i < maximumListeners; ++i)
+    {
+        if (shared->listening[i].load(std::memory_order_acquire) == 0)
+        {
             continue;
         }
         const Handle event{OpenEventW(EVENT_MODIFY_STATE, FALSE, ListenerName(i).c_str())};
-        if (event) {
+        if (event)
+        {
             SetEvent(event.get());
-        } else if (GetLastError() == ERROR_FILE_NOT_FOUND) {
+        }
+        else if (GetLastError() == ERROR_FILE_NOT_FOUND)
+        {
             shared->listening[i].store(0); // its process died
         }
     }
 }
 
-struct EventCursor::Impl {
+struct EventCursor::Impl
+{
     Machine::Impl& machine;
     std::uint64_t position;
     std::size_t number;
@@ -74,10 +87,12 @@ EventCursor Machine::Listen()
 {
     Impl& impl = *m_impl;
     const MutexScope lock{impl.mutex.get()};
-    for (std::size_t i = 0; i < maximumListeners; ++i) {
+    for (std::size_t i = 0; i < maximumListeners; ++i)
+    {
         // A number is free when nobody holds its event, whatever the flag of a dead process says.
         Handle wake{CreateEventW(nullptr, FALSE, FALSE, impl.ListenerName(i).c_str())};
-        if (!wake || GetLastError() == ERROR_ALREADY_EXISTS) {
+        if (!wake || GetLastError() == ERROR_ALREADY_EXISTS)
+        {
             continue;
         }
         impl.shared->listening[i].store(1, std::memory_order_release);
@@ -92,14 +107,17 @@ bool EventCursor::WaitForChange(std::uint64_t version, std::uint32_t millisecond
     const SharedBlock& shared = *m_impl->machine.shared;
     const auto changed = [&] { return shared.version.load() != version || shared.eventsEnd.load() > m_impl->position; };
     const ULONGLONG deadline = GetTickCount64() + milliseconds;
-    while (!changed()) {
+    while (!changed())
+    {
         DWORD wait = milliseconds;
-        if (milliseconds != INFINITE) {
+        if (milliseconds != INFINITE)
+        {
             const ULONGLONG now = GetTickCount64();
             wait = now >= deadline ? 0 : static_cast<DWORD>(deadline - now);
         }
         const HANDLE handles[] = {m_impl->wake.get(), stop};
-        if (WaitForMultipleObjects(stop == nullptr ? 1 : 2, handles, FALSE, wait) != WAIT_OBJECT_0) {
+        if (WaitForMultipleObjects(stop == nullptr ? 1 : 2, handles, FALSE, wait) != WAIT_OBJECT_0)
+        {
             return false;
         }
     }
@@ -110,13 +128,16 @@ Events EventCursor::Next(std::uint32_t milliseconds, void* stop)
 {
     const SharedBlock& shared = *m_impl->machine.shared;
     const ULONGLONG deadline = GetTickCount64() + milliseconds;
-    while (shared.eventsEnd.load(std::memory_order_acquire) <= m_impl->position) {
+    while (shared.eventsEnd.load(std::memory_order_acquire) <= m_impl->position)
+    {
         DWORD wait = milliseconds;
-        if (milliseconds != INFINITE) {
+        if (milliseconds != INFINITE)
+        {
             const ULONGLONG now = GetTickCount64();
             wait = now >= deadline ? 0 : static_cast<DWORD>(deadline - now);
         }
-        if (!WaitForChange(shared.version.load(), wait, stop)) {
+        if (!WaitForChange(shared.version.load(), wait, stop))
+        {
             return {};
         }
     }
@@ -124,7 +145,8 @@ Events EventCursor::Next(std::uint32_t milliseconds, void* stop)
     const std::string text = ReadRange(m_impl->machine.folder / eventsFile, m_impl->position, end);
     m_impl->position = end;
     Events events;
-    for (std::size_t from = 0; from < text.size();) {
+    for (std::size_t from = 0; from < text.size();)
+    {
         const std::size_t to = std::min(text.find('\n', from), text.size());
         events.push_back(Json::parse(text.substr(from, to - from)));
         from = to + 1;

@@ -4,15 +4,18 @@
 #include <cstring>
 #include <stdexcept>
 
-namespace lab {
+namespace lab
+{
 
-namespace {
+namespace
+{
 
 constexpr std::string_view driverCall = "QueryOid";
 
 bool Matches(std::string_view pattern, std::string_view call) noexcept
 {
-    if (!pattern.empty() && pattern.back() == '*' && !call.empty()) {
+    if (!pattern.empty() && pattern.back() == '*' && !call.empty())
+    {
         // A detailed name goes with its general one, which the pattern has counted already.
         pattern.remove_suffix(1);
         const bool isDetail = call.back() == ')' && pattern.find('(') == std::string_view::npos;
@@ -32,31 +35,39 @@ bool Applies(std::uint32_t hit, std::uint32_t nth, std::uint32_t times) noexcept
 std::optional<std::uint32_t> Machine::Fault(std::string_view call) noexcept
 {
     SharedBlock& shared = *m_impl->shared;
-    if (shared.ruleCount.load(std::memory_order_acquire) == 0) {
+    if (shared.ruleCount.load(std::memory_order_acquire) == 0)
+    {
         return std::nullopt;
     }
     std::optional<std::uint32_t> code;
     std::uint32_t delay = 0;
-    for (SharedRule& rule : shared.rules) {
-        if (rule.active.load(std::memory_order_acquire) == 0 || !Matches(rule.call, call)) {
+    for (SharedRule& rule : shared.rules)
+    {
+        if (rule.active.load(std::memory_order_acquire) == 0 || !Matches(rule.call, call))
+        {
             continue;
         }
-        if (Applies(rule.hits.fetch_add(1) + 1, rule.nth, rule.times)) {
+        if (Applies(rule.hits.fetch_add(1) + 1, rule.nth, rule.times))
+        {
             delay += rule.delayMs;
-            if (rule.fails != 0 && !code) {
+            if (rule.fails != 0 && !code)
+            {
                 code = rule.code;
             }
         }
     }
-    if (delay != 0) {
+    if (delay != 0)
+    {
         Sleep(delay);
     }
     return code;
 }
 
 std::optional<std::uint32_t> Machine::Fault(std::string_view call, std::string_view detail) noexcept
-try {
-    if (m_impl->shared->ruleCount.load(std::memory_order_acquire) == 0) {
+try
+{
+    if (m_impl->shared->ruleCount.load(std::memory_order_acquire) == 0)
+    {
         return std::nullopt;
     }
     std::string exact{call};
@@ -64,43 +75,55 @@ try {
     const auto general = Fault(call);
     const auto special = Fault(exact);
     return general ? general : special;
-} catch (const std::bad_alloc&) {
+}
+catch (const std::bad_alloc&)
+{
     return std::nullopt;
 }
 
 std::optional<std::uint32_t> Call::Fault(const wchar_t* detail) noexcept
-try {
+try
+{
     return m_machine.Fault(m_name, Utf8(detail));
-} catch (const std::bad_alloc&) {
+}
+catch (const std::bad_alloc&)
+{
     return std::nullopt;
 }
 
 void Machine::Impl::AddDriverFault(const FaultRule& rule)
 {
     LabDriverFault* free = nullptr;
-    for (LabDriverFault& slot : table->faults) {
-        if (slot.active == 0) {
+    for (LabDriverFault& slot : table->faults)
+    {
+        if (slot.active == 0)
+        {
             free = &slot;
             break;
         }
     }
-    if (free == nullptr) {
+    if (free == nullptr)
+    {
         throw std::runtime_error("too many fault rules for the driver");
     }
     std::memset(free, 0, sizeof *free);
     free->oid = LAB_ANY_OID;
     std::string_view rest = std::string_view{rule.call}.substr(driverCall.size());
-    if (const std::size_t at = rest.find('@'); at != std::string_view::npos) {
+    if (const std::size_t at = rest.find('@'); at != std::string_view::npos)
+    {
         const std::wstring adapter = Wide(rest.substr(at + 1));
-        if (adapter.size() >= LAB_NAME_CHARS) {
+        if (adapter.size() >= LAB_NAME_CHARS)
+        {
             throw std::runtime_error("the adapter's name is too long: " + rule.call);
         }
         std::memcpy(free->adapter, adapter.c_str(), (adapter.size() + 1) * sizeof(wchar_t));
         rest = rest.substr(0, at);
     }
-    if (!rest.empty()) {
+    if (!rest.empty())
+    {
         const auto oid = rest.front() == ':' ? ParseNumber(rest.substr(1)) : std::nullopt;
-        if (!oid) {
+        if (!oid)
+        {
             throw std::runtime_error("no object identifier in " + rule.call);
         }
         free->oid = *oid;
@@ -115,16 +138,20 @@ void Machine::Impl::AddDriverFault(const FaultRule& rule)
 
 void Machine::AddFault(const FaultRule& rule)
 {
-    if (rule.call.empty() || rule.call.size() >= sizeof(SharedRule::call) || rule.nth == 0) {
+    if (rule.call.empty() || rule.call.size() >= sizeof(SharedRule::call) || rule.nth == 0)
+    {
         throw std::runtime_error("a fault rule needs a call of 1 to 99 characters, and counts from 1");
     }
     const MutexScope lock{m_impl->mutex.get()};
-    if (rule.call.compare(0, driverCall.size(), driverCall) == 0) {
+    if (rule.call.compare(0, driverCall.size(), driverCall) == 0)
+    {
         m_impl->AddDriverFault(rule);
         return;
     }
-    for (SharedRule& slot : m_impl->shared->rules) {
-        if (slot.active.load() != 0) {
+    for (SharedRule& slot : m_impl->shared->rules)
+    {
+        if (slot.active.load() != 0)
+        {
             continue;
         }
         std::memcpy(slot.call, rule.call.c_str(), rule.call.size() + 1);
@@ -145,25 +172,31 @@ std::vector<FaultRule> Machine::Faults()
 {
     const MutexScope lock{m_impl->mutex.get()};
     std::vector<FaultRule> rules;
-    for (const SharedRule& slot : m_impl->shared->rules) {
-        if (slot.active.load() != 0) {
-            rules.push_back({slot.call, slot.nth, slot.times, slot.fails != 0 ? std::optional{slot.code} : std::nullopt, slot.delayMs,
-                             slot.hits.load()});
+    for (const SharedRule& slot : m_impl->shared->rules)
+    {
+        if (slot.active.load() != 0)
+        {
+            rules.push_back({slot.call, slot.nth, slot.times, slot.fails != 0 ? std::optional{slot.code} : std::nullopt,
+                             slot.delayMs, slot.hits.load()});
         }
     }
-    for (const LabDriverFault& slot : m_impl->table->faults) {
-        if (slot.active == 0) {
+    for (const LabDriverFault& slot : m_impl->table->faults)
+    {
+        if (slot.active == 0)
+        {
             continue;
         }
         std::string call{driverCall};
-        if (slot.oid != LAB_ANY_OID) {
+        if (slot.oid != LAB_ANY_OID)
+        {
             call += ":" + Hex32(slot.oid);
         }
-        if (slot.adapter[0] != 0) {
+        if (slot.adapter[0] != 0)
+        {
             call += "@" + Utf8(reinterpret_cast<const wchar_t*>(slot.adapter));
         }
-        rules.push_back({call, slot.nth, slot.times, slot.status != 0 ? std::optional{slot.status} : std::nullopt, slot.delayMs,
-                         slot.hits});
+        rules.push_back({call, slot.nth, slot.times, slot.status != 0 ? std::optional{slot.status} : std::nullopt,
+                         slot.delayMs, slot.hits});
     }
     return rules;
 }
@@ -172,10 +205,12 @@ void Machine::ClearFaults()
 {
     const MutexScope lock{m_impl->mutex.get()};
     m_impl->shared->ruleCount.store(0);
-    for (SharedRule& slot : m_impl->shared->rules) {
+    for (SharedRule& slot : m_impl->shared->rules)
+    {
         slot.active.store(0);
     }
-    for (LabDriverFault& slot : m_impl->table->faults) {
+    for (LabDriverFault& slot : m_impl->table->faults)
+    {
         slot.active = 0;
     }
 }

@@ -5,9 +5,11 @@
 
 #include <utility>
 
-namespace lab {
+namespace lab
+{
 
-class Handle {
+class Handle
+{
 public:
     Handle() noexcept = default;
     explicit Handle(HANDLE handle) noexcept : m_handle(handle == INVALID_HANDLE_VALUE ? nullptr : handle) {}
@@ -19,7 +21,8 @@ public:
     }
     ~Handle()
     {
-        if (m_handle != nullptr) {
+        if (m_handle != nullptr)
+        {
             CloseHandle(m_handle);
         }
     }
@@ -31,19 +34,23 @@ private:
 };
 
 // A view of a file that all who map it share. The file is made, or lengthened with zeros, to `size`.
-class SharedFile {
+class SharedFile
+{
 public:
     SharedFile() noexcept = default;
     // False when the file cannot be opened or mapped; to be called once.
     bool Open(const wchar_t* path, std::size_t size) noexcept
     {
-        m_file = Handle{CreateFileW(path, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                                    OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr)};
-        if (m_file) {
+        m_file = Handle{CreateFileW(path, GENERIC_READ | GENERIC_WRITE,
+                                    FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_ALWAYS,
+                                    FILE_ATTRIBUTE_NORMAL, nullptr)};
+        if (m_file)
+        {
             m_mapping = Handle{CreateFileMappingW(m_file.get(), nullptr, PAGE_READWRITE, static_cast<DWORD>(size >> 32),
                                                   static_cast<DWORD>(size & 0xFFFFFFFFU), nullptr)};
         }
-        if (m_mapping) {
+        if (m_mapping)
+        {
             m_view = MapViewOfFile(m_mapping.get(), FILE_MAP_READ | FILE_MAP_WRITE, 0, 0, size);
         }
         return m_view != nullptr;
@@ -52,7 +59,8 @@ public:
     SharedFile& operator=(const SharedFile&) = delete;
     ~SharedFile()
     {
-        if (m_view != nullptr) {
+        if (m_view != nullptr)
+        {
             UnmapViewOfFile(m_view);
         }
     }
@@ -65,7 +73,8 @@ private:
 };
 
 // Holds a named mutex for a scope. A holder that died counts as a hand-over: what it left is complete by design.
-class MutexScope {
+class MutexScope
+{
 public:
     explicit MutexScope(HANDLE mutex) noexcept : m_mutex(mutex) { WaitForSingleObject(mutex, INFINITE); }
     ~MutexScope() { ReleaseMutex(m_mutex); }

@@ -3,9 +3,11 @@
 
 #include <algorithm>
 
-namespace lab {
+namespace lab
+{
 
-namespace {
+namespace
+{
 
 std::string ProcessName()
 {
@@ -26,7 +28,8 @@ Json FromRecord(const LabDriverRecord& record)
     Json& arguments = line["args"];
     const auto* name = reinterpret_cast<const wchar_t*>(record.name);
     arguments["device"] = Utf8(std::wstring_view{name, wcsnlen(name, LAB_NAME_CHARS)});
-    if (record.code > 1) {
+    if (record.code > 1)
+    {
         arguments["code"] = Hex32(record.code);
         arguments["oid"] = Hex32(record.oid);
         line["out"]["length"] = record.length;
@@ -49,19 +52,23 @@ void Machine::SwitchJournal(bool on)
 }
 
 void Machine::Journal(std::string_view call, const Json& arguments, std::uint32_t result, const Json& out) noexcept
-try {
-    if (!JournalOn()) {
+try
+{
+    if (!JournalOn())
+    {
         return;
     }
     static const std::string process = ProcessName();
-    std::string text = "{\"time\":\"" + TimeText(Now()) + "\",\"process\":\"" + process + "\",\"pid\":" +
-                       std::to_string(GetCurrentProcessId()) + ",\"tid\":" + std::to_string(GetCurrentThreadId()) + ",\"call\":\"" +
-                       std::string{call} + '"';
+    std::string text = "{\"time\":\"" + TimeText(Now()) + "\",\"process\":\"" + process +
+                       "\",\"pid\":" + std::to_string(GetCurrentProcessId()) +
+                       ",\"tid\":" + std::to_string(GetCurrentThreadId()) + ",\"call\":\"" + std::string{call} + '"';
     // Text from outside may be anything; a journal line may not fail for that.
-    if (!arguments.is_null()) {
+    if (!arguments.is_null())
+    {
         text += ",\"args\":" + arguments.dump(-1, ' ', false, Json::error_handler_t::replace);
     }
-    if (!out.is_null()) {
+    if (!out.is_null())
+    {
         text += ",\"out\":" + out.dump(-1, ' ', false, Json::error_handler_t::replace);
     }
     text += ",\"result\":\"" + Hex32(result) + "\"}\n";
@@ -72,7 +79,9 @@ try {
     position.OffsetHigh = static_cast<DWORD>(place >> 32);
     DWORD written = 0;
     WriteFile(m_impl->journalFile.get(), text.data(), static_cast<DWORD>(text.size()), &written, &position);
-} catch (...) {
+}
+catch (...)
+{
     // No memory for a journal line: the call itself goes on.
 }
 
@@ -89,9 +98,11 @@ std::vector<Json> Machine::ReadJournal(JournalPosition& position)
     const std::uint64_t end = shared.journalEnd.load();
     std::string text;
     // A line whose writer is still at work reads as zeros for a moment: wait for it, but not for a dead writer.
-    for (int attempt = 0; attempt < 50; ++attempt) {
+    for (int attempt = 0; attempt < 50; ++attempt)
+    {
         text = ReadRange(m_impl->folder / L"journal.jsonl", position.bytes, end);
-        if (text.size() == end - position.bytes && text.find('\0') == std::string::npos) {
+        if (text.size() == end - position.bytes && text.find('\0') == std::string::npos)
+        {
             break;
         }
         Sleep(2);
@@ -99,9 +110,11 @@ std::vector<Json> Machine::ReadJournal(JournalPosition& position)
     position.bytes = end;
     std::erase(text, '\0');
     std::vector<Json> lines;
-    for (std::size_t from = 0; from < text.size();) {
+    for (std::size_t from = 0; from < text.size();)
+    {
         const std::size_t to = std::min(text.find('\n', from), text.size());
-        if (Json line = Json::parse(text.substr(from, to - from), nullptr, false); line.is_object()) {
+        if (Json line = Json::parse(text.substr(from, to - from), nullptr, false); line.is_object())
+        {
             lines.push_back(std::move(line));
         }
         from = to + 1;
@@ -111,37 +124,45 @@ std::vector<Json> Machine::ReadJournal(JournalPosition& position)
     const std::uint64_t count = table.recordCount;
     position.records = std::max({position.records, shared.driverStart.load(),
                                  count > LAB_DRIVER_RECORDS ? count - LAB_DRIVER_RECORDS : std::uint64_t{0}});
-    for (; position.records < count; ++position.records) {
+    for (; position.records < count; ++position.records)
+    {
         const LabDriverRecord& record = table.records[position.records % LAB_DRIVER_RECORDS];
-        if (record.number == position.records + 1) {
+        if (record.number == position.records + 1)
+        {
             lines.push_back(FromRecord(record));
         }
     }
     std::vector<std::pair<std::string, std::size_t>> order;
-    for (std::size_t i = 0; i < lines.size(); ++i) {
+    for (std::size_t i = 0; i < lines.size(); ++i)
+    {
         order.emplace_back(lines[i]["time"].get<std::string>(), i);
     }
     std::sort(order.begin(), order.end());
     std::vector<Json> sorted;
     sorted.reserve(lines.size());
-    for (const auto& entry : order) {
+    for (const auto& entry : order)
+    {
         sorted.push_back(std::move(lines[entry.second]));
     }
     return sorted;
 }
 
-Call::Call(std::string_view name, Machine& machine) : m_machine(machine), m_name(name), m_journal(machine.JournalOn()) {}
+Call::Call(std::string_view name, Machine& machine) : m_machine(machine), m_name(name), m_journal(machine.JournalOn())
+{
+}
 
 Call::~Call()
 {
-    if (!m_finished) {
+    if (!m_finished)
+    {
         Finish(0xFFFFFFFFU);
     }
 }
 
 Call& Call::Arg(std::string_view key, const wchar_t* value)
 {
-    if (m_journal) {
+    if (m_journal)
+    {
         m_arguments[std::string{key}] = value == nullptr ? Json(nullptr) : Json(Utf8(value));
     }
     return *this;
@@ -150,7 +171,8 @@ Call& Call::Arg(std::string_view key, const wchar_t* value)
 void Call::Finish(std::uint32_t result) noexcept
 {
     m_finished = true;
-    if (m_journal) {
+    if (m_journal)
+    {
         m_machine.Journal(m_name, m_arguments, result, m_out);
     }
 }

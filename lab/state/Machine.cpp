@@ -6,9 +6,11 @@
 #include <cstdio>
 #include <stdexcept>
 
-namespace lab {
+namespace lab
+{
 
-namespace {
+namespace
+{
 
 constexpr wchar_t defaultFolder[] = L"C:\\ProgramData\\HalcydLab";
 
@@ -23,7 +25,8 @@ std::filesystem::path FolderOfProcess()
 std::wstring PrefixFor(const std::filesystem::path& folder)
 {
     std::uint64_t hash = 14695981039346656037U;
-    for (const char c : Lower(Utf8(folder.wstring()))) {
+    for (const char c : Lower(Utf8(folder.wstring())))
+    {
         hash = (hash ^ static_cast<unsigned char>(c)) * 1099511628211U;
     }
     wchar_t text[64];
@@ -33,8 +36,8 @@ std::wstring PrefixFor(const std::filesystem::path& folder)
 
 Handle OpenShared(const std::filesystem::path& path, DWORD access, DWORD disposition)
 {
-    return Handle{CreateFileW(path.c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, disposition,
-                              FILE_ATTRIBUTE_NORMAL, nullptr)};
+    return Handle{CreateFileW(path.c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                              disposition, FILE_ATTRIBUTE_NORMAL, nullptr)};
 }
 
 } // namespace
@@ -55,7 +58,8 @@ std::string ReadRange(const std::filesystem::path& path, std::uint64_t from, std
 {
     std::string text;
     const Handle file = OpenShared(path, GENERIC_READ, OPEN_EXISTING);
-    if (!file || to <= from) {
+    if (!file || to <= from)
+    {
         return text;
     }
     LARGE_INTEGER position;
@@ -64,8 +68,10 @@ std::string ReadRange(const std::filesystem::path& path, std::uint64_t from, std
     text.resize(static_cast<std::size_t>(to - from));
     std::size_t done = 0;
     DWORD count = 0;
-    while (done < text.size() && ReadFile(file.get(), text.data() + done, static_cast<DWORD>(text.size() - done), &count, nullptr) &&
-           count != 0) {
+    while (done < text.size() &&
+           ReadFile(file.get(), text.data() + done, static_cast<DWORD>(text.size() - done), &count, nullptr) &&
+           count != 0)
+    {
         done += count;
     }
     text.resize(done);
@@ -78,25 +84,29 @@ Machine::Impl::Impl(const std::filesystem::path& folderPath) : folder(folderPath
     std::error_code ignored;
     std::filesystem::create_directories(folder, ignored);
     mutex = Handle{CreateMutexW(nullptr, FALSE, (objectPrefix + L"lock").c_str())};
-    if (!mutex) {
+    if (!mutex)
+    {
         Fail("cannot make the machine's lock");
     }
     const MutexScope lock{mutex.get()};
     journalFile = OpenShared(folder / L"journal.jsonl", GENERIC_WRITE, OPEN_ALWAYS);
     if (!sharedFile.Open((folder / L"shared.bin").c_str(), sizeof(SharedBlock)) ||
-        !tableFile.Open((folder / LAB_DRIVER_TABLE_FILE).c_str(), sizeof(LabDriverTable)) || !journalFile) {
+        !tableFile.Open((folder / LAB_DRIVER_TABLE_FILE).c_str(), sizeof(LabDriverTable)) || !journalFile)
+    {
         Fail("cannot open the machine's files in " + Utf8(folder.wstring()));
     }
     shared = static_cast<SharedBlock*>(sharedFile.view());
     table = static_cast<LabDriverTable*>(tableFile.view());
-    if (shared->magic != sharedMagic || shared->layout != sharedLayout) {
+    if (shared->magic != sharedMagic || shared->layout != sharedLayout)
+    {
         std::memset(static_cast<void*>(shared), 0, sizeof *shared);
         shared->layout = sharedLayout;
         shared->magic = sharedMagic;
         shared->version = 1;
         shared->journalEnd = 0;
     }
-    if (table->magic != LAB_DRIVER_MAGIC || table->layout != LAB_DRIVER_LAYOUT) {
+    if (table->magic != LAB_DRIVER_MAGIC || table->layout != LAB_DRIVER_LAYOUT)
+    {
         std::memset(table, 0, sizeof *table);
         table->layout = LAB_DRIVER_LAYOUT;
         table->journalOn = 1;
@@ -111,7 +121,8 @@ std::shared_ptr<const Json> Machine::Impl::Load(std::uint64_t& version)
     const std::filesystem::path path = folder / L"state.json";
     std::error_code error;
     const auto size = std::filesystem::file_size(path, error);
-    if (error) {
+    if (error)
+    {
         return std::make_shared<const Json>(Json::object());
     }
     return std::make_shared<const Json>(Json::parse(ReadRange(path, 0, size)));
@@ -125,11 +136,13 @@ void Machine::Impl::WriteState(const Json& state)
         const Handle file = OpenShared(fresh, GENERIC_WRITE, CREATE_ALWAYS);
         DWORD written = 0;
         if (!file || !WriteFile(file.get(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr) ||
-            written != text.size()) {
+            written != text.size())
+        {
             Fail("cannot write the state");
         }
     }
-    if (!MoveFileExW(fresh.c_str(), (folder / L"state.json").c_str(), MOVEFILE_REPLACE_EXISTING)) {
+    if (!MoveFileExW(fresh.c_str(), (folder / L"state.json").c_str(), MOVEFILE_REPLACE_EXISTING))
+    {
         Fail("cannot replace the state");
     }
 }
@@ -157,7 +170,8 @@ std::uint64_t Machine::Version() const noexcept
 std::shared_ptr<const Json> Machine::Snapshot()
 {
     const std::scoped_lock lock{m_impl->cacheMutex};
-    if (m_impl->cached == nullptr || m_impl->cachedVersion != Version()) {
+    if (m_impl->cached == nullptr || m_impl->cachedVersion != Version())
+    {
         m_impl->cached = m_impl->Load(m_impl->cachedVersion);
     }
     return m_impl->cached;
@@ -170,7 +184,8 @@ std::uint64_t Machine::Update(const std::function<void(Json&, Events&)>& change)
     bool devicesChanged = false;
     {
         const MutexScope lock{impl.mutex.get()};
-        if (impl.cached == nullptr || impl.cachedVersion != Version()) {
+        if (impl.cached == nullptr || impl.cachedVersion != Version())
+        {
             impl.cached = impl.Load(impl.cachedVersion); // the platform's mutex may be taken again by its owner
         }
         auto state = std::make_shared<Json>(*impl.cached);
@@ -184,7 +199,8 @@ std::uint64_t Machine::Update(const std::function<void(Json&, Events&)>& change)
         devicesChanged = PublishDriverTable(*impl.table, *impl.cached);
         impl.AppendEvents(events);
     }
-    if (devicesChanged && impl.isDefault) {
+    if (devicesChanged && impl.isDefault)
+    {
         SyncDriver();
     }
     impl.WakeListeners();

@@ -31,7 +31,8 @@
 #include <string_view>
 #include <vector>
 
-namespace lab {
+namespace lab
+{
 
 using Json = nlohmann::ordered_json;
 
@@ -42,7 +43,8 @@ using Events = std::vector<Json>;
 class Machine;
 
 // One listener's place in the list of events. Not thread-safe: one thread per cursor. Made by Machine::Listen.
-class EventCursor {
+class EventCursor
+{
 public:
     EventCursor(EventCursor&&) noexcept;
     EventCursor& operator=(EventCursor&&) = delete;
@@ -67,7 +69,8 @@ private:
 // `call` is a name such as "IWbemServices::ExecQuery"; a final '*' matches any rest.
 // Driver queries are named "QueryOid", "QueryOid:0x00010107", each with "@{GUID}" behind it for one adapter; their
 // code is an NTSTATUS, and the driver counts them.
-struct FaultRule {
+struct FaultRule
+{
     std::string call;
     std::uint32_t nth = 1;
     std::uint32_t times = 1;
@@ -77,12 +80,14 @@ struct FaultRule {
 };
 
 // A reader's place in the journal. A fresh one stands at the last clear.
-struct JournalPosition {
+struct JournalPosition
+{
     std::uint64_t bytes = 0;   // in the file
     std::uint64_t records = 0; // in the driver's ring
 };
 
-class Machine {
+class Machine
+{
 public:
     // The machine of this process. Attached at first use, never detached.
     static Machine& Attach();
@@ -103,13 +108,14 @@ public:
     // `change` runs with the machine's lock held and must not call back into Machine.
     std::uint64_t Update(const std::function<void(Json& state, Events& events)>& change);
     void Raise(Events events);
-    [[nodiscard]] EventCursor Listen(); // from now on
+    [[nodiscard]] EventCursor Listen();                     // from now on
     [[nodiscard]] std::uint64_t LastEvent() const noexcept; // its "seq"; 0 if there was none
 
     // Journal. `arguments` and `out` are objects (or null for none).
     [[nodiscard]] bool JournalOn() const noexcept;
     void SwitchJournal(bool on);
-    void Journal(std::string_view call, const Json& arguments, std::uint32_t result, const Json& out = nullptr) noexcept;
+    void Journal(std::string_view call, const Json& arguments, std::uint32_t result,
+                 const Json& out = nullptr) noexcept;
     void ClearJournal();
     // Lines from `position` on, which is moved behind the last one. The driver's records are among them, by time.
     [[nodiscard]] std::vector<Json> ReadJournal(JournalPosition& position);
@@ -136,24 +142,29 @@ private:
 //     ...
 //     return call.Out("count", n).Result(S_OK);
 // A call that ends without Result (an exception) is journalled with the result 0xFFFFFFFF.
-class Call {
+class Call
+{
 public:
     explicit Call(std::string_view name, Machine& machine = Machine::Attach());
     ~Call();
     Call(const Call&) = delete;
     Call& operator=(const Call&) = delete;
 
-    template <class T> Call& Arg(std::string_view key, const T& value)
+    template <class T>
+    Call& Arg(std::string_view key, const T& value)
     {
-        if (m_journal) {
+        if (m_journal)
+        {
             m_arguments[std::string{key}] = value;
         }
         return *this;
     }
     Call& Arg(std::string_view key, const wchar_t* value); // null is journalled as null
-    template <class T> Call& Out(std::string_view key, const T& value)
+    template <class T>
+    Call& Out(std::string_view key, const T& value)
     {
-        if (m_journal) {
+        if (m_journal)
+        {
             m_out[std::string{key}] = value;
         }
         return *this;
@@ -162,7 +173,8 @@ public:
     [[nodiscard]] std::optional<std::uint32_t> Fault() noexcept { return m_machine.Fault(m_name); }
     [[nodiscard]] std::optional<std::uint32_t> Fault(const wchar_t* detail) noexcept;
 
-    template <class T> T Result(T result) noexcept
+    template <class T>
+    T Result(T result) noexcept
     {
         Finish(static_cast<std::uint32_t>(result));
         return result;

@@ -8,9 +8,11 @@
 
 #include <mutex>
 
-namespace lab {
+namespace lab
+{
 
-struct Machine::Impl {
+struct Machine::Impl
+{
     explicit Impl(const std::filesystem::path& folder);
 
     std::filesystem::path folder;
@@ -30,9 +32,9 @@ struct Machine::Impl {
     std::shared_ptr<const Json> Load(std::uint64_t& version); // takes the mutex
     void AppendEvents(Events& events);                        // mutex held
     void WakeListeners() noexcept;
-    void WriteState(const Json& state);                       // mutex held
+    void WriteState(const Json& state); // mutex held
     std::wstring ListenerName(std::size_t number) const;
-    void AddDriverFault(const FaultRule& rule);               // mutex held
+    void AddDriverFault(const FaultRule& rule); // mutex held
 };
 
 // The whole file as bytes from `from` to `to`, with every sharing right given.
@@ -40,7 +42,8 @@ std::string ReadRange(const std::filesystem::path& path, std::uint64_t from, std
 [[nodiscard]] std::uint64_t Now() noexcept; // 100 ns units since 1601
 [[noreturn]] void Fail(const std::string& what);
 
-// Writes the driver's table from the state; true if a device came, went, or changed in a way that the driver must hear of.
+// Writes the driver's table from the state; true if a device came, went, or changed in a way that the driver must hear
+// of.
 bool PublishDriverTable(LabDriverTable& table, const Json& state);
 // Asks the driver to bring its devices in line, if there is a driver.
 void SyncDriver() noexcept;

@@ -5,9 +5,11 @@
 #include <cstdio>
 #include <stdexcept>
 
-namespace lab {
+namespace lab
+{
 
-namespace {
+namespace
+{
 
 const Json nothing;
 
@@ -15,7 +17,8 @@ const Json nothing;
 
 const Json& Member(const Json& object, const char* key)
 {
-    if (!object.is_object()) {
+    if (!object.is_object())
+    {
         return nothing;
     }
     const auto found = object.find(key);
@@ -37,7 +40,8 @@ bool FlagField(const Json& object, const char* key, bool otherwise)
 std::int64_t NumberField(const Json& object, const char* key, std::int64_t otherwise)
 {
     const Json& value = Member(object, key);
-    if (value.is_string()) {
+    if (value.is_string())
+    {
         const auto number = ParseNumber(value.get_ref<const std::string&>());
         return number ? std::int64_t{*number} : otherwise;
     }
@@ -46,9 +50,12 @@ std::int64_t NumberField(const Json& object, const char* key, std::int64_t other
 
 const Json* FindAdapter(const Json& state, std::string_view key)
 {
-    for (const char* field : {"name", "guid", "alias", "description"}) {
-        for (const Json& adapter : Member(state, "adapters")) {
-            if (EqualNoCase(TextField(adapter, field), key)) {
+    for (const char* field : {"name", "guid", "alias", "description"})
+    {
+        for (const Json& adapter : Member(state, "adapters"))
+        {
+            if (EqualNoCase(TextField(adapter, field), key))
+            {
                 return &adapter;
             }
         }
@@ -63,11 +70,13 @@ Json* FindAdapter(Json& state, std::string_view key)
 
 Json& RequireAdapter(Json& state, std::string_view key)
 {
-    if (Json* adapter = FindAdapter(state, key)) {
+    if (Json* adapter = FindAdapter(state, key))
+    {
         return *adapter;
     }
     std::string names;
-    for (const Json& adapter : Member(state, "adapters")) {
+    for (const Json& adapter : Member(state, "adapters"))
+    {
         names += (names.empty() ? "" : ", ") + TextField(adapter, "name");
     }
     throw std::runtime_error("no adapter '" + std::string{key} + "'; there are: " + (names.empty() ? "none" : names));
@@ -100,8 +109,10 @@ std::string SubnetMask(int prefix)
 
 std::optional<int> PrefixOf(std::string_view mask)
 {
-    for (int prefix = 0; prefix <= 32; ++prefix) {
-        if (SubnetMask(prefix) == mask) {
+    for (int prefix = 0; prefix <= 32; ++prefix)
+    {
+        if (SubnetMask(prefix) == mask)
+        {
             return prefix;
         }
     }

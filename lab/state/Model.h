@@ -32,7 +32,8 @@
 
 #include "lab/state/Machine.h"
 
-namespace lab {
+namespace lab
+{
 
 // The adapter with that name, GUID (any case), alias or description; null if there is none.
 [[nodiscard]] const Json* FindAdapter(const Json& state, std::string_view key);
@@ -43,13 +44,14 @@ namespace lab {
 // Fields with their defaults. A field of another kind than expected counts as missing.
 [[nodiscard]] std::string TextField(const Json& object, const char* key, const std::string& otherwise = {});
 [[nodiscard]] bool FlagField(const Json& object, const char* key, bool otherwise);
-[[nodiscard]] std::int64_t NumberField(const Json& object, const char* key, std::int64_t otherwise); // "0x.." text allowed
+[[nodiscard]] std::int64_t NumberField(const Json& object, const char* key,
+                                       std::int64_t otherwise);        // "0x.." text allowed
 [[nodiscard]] const Json& Member(const Json& object, const char* key); // a null value if missing
 
 [[nodiscard]] bool IsPresent(const Json& adapter);
 [[nodiscard]] bool IsConnected(const Json& adapter);
 [[nodiscard]] std::string CaptionOf(const Json& adapter);
-[[nodiscard]] std::string SubnetMask(int prefix);        // 24 gives "255.255.255.0"
+[[nodiscard]] std::string SubnetMask(int prefix);                 // 24 gives "255.255.255.0"
 [[nodiscard]] std::optional<int> PrefixOf(std::string_view mask); // "255.255.255.0" gives 24; a mask with holes nothing
 [[nodiscard]] bool IsIpv6(std::string_view address);
 

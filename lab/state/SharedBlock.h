@@ -4,14 +4,16 @@
 #include <atomic>
 #include <cstdint>
 
-namespace lab {
+namespace lab
+{
 
 constexpr std::uint32_t sharedMagic = 0x5348424C;
 constexpr std::uint32_t sharedLayout = 1;
 constexpr std::size_t maximumRules = 64;
 constexpr std::size_t maximumListeners = 256;
 
-struct SharedRule {
+struct SharedRule
+{
     std::atomic<std::uint32_t> active; // 0 free, 1 in force; written last
     std::uint32_t nth;
     std::uint32_t times;
@@ -23,7 +25,8 @@ struct SharedRule {
 };
 
 // Lies in the file `shared.bin`; a fresh file is all zeros, which is a valid start apart from magic and layout.
-struct SharedBlock {
+struct SharedBlock
+{
     std::uint32_t magic;
     std::uint32_t layout;
     std::atomic<std::uint64_t> version;      // of state.json
@@ -33,7 +36,7 @@ struct SharedBlock {
     std::atomic<std::uint64_t> journalStart; // where the last clear left it
     std::atomic<std::uint64_t> driverStart;  // the same in the driver's ring
     std::atomic<std::uint32_t> journalOff;
-    std::atomic<std::uint32_t> ruleCount;    // rules in force; 0 makes Fault a single load
+    std::atomic<std::uint32_t> ruleCount;                   // rules in force; 0 makes Fault a single load
     std::atomic<std::uint32_t> listening[maximumListeners]; // 1: a listener waits on the event of that number
     SharedRule rules[maximumRules];
 };

@@ -5,14 +5,17 @@
 #include <charconv>
 #include <cstdio>
 
-namespace lab {
+namespace lab
+{
 
 std::string Utf8(std::wstring_view text)
 {
-    if (text.empty()) {
+    if (text.empty())
+    {
         return {};
     }
-    const int size = WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr, nullptr);
+    const int size =
+        WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr, nullptr);
     std::string result(static_cast<std::size_t>(size), '\0');
     WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), result.data(), size, nullptr, nullptr);
     return result;
@@ -25,7 +28,8 @@ std::string Utf8(const wchar_t* text)
 
 std::wstring Wide(std::string_view text)
 {
-    if (text.empty()) {
+    if (text.empty())
+    {
         return {};
     }
     const int size = MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0);
@@ -34,7 +38,8 @@ std::wstring Wide(std::string_view text)
     return result;
 }
 
-namespace {
+namespace
+{
 
 char LowerChar(char c) noexcept
 {
@@ -45,11 +50,14 @@ char LowerChar(char c) noexcept
 
 bool EqualNoCase(std::string_view a, std::string_view b) noexcept
 {
-    if (a.size() != b.size()) {
+    if (a.size() != b.size())
+    {
         return false;
     }
-    for (std::size_t i = 0; i < a.size(); ++i) {
-        if (LowerChar(a[i]) != LowerChar(b[i])) {
+    for (std::size_t i = 0; i < a.size(); ++i)
+    {
+        if (LowerChar(a[i]) != LowerChar(b[i]))
+        {
             return false;
         }
     }
@@ -59,7 +67,8 @@ bool EqualNoCase(std::string_view a, std::string_view b) noexcept
 std::string Lower(std::string_view text)
 {
     std::string result{text};
-    for (char& c : result) {
+    for (char& c : result)
+    {
         c = LowerChar(c);
     }
     return result;
@@ -75,17 +84,20 @@ std::string Hex32(std::uint32_t value)
 std::optional<std::uint32_t> ParseNumber(std::string_view text)
 {
     const bool negative = !text.empty() && text.front() == '-';
-    if (negative) {
+    if (negative)
+    {
         text.remove_prefix(1);
     }
     int base = 10;
-    if (text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X')) {
+    if (text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X'))
+    {
         base = 16;
         text.remove_prefix(2);
     }
     std::uint32_t value = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value, base);
-    if (text.empty() || error != std::errc{} || end != text.data() + text.size()) {
+    if (text.empty() || error != std::errc{} || end != text.data() + text.size())
+    {
         return std::nullopt;
     }
     return negative ? 0U - value : value;
@@ -97,8 +109,8 @@ std::string TimeText(std::uint64_t fileTime)
     SYSTEMTIME parts{};
     FileTimeToSystemTime(&time, &parts);
     char text[40];
-    std::snprintf(text, sizeof text, "%04u-%02u-%02uT%02u:%02u:%02u.%07uZ", parts.wYear, parts.wMonth, parts.wDay, parts.wHour,
-                  parts.wMinute, parts.wSecond, static_cast<unsigned>(fileTime % 10000000U));
+    std::snprintf(text, sizeof text, "%04u-%02u-%02uT%02u:%02u:%02u.%07uZ", parts.wYear, parts.wMonth, parts.wDay,
+                  parts.wHour, parts.wMinute, parts.wSecond, static_cast<unsigned>(fileTime % 10000000U));
     return text;
 }
 

@@ -7,14 +7,21 @@
 
 #include <mutex>
 
-namespace lab::wmi {
+namespace lab::wmi
+{
 
-class ClassObject final : public ComObject<IWbemClassObject> {
+class ClassObject final : public ComObject<IWbemClassObject>
+{
 public:
-    enum class Genus { Class = WBEM_GENUS_CLASS, Instance = WBEM_GENUS_INSTANCE };
+    enum class Genus
+    {
+        Class = WBEM_GENUS_CLASS,
+        Instance = WBEM_GENUS_INSTANCE
+    };
 
     // `values` has one entry for each property of `type`, in its order; `hidden` are properties that this object lacks.
-    ClassObject(Genus genus, Namespace space, ClassPointer type, std::vector<Value> values, std::vector<bool> hidden = {});
+    ClassObject(Genus genus, Namespace space, ClassPointer type, std::vector<Value> values,
+                std::vector<bool> hidden = {});
 
     // The stored value without journal or faults; nothing for a name that the object does not have.
     [[nodiscard]] Value Read(std::wstring_view property) const;
@@ -48,7 +55,8 @@ public:
     STDMETHODIMP GetMethodOrigin(LPCWSTR name, BSTR* className) override;
 
 private:
-    struct Found {
+    struct Found
+    {
         Value value;
         CIMTYPE type = CIM_STRING;
         long flavor = WBEM_FLAVOR_ORIGIN_LOCAL;
@@ -65,11 +73,11 @@ private:
     const ClassPointer m_class;
     const std::vector<bool> m_hidden;
     mutable std::mutex m_mutex;
-    std::vector<Value> m_values;           // guarded by m_mutex
-    std::vector<std::wstring> m_walk;      // guarded by m_mutex: names of the running enumeration
-    std::size_t m_walkAt = 0;              // guarded by m_mutex
-    bool m_walking = false;                // guarded by m_mutex
-    std::size_t m_methodAt = 0;            // guarded by m_mutex
+    std::vector<Value> m_values;      // guarded by m_mutex
+    std::vector<std::wstring> m_walk; // guarded by m_mutex: names of the running enumeration
+    std::size_t m_walkAt = 0;         // guarded by m_mutex
+    bool m_walking = false;           // guarded by m_mutex
+    std::size_t m_methodAt = 0;       // guarded by m_mutex
 };
 
 // A class as an object, and an object of a class with nothing in it.

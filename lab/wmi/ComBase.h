@@ -9,18 +9,22 @@
 #include <atomic>
 #include <utility>
 
-namespace lab::wmi {
+namespace lab::wmi
+{
 
 // Living objects and locks of the module; DllCanUnloadNow asks.
 inline std::atomic<long> moduleReferences{0};
 
 // Owns one reference of a COM pointer.
-template <class T> class Reference {
+template <class T>
+class Reference
+{
 public:
     Reference() noexcept = default;
     explicit Reference(T* pointer) noexcept : m_pointer(pointer) // adds its own reference
     {
-        if (m_pointer != nullptr) {
+        if (m_pointer != nullptr)
+        {
             m_pointer->AddRef();
         }
     }
@@ -33,7 +37,8 @@ public:
     }
     ~Reference()
     {
-        if (m_pointer != nullptr) {
+        if (m_pointer != nullptr)
+        {
             m_pointer->Release();
         }
     }
@@ -54,7 +59,9 @@ private:
 };
 
 // Base of an object with the interface `First` and any further ones. Starts with a count of 1.
-template <class First, class... More> class ComObject : public First, public More... {
+template <class First, class... More>
+class ComObject : public First, public More...
+{
 public:
     ComObject() noexcept { ++moduleReferences; }
     ComObject(const ComObject&) = delete;
@@ -63,16 +70,21 @@ public:
 
     STDMETHODIMP QueryInterface(REFIID id, void** object) override
     {
-        if (object == nullptr) {
+        if (object == nullptr)
+        {
             return E_POINTER;
         }
         *object = nullptr;
-        if (IsEqualIID(id, __uuidof(IUnknown)) || IsEqualIID(id, __uuidof(First))) {
+        if (IsEqualIID(id, __uuidof(IUnknown)) || IsEqualIID(id, __uuidof(First)))
+        {
             *object = static_cast<First*>(this);
-        } else {
+        }
+        else
+        {
             (void)((IsEqualIID(id, __uuidof(More)) ? (*object = static_cast<More*>(this), true) : false) || ...);
         }
-        if (*object == nullptr) {
+        if (*object == nullptr)
+        {
             return E_NOINTERFACE;
         }
         AddRef();
@@ -82,7 +94,8 @@ public:
     STDMETHODIMP_(ULONG) Release() override
     {
         const ULONG count = --m_count;
-        if (count == 0) {
+        if (count == 0)
+        {
             delete this;
         }
         return count;
@@ -93,42 +106,52 @@ private:
 };
 
 // Proxies of the real WMI take a security blanket; so do these objects, and remember nothing of it.
-template <class Interface> class SecuredObject : public ComObject<Interface, IClientSecurity> {
+template <class Interface>
+class SecuredObject : public ComObject<Interface, IClientSecurity>
+{
 public:
     STDMETHODIMP QueryBlanket(IUnknown*, DWORD* authentication, DWORD* authorisation, OLECHAR** principal, DWORD* level,
                               DWORD* impersonation, void** identity, DWORD* capabilities) override
     {
-        if (authentication != nullptr) {
+        if (authentication != nullptr)
+        {
             *authentication = RPC_C_AUTHN_WINNT;
         }
-        if (authorisation != nullptr) {
+        if (authorisation != nullptr)
+        {
             *authorisation = RPC_C_AUTHZ_NONE;
         }
-        if (principal != nullptr) {
+        if (principal != nullptr)
+        {
             *principal = nullptr;
         }
-        if (level != nullptr) {
+        if (level != nullptr)
+        {
             *level = RPC_C_AUTHN_LEVEL_CALL;
         }
-        if (impersonation != nullptr) {
+        if (impersonation != nullptr)
+        {
             *impersonation = RPC_C_IMP_LEVEL_IMPERSONATE;
         }
-        if (identity != nullptr) {
+        if (identity != nullptr)
+        {
             *identity = nullptr;
         }
-        if (capabilities != nullptr) {
+        if (capabilities != nullptr)
+        {
             *capabilities = 0;
         }
         return S_OK;
     }
-    STDMETHODIMP SetBlanket(IUnknown*, DWORD authentication, DWORD authorisation, OLECHAR*, DWORD level, DWORD impersonation, void*,
-                            DWORD) override
+    STDMETHODIMP SetBlanket(IUnknown*, DWORD authentication, DWORD authorisation, OLECHAR*, DWORD level,
+                            DWORD impersonation, void*, DWORD) override
     {
         return JournalBlanket(authentication, authorisation, level, impersonation);
     }
     STDMETHODIMP CopyProxy(IUnknown* proxy, IUnknown** copy) override
     {
-        if (proxy == nullptr || copy == nullptr) {
+        if (proxy == nullptr || copy == nullptr)
+        {
             return E_INVALIDARG;
         }
         proxy->AddRef();
@@ -142,7 +165,8 @@ private:
         Call call{"IClientSecurity::SetBlanket"};
         call.Arg("authentication", authentication).Arg("authorisation", authorisation);
         call.Arg("level", level).Arg("impersonation", impersonation);
-        if (const auto code = call.Fault()) {
+        if (const auto code = call.Fault())
+        {
             return call.Result(static_cast<HRESULT>(*code));
         }
         return call.Result(S_OK);

@@ -3,13 +3,17 @@
 
 extern "C" HRESULT STDAPICALLTYPE DllGetClassObject(REFCLSID id, REFIID interfaceId, void** object)
 {
-    if (!IsEqualCLSID(id, lab::wmi::locatorClass)) {
+    if (!IsEqualCLSID(id, lab::wmi::locatorClass))
+    {
         return CLASS_E_CLASSNOTAVAILABLE;
     }
-    try {
+    try
+    {
         const auto factory = lab::wmi::Reference<IClassFactory>::Take(lab::wmi::MakeFactory());
         return factory->QueryInterface(interfaceId, object);
-    } catch (const std::exception&) {
+    }
+    catch (const std::exception&)
+    {
         return E_FAIL;
     }
 }

@@ -1,6 +1,7 @@
 #include "lab/wmi/Enumerator.h"
 
-namespace lab::wmi {
+namespace lab::wmi
+{
 
 Enumerator::Enumerator(Objects objects, bool forwardOnly, std::size_t position)
     : m_forwardOnly(forwardOnly), m_failure(S_OK), m_objects(std::move(objects)), m_position(position)
@@ -12,10 +13,12 @@ Enumerator::Enumerator(HRESULT deferredFailure) : m_forwardOnly(true), m_failure
 HRESULT Enumerator::Reset()
 {
     Call call{"IEnumWbemClassObject::Reset"};
-    if (const auto code = call.Fault()) {
+    if (const auto code = call.Fault())
+    {
         return call.Result(static_cast<HRESULT>(*code));
     }
-    if (m_forwardOnly) {
+    if (m_forwardOnly)
+    {
         return call.Result(Status(WBEM_E_INVALID_OPERATION));
     }
     const std::scoped_lock lock{m_mutex};
@@ -26,7 +29,8 @@ HRESULT Enumerator::Reset()
 IWbemClassObject* Enumerator::Take()
 {
     Reference<ClassObject>& object = m_objects[m_position++];
-    if (m_forwardOnly) {
+    if (m_forwardOnly)
+    {
         return object.Detach();
     }
     // What a caller writes into an object must not show up in the next walk.
@@ -38,22 +42,28 @@ HRESULT Enumerator::Next(long timeout, ULONG count, IWbemClassObject** objects, 
 {
     Call call{"IEnumWbemClassObject::Next"};
     call.Arg("timeout", timeout).Arg("count", count);
-    if (returned != nullptr) {
+    if (returned != nullptr)
+    {
         *returned = 0;
     }
-    if (const auto code = call.Fault()) {
+    if (const auto code = call.Fault())
+    {
         return call.Result(static_cast<HRESULT>(*code));
     }
-    if (objects == nullptr || returned == nullptr || (timeout < 0 && timeout != static_cast<long>(WBEM_INFINITE))) {
+    if (objects == nullptr || returned == nullptr || (timeout < 0 && timeout != static_cast<long>(WBEM_INFINITE)))
+    {
         return call.Result(Status(WBEM_E_INVALID_PARAMETER));
     }
-    if (FAILED(m_failure)) {
+    if (FAILED(m_failure))
+    {
         return call.Result(m_failure);
     }
     const std::scoped_lock lock{m_mutex};
-    while (*returned < count && m_position < m_objects.size()) {
+    while (*returned < count && m_position < m_objects.size())
+    {
         IWbemClassObject* const object = Take();
-        if (object == nullptr) {
+        if (object == nullptr)
+        {
             return call.Result(Status(WBEM_E_OUT_OF_MEMORY));
         }
         objects[(*returned)++] = object;
@@ -70,16 +80,20 @@ HRESULT Enumerator::NextAsync(ULONG, IWbemObjectSink*)
 HRESULT Enumerator::Clone(IEnumWbemClassObject** copy)
 {
     Call call{"IEnumWbemClassObject::Clone"};
-    if (copy != nullptr) {
+    if (copy != nullptr)
+    {
         *copy = nullptr;
     }
-    if (const auto code = call.Fault()) {
+    if (const auto code = call.Fault())
+    {
         return call.Result(static_cast<HRESULT>(*code));
     }
-    if (copy == nullptr) {
+    if (copy == nullptr)
+    {
         return call.Result(Status(WBEM_E_INVALID_PARAMETER));
     }
-    if (m_forwardOnly) {
+    if (m_forwardOnly)
+    {
         return call.Result(Status(WBEM_E_INVALID_OPERATION));
     }
     const std::scoped_lock lock{m_mutex};
@@ -91,10 +105,12 @@ HRESULT Enumerator::Skip(long timeout, ULONG count)
 {
     Call call{"IEnumWbemClassObject::Skip"};
     call.Arg("timeout", timeout).Arg("count", count);
-    if (const auto code = call.Fault()) {
+    if (const auto code = call.Fault())
+    {
         return call.Result(static_cast<HRESULT>(*code));
     }
-    if (FAILED(m_failure)) {
+    if (FAILED(m_failure))
+    {
         return call.Result(m_failure);
     }
     const std::scoped_lock lock{m_mutex};

@@ -3,9 +3,11 @@
 
 #include "lab/wmi/ClassObject.h"
 
-namespace lab::wmi {
+namespace lab::wmi
+{
 
-class Enumerator final : public SecuredObject<IEnumWbemClassObject> {
+class Enumerator final : public SecuredObject<IEnumWbemClassObject>
+{
 public:
     using Objects = std::vector<Reference<ClassObject>>;
 

@@ -3,7 +3,8 @@
 
 #include "lab/wmi/ComBase.h"
 
-namespace lab::wmi {
+namespace lab::wmi
+{
 
 // {4590F811-1D3A-11D0-891F-00AA004B2E24}
 extern const CLSID locatorClass;

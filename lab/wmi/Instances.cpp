@@ -5,17 +5,21 @@
 
 #include <algorithm>
 
-namespace lab::wmi {
+namespace lab::wmi
+{
 
-namespace {
+namespace
+{
 
 // Everything that a property may depend on.
-struct Source {
+struct Source
+{
     const Json& state;
     const Json& adapter;
 };
 using Getter = Json (*)(const Source&);
-struct Rule {
+struct Rule
+{
     const char* property;
     Getter get;
 };
@@ -46,7 +50,8 @@ Json Suffixes(const Source& s)
 Json AddressList(const Source& s, bool masks)
 {
     Json list = Json::array();
-    for (const Json& entry : Member(s.adapter, "addresses")) {
+    for (const Json& entry : Member(s.adapter, "addresses"))
+    {
         const std::string address = TextField(entry, "address");
         const int prefix = static_cast<int>(NumberField(entry, "prefix", 0));
         // WMI writes an IPv4 mask with dots and an IPv6 one as the length of its prefix.
@@ -55,7 +60,8 @@ Json AddressList(const Source& s, bool masks)
     return ListOf(list);
 }
 
-template <Getter get> Json WithIp(const Source& s)
+template <Getter get>
+Json WithIp(const Source& s)
 {
     return HasIp(s) ? get(s) : Json(nullptr);
 }
@@ -77,7 +83,8 @@ bool IsPhysical(const Source& s)
 
 Json ConnectionStatus(const Source& s)
 {
-    if (!s.adapter.contains("alias")) {
+    if (!s.adapter.contains("alias"))
+    {
         return nullptr;
     }
     return !IsPresent(s.adapter) ? 4 : IsConnected(s.adapter) ? 2 : 7; // not present, connected, media disconnected
@@ -110,7 +117,9 @@ constexpr Rule configurationRules[] = {
     {"DNSServerSearchOrder", WITH_IP(Dns(s))},
     {"DomainDNSRegistrationEnabled", WITH_IP(false)},
     {"FullDNSRegistrationEnabled", WITH_IP(true)},
-    {"GatewayCostMetric", [](const Source& s) {
+    {"GatewayCostMetric",
+     [](const Source& s)
+     {
          const Json gateways = HasIp(s) ? ListOf(Member(s.adapter, "gateways")) : Json(nullptr);
          return gateways.is_null() ? gateways : Json(std::vector<int>(gateways.size(), 0));
      }},
@@ -156,7 +165,8 @@ constexpr Rule adapterRules[] = {
     {"MaxNumberControlled", CONSTANT(0)},
     {"NetConnectionID", FIELD("alias")},
     {"NetConnectionStatus", ConnectionStatus},
-    {"NetEnabled", [](const Source& s) { return s.adapter.contains("alias") ? Json(IsPresent(s.adapter) && IsConnected(s.adapter)) : Json(nullptr); }},
+    {"NetEnabled", [](const Source& s)
+     { return s.adapter.contains("alias") ? Json(IsPresent(s.adapter) && IsConnected(s.adapter)) : Json(nullptr); }},
     {"PhysicalAdapter", [](const Source& s) { return Json(IsPhysical(s)); }},
     {"ServiceName", FIELD("service")},
 };
@@ -170,14 +180,19 @@ bool IsConfiguration(const ClassType& type)
 std::vector<Getter> Getters(const ClassType& type)
 {
     std::vector<Getter> getters(type.properties.size());
-    const auto enter = [&](const Rule& rule) {
-        if (const std::size_t index = type.Find(Wide(rule.property)); index != ClassType::npos) {
+    const auto enter = [&](const Rule& rule)
+    {
+        if (const std::size_t index = type.Find(Wide(rule.property)); index != ClassType::npos)
+        {
             getters[index] = rule.get;
         }
     };
-    if (IsConfiguration(type)) {
+    if (IsConfiguration(type))
+    {
         std::for_each(std::begin(configurationRules), std::end(configurationRules), enter);
-    } else {
+    }
+    else
+    {
         std::for_each(std::begin(adapterRules), std::end(adapterRules), enter);
     }
     return getters;
@@ -185,7 +200,8 @@ std::vector<Getter> Getters(const ClassType& type)
 
 const std::vector<Getter>& CachedGetters(const ClassType& type)
 {
-    static const std::vector<Getter> configuration = Getters(*FindClass(Namespace::Cimv2, L"Win32_NetworkAdapterConfiguration"));
+    static const std::vector<Getter> configuration =
+        Getters(*FindClass(Namespace::Cimv2, L"Win32_NetworkAdapterConfiguration"));
     static const std::vector<Getter> adapter = Getters(*FindClass(Namespace::Cimv2, L"Win32_NetworkAdapter"));
     return IsConfiguration(type) ? configuration : adapter;
 }
@@ -202,12 +218,15 @@ bool IsMissing(const Json& override)
 
 const Json* FindOverride(const Json& overrides, const std::wstring& property)
 {
-    if (!overrides.is_object() || overrides.empty()) {
+    if (!overrides.is_object() || overrides.empty())
+    {
         return nullptr;
     }
     const std::string name = Utf8(property);
-    for (auto entry = overrides.begin(); entry != overrides.end(); ++entry) {
-        if (lab::EqualNoCase(entry.key(), name)) {
+    for (auto entry = overrides.begin(); entry != overrides.end(); ++entry)
+    {
+        if (lab::EqualNoCase(entry.key(), name))
+        {
             return &*entry;
         }
     }
@@ -217,7 +236,8 @@ const Json* FindOverride(const Json& overrides, const std::wstring& property)
 Value ValueOf(const ClassType& type, const Source& source, std::size_t index)
 {
     const PropertyType& property = type.properties[index];
-    if (const Json* override = FindOverride(Overrides(type, source.adapter), property.name)) {
+    if (const Json* override = FindOverride(Overrides(type, source.adapter), property.name))
+    {
         return IsMissing(*override) ? Value{} : FromJson(*override, property.type);
     }
     const Getter get = CachedGetters(type)[index];
@@ -231,24 +251,30 @@ bool IsListed(const ClassType& type, const Json& adapter)
 
 } // namespace
 
-std::vector<Reference<ClassObject>> Instances(Namespace space, const ClassPointer& type, const Json& state, const Condition* where)
+std::vector<Reference<ClassObject>> Instances(Namespace space, const ClassPointer& type, const Json& state,
+                                              const Condition* where)
 {
     std::vector<Reference<ClassObject>> objects;
-    if (space != Namespace::Cimv2) {
+    if (space != Namespace::Cimv2)
+    {
         return objects; // event classes have no instances
     }
-    for (const Json& adapter : Member(state, "adapters")) {
+    for (const Json& adapter : Member(state, "adapters"))
+    {
         const Source source{state, adapter};
-        const auto read = [&](std::wstring_view property) {
+        const auto read = [&](std::wstring_view property)
+        {
             const std::size_t index = type->Find(property);
             return index == ClassType::npos ? Value{} : ValueOf(*type, source, index);
         };
-        if (!IsListed(*type, adapter) || !Meets(where, read)) {
+        if (!IsListed(*type, adapter) || !Meets(where, read))
+        {
             continue;
         }
         std::vector<Value> values(type->properties.size());
         std::vector<bool> hidden(type->properties.size());
-        for (std::size_t i = 0; i < values.size(); ++i) {
+        for (std::size_t i = 0; i < values.size(); ++i)
+        {
             values[i] = ValueOf(*type, source, i);
             const Json* override = FindOverride(Overrides(*type, adapter), type->properties[i].name);
             hidden[i] = override != nullptr && IsMissing(*override);
@@ -260,8 +286,10 @@ std::vector<Reference<ClassObject>> Instances(Namespace space, const ClassPointe
 
 const Json* FindByKey(const ClassType& type, const Json& state, std::wstring_view key)
 {
-    for (const Json& adapter : Member(state, "adapters")) {
-        if (IsListed(type, adapter) && std::to_wstring(NumberField(adapter, "index", -1)) == key) {
+    for (const Json& adapter : Member(state, "adapters"))
+    {
+        if (IsListed(type, adapter) && std::to_wstring(NumberField(adapter, "index", -1)) == key)
+        {
             return &adapter;
         }
     }

@@ -8,23 +8,30 @@
 #include <winsock2.h>
 #include <ws2tcpip.h>
 
-namespace lab::wmi {
+namespace lab::wmi
+{
 
-namespace {
+namespace
+{
 
 // One run of a method: where it works, on what, with which input.
-struct Run {
+struct Run
+{
     Json& state;
     Json* adapter; // null in a static method
     const ClassObject* in;
     Events& events;
 
-    [[nodiscard]] Json Input(const wchar_t* name) const { return in == nullptr ? Json(nullptr) : ToJson(in->Read(name)); }
+    [[nodiscard]] Json Input(const wchar_t* name) const
+    {
+        return in == nullptr ? Json(nullptr) : ToJson(in->Read(name));
+    }
     [[nodiscard]] bool UsesDhcp() const { return FlagField(Member(*adapter, "dhcp"), "enabled", false); }
 };
 
 // RtlIpv4StringToAddressW and its IPv6 sister, found at run time: not every import library has them.
-template <class Address> bool Parses(const char* function, const std::wstring& text)
+template <class Address>
+bool Parses(const char* function, const std::wstring& text)
 {
     using Parser4 = LONG(NTAPI*)(PCWSTR, BOOLEAN, PCWSTR*, Address*);
     using Parser6 = LONG(NTAPI*)(PCWSTR, PCWSTR*, Address*);
@@ -32,9 +39,12 @@ template <class Address> bool Parses(const char* function, const std::wstring& t
     PCWSTR end = nullptr;
     Address address{};
     LONG status = -1;
-    if constexpr (sizeof(Address) == sizeof(IN_ADDR)) {
+    if constexpr (sizeof(Address) == sizeof(IN_ADDR))
+    {
         status = reinterpret_cast<Parser4>(reinterpret_cast<void*>(procedure))(text.c_str(), TRUE, &end, &address);
-    } else {
+    }
+    else
+    {
         status = reinterpret_cast<Parser6>(reinterpret_cast<void*>(procedure))(text.c_str(), &end, &address);
     }
     return status == 0 && end != nullptr && *end == 0;
@@ -48,8 +58,10 @@ bool IsAddress(const std::string& text)
 
 bool AreAddresses(const Json& list)
 {
-    for (const Json& entry : list) {
-        if (!IsAddress(entry.get<std::string>())) {
+    for (const Json& entry : list)
+    {
+        if (!IsAddress(entry.get<std::string>()))
+        {
             return false;
         }
     }
@@ -59,7 +71,8 @@ bool AreAddresses(const Json& list)
 std::string Joined(const Json& list)
 {
     std::string text;
-    for (const Json& entry : list) {
+    for (const Json& entry : list)
+    {
         text += (text.empty() ? "" : ",") + entry.get<std::string>();
     }
     return text;
@@ -69,7 +82,8 @@ std::string Joined(const Json& list)
 void WriteSetting(const Json* adapter, const wchar_t* name, DWORD type, const void* data, std::size_t size)
 {
     std::wstring key = L"SYSTEM\\CurrentControlSet\\Services\\Tcpip\\Parameters";
-    if (adapter != nullptr) {
+    if (adapter != nullptr)
+    {
         key += L"\\Interfaces\\" + Wide(TextField(*adapter, "guid"));
     }
     RegSetKeyValueW(HKEY_LOCAL_MACHINE, key.c_str(), name, type, data, static_cast<DWORD>(size));
@@ -90,13 +104,16 @@ void WriteDhcp(const Json* adapter, bool enabled)
 MethodResult SetDnsServers(const Run& run)
 {
     const Json servers = run.Input(L"DNSServerSearchOrder");
-    if (!AreAddresses(servers)) {
+    if (!AreAddresses(servers))
+    {
         return MethodResult::InvalidIpAddress;
     }
     // Nothing, or an empty list, gives the servers back to DHCP.
     (*run.adapter)["dnsStatic"] = servers.is_array() ? servers : Json::array();
-    if (servers.empty()) {
-        (*run.adapter)["dns"] = run.UsesDhcp() ? Member(Member(Member(*run.adapter, "dhcp"), "lease"), "dns") : Json::array();
+    if (servers.empty())
+    {
+        (*run.adapter)["dns"] =
+            run.UsesDhcp() ? Member(Member(Member(*run.adapter, "dhcp"), "lease"), "dns") : Json::array();
     }
     WriteText(run.adapter, L"NameServer", Joined(servers));
     return MethodResult::Done;
@@ -106,12 +123,16 @@ MethodResult SetWins(const Run& run)
 {
     const Json primary = run.Input(L"WINSPrimaryServer");
     const Json secondary = run.Input(L"WINSSecondaryServer");
-    for (const Json& server : {primary, secondary}) {
-        if (server.is_string() && !server.get_ref<const std::string&>().empty() && !IsAddress(server.get<std::string>())) {
+    for (const Json& server : {primary, secondary})
+    {
+        if (server.is_string() && !server.get_ref<const std::string&>().empty() &&
+            !IsAddress(server.get<std::string>()))
+        {
             return MethodResult::InvalidIpAddress;
         }
     }
-    (*run.adapter)["wins"] = {{"primary", primary == "" ? Json(nullptr) : primary}, {"secondary", secondary == "" ? Json(nullptr) : secondary}};
+    (*run.adapter)["wins"] = {{"primary", primary == "" ? Json(nullptr) : primary},
+                              {"secondary", secondary == "" ? Json(nullptr) : secondary}};
     return MethodResult::Done;
 }
 
@@ -143,21 +164,26 @@ MethodResult EnableStatic(const Run& run)
 {
     const Json addresses = run.Input(L"IPAddress");
     const Json masks = run.Input(L"SubnetMask");
-    if (!addresses.is_array() || !masks.is_array() || addresses.empty() || addresses.size() != masks.size()) {
+    if (!addresses.is_array() || !masks.is_array() || addresses.empty() || addresses.size() != masks.size())
+    {
         return MethodResult::InvalidInput;
     }
-    if (!AreAddresses(addresses)) {
+    if (!AreAddresses(addresses))
+    {
         return MethodResult::InvalidIpAddress;
     }
     Json list = Json::array();
-    for (std::size_t i = 0; i < addresses.size(); ++i) {
+    for (std::size_t i = 0; i < addresses.size(); ++i)
+    {
         const auto prefix = PrefixOf(masks[i].get<std::string>());
-        if (!prefix) {
+        if (!prefix)
+        {
             return MethodResult::InvalidSubnetMask;
         }
         list.push_back({{"address", addresses[i]}, {"prefix", *prefix}});
     }
-    if (run.UsesDhcp()) {
+    if (run.UsesDhcp())
+    {
         DropLease(*run.adapter, run.events);
     }
     (*run.adapter)["dhcp"]["enabled"] = false;
@@ -170,7 +196,8 @@ MethodResult EnableStatic(const Run& run)
 
 MethodResult ReleaseLease(const Run& run)
 {
-    if (!run.UsesDhcp()) {
+    if (!run.UsesDhcp())
+    {
         return MethodResult::DhcpNotEnabled;
     }
     DropLease(*run.adapter, run.events);
@@ -179,24 +206,32 @@ MethodResult ReleaseLease(const Run& run)
 
 MethodResult RenewLease(const Run& run)
 {
-    if (!run.UsesDhcp()) {
+    if (!run.UsesDhcp())
+    {
         return MethodResult::DhcpNotEnabled;
     }
-    if (!Member(Member(*run.adapter, "dhcp"), "lease").is_object()) {
+    if (!Member(Member(*run.adapter, "dhcp"), "lease").is_object())
+    {
         return MethodResult::CannotRenewLease; // no server answers
     }
     ApplyLease(*run.adapter, run.events);
     return MethodResult::Done;
 }
 
-struct Entry {
+struct Entry
+{
     const wchar_t* name;
     MethodResult (*run)(const Run&);
 };
 constexpr Entry entries[] = {
-    {L"SetDNSServerSearchOrder", SetDnsServers}, {L"SetWINSServer", SetWins},       {L"SetDNSSuffixSearchOrder", SetSuffixes},
-    {L"SetDNSDomain", SetDomain},                {L"EnableDHCP", EnableDhcp},       {L"EnableStatic", EnableStatic},
-    {L"ReleaseDHCPLease", ReleaseLease},         {L"RenewDHCPLease", RenewLease},
+    {L"SetDNSServerSearchOrder", SetDnsServers},
+    {L"SetWINSServer", SetWins},
+    {L"SetDNSSuffixSearchOrder", SetSuffixes},
+    {L"SetDNSDomain", SetDomain},
+    {L"EnableDHCP", EnableDhcp},
+    {L"EnableStatic", EnableStatic},
+    {L"ReleaseDHCPLease", ReleaseLease},
+    {L"RenewDHCPLease", RenewLease},
 };
 
 bool HasIp(const Json& adapter)
@@ -209,28 +244,35 @@ bool HasIp(const Json& adapter)
 HRESULT RunMethod(const MethodType& method, std::wstring_view key, const ClassObject* in, std::int32_t& returnValue)
 {
     HRESULT result = Status(WBEM_E_NOT_FOUND);
-    const auto run = [&](Json& state, Events& events) {
+    const auto run = [&](Json& state, Events& events)
+    {
         const ClassPointer type = FindClass(Namespace::Cimv2, L"Win32_NetworkAdapterConfiguration");
         Json* const adapter = key.empty() ? nullptr : const_cast<Json*>(FindByKey(*type, state, key));
-        if (adapter == nullptr && !method.isStatic) {
+        if (adapter == nullptr && !method.isStatic)
+        {
             return;
         }
         result = S_OK;
         const Json& told = Member(Member(state, "methods"), Utf8(method.name).c_str());
-        if (told.is_number_integer() && told != 0 && told != static_cast<int>(MethodResult::RebootNeeded)) {
+        if (told.is_number_integer() && told != 0 && told != static_cast<int>(MethodResult::RebootNeeded))
+        {
             returnValue = told.get<std::int32_t>();
             return;
         }
-        if (!method.isStatic && !HasIp(*adapter)) {
+        if (!method.isStatic && !HasIp(*adapter))
+        {
             returnValue = static_cast<std::int32_t>(MethodResult::IpNotEnabled);
             return;
         }
-        for (const Entry& entry : entries) {
-            if (EqualNoCase(entry.name, method.name)) {
+        for (const Entry& entry : entries)
+        {
+            if (EqualNoCase(entry.name, method.name))
+            {
                 returnValue = static_cast<std::int32_t>(entry.run({state, adapter, in, events}));
             }
         }
-        if (returnValue == 0 && told.is_number_integer()) {
+        if (returnValue == 0 && told.is_number_integer())
+        {
             returnValue = told.get<std::int32_t>();
         }
     };

@@ -6,17 +6,24 @@
 #include <map>
 #include <memory>
 
-namespace lab::wmi {
+namespace lab::wmi
+{
 
-enum class Namespace { Cimv2, Wmi };
+enum class Namespace
+{
+    Cimv2,
+    Wmi
+};
 
-struct MethodType {
+struct MethodType
+{
     std::wstring name;
     bool isStatic = false;
     std::vector<PropertyType> in; // none: the method has no input signature
 };
 
-struct ClassType {
+struct ClassType
+{
     std::wstring name;
     std::wstring superclass;
     std::vector<std::wstring> ancestors; // nearest first

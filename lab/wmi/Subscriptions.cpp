@@ -7,13 +7,16 @@
 #include <map>
 #include <thread>
 
-namespace lab::wmi {
+namespace lab::wmi
+{
 
-namespace {
+namespace
+{
 
 constexpr std::size_t maximumPerIndicate = 32;
 
-struct Subscription {
+struct Subscription
+{
     const void* owner;
     ClassPointer type;
     std::unique_ptr<Condition> where;
@@ -25,13 +28,19 @@ struct Subscription {
 Reference<ClassObject> MakeEvent(const ClassPointer& type, const Json& event)
 {
     std::vector<Value> values(type->properties.size());
-    for (std::size_t i = 0; i < values.size(); ++i) {
+    for (std::size_t i = 0; i < values.size(); ++i)
+    {
         const PropertyType& property = type->properties[i];
-        if (property.name == L"TIME_CREATED") {
+        if (property.name == L"TIME_CREATED")
+        {
             values[i] = FromJson(Member(event, "time"), property.type);
-        } else if (property.name == L"Active") {
+        }
+        else if (property.name == L"Active")
+        {
             values[i] = true;
-        } else {
+        }
+        else
+        {
             values[i] = FromJson(Member(event, Utf8(property.name).c_str()), property.type);
         }
     }
@@ -39,7 +48,8 @@ Reference<ClassObject> MakeEvent(const ClassPointer& type, const Json& event)
 }
 
 // The thread of one sink, and what the sink asked for.
-class SinkPump : public std::enable_shared_from_this<SinkPump> {
+class SinkPump : public std::enable_shared_from_this<SinkPump>
+{
 public:
     explicit SinkPump(IWbemObjectSink* sink)
         : m_sink(sink), m_cursor(Machine::Attach().Listen()), m_changed(CreateEventW(nullptr, FALSE, FALSE, nullptr))
@@ -61,8 +71,10 @@ public:
     {
         bool any = false;
         const std::scoped_lock lock{m_mutex};
-        for (const auto& subscription : m_subscriptions) {
-            if (subscription->owner == owner && !subscription->cancelled) {
+        for (const auto& subscription : m_subscriptions)
+        {
+            if (subscription->owner == owner && !subscription->cancelled)
+            {
                 subscription->cancelled = true;
                 any = true;
             }
@@ -101,13 +113,16 @@ Subscription* SinkPump::Match(const Json& event, const ClassObject& object, std:
 {
     const std::scoped_lock lock{m_mutex};
     const std::uint64_t number = event["seq"].get<std::uint64_t>();
-    for (; from < m_subscriptions.size(); ++from) {
+    for (; from < m_subscriptions.size(); ++from)
+    {
         Subscription& subscription = *m_subscriptions[from];
         if (subscription.cancelled || subscription.from >= number ||
-            !EqualNoCase(subscription.type->name, Wide(TextField(event, "type")))) {
+            !EqualNoCase(subscription.type->name, Wide(TextField(event, "type"))))
+        {
             continue;
         }
-        if (Meets(subscription.where.get(), [&](std::wstring_view property) { return object.Read(property); })) {
+        if (Meets(subscription.where.get(), [&](std::wstring_view property) { return object.Read(property); }))
+        {
             ++from;
             return &subscription;
         }
@@ -120,27 +135,34 @@ void SinkPump::Deliver(const Events& events)
     Batch batch;
     const Subscription* batchOwner = nullptr;
     ClassPointer batchType;
-    for (const Json& event : events) {
-        if (TextField(event, "channel") != "wmi") {
+    for (const Json& event : events)
+    {
+        if (TextField(event, "channel") != "wmi")
+        {
             continue;
         }
         const ClassPointer type = FindClass(Namespace::Wmi, Wide(TextField(event, "type")));
-        if (type == nullptr) {
+        if (type == nullptr)
+        {
             continue;
         }
         const Reference<ClassObject> object = MakeEvent(type, event);
         std::size_t from = 0;
-        while (Subscription* const subscription = Match(event, *object.get(), from)) {
+        while (Subscription* const subscription = Match(event, *object.get(), from))
+        {
             const auto delay = static_cast<DWORD>(NumberField(event, "delayMs", 0));
-            if (subscription != batchOwner || batch.size() >= maximumPerIndicate || delay != 0) {
+            if (subscription != batchOwner || batch.size() >= maximumPerIndicate || delay != 0)
+            {
                 Indicate(batchType, batch);
                 batchOwner = subscription;
                 batchType = type;
             }
-            if (delay != 0) {
+            if (delay != 0)
+            {
                 Sleep(delay);
             }
-            for (std::int64_t copies = NumberField(event, "copies", 1); copies > 0; --copies) {
+            for (std::int64_t copies = NumberField(event, "copies", 1); copies > 0; --copies)
+            {
                 batch.push_back(object);
             }
         }
@@ -150,21 +172,25 @@ void SinkPump::Deliver(const Events& events)
 
 void SinkPump::Indicate(const ClassPointer& type, Batch& batch)
 {
-    if (batch.empty()) {
+    if (batch.empty())
+    {
         return;
     }
     Call call{"IWbemObjectSink::Indicate"};
     call.Arg("class", type->name.c_str()).Arg("count", batch.size());
-    if (call.Journalled()) {
+    if (call.Journalled())
+    {
         call.Arg("InstanceName", ToJson(batch.front()->Read(L"InstanceName")));
     }
-    if (const auto code = call.Fault()) { // the events are lost on the way
+    if (const auto code = call.Fault())
+    { // the events are lost on the way
         batch.clear();
         call.Result(*code);
         return;
     }
     std::vector<IWbemClassObject*> objects;
-    for (const Reference<ClassObject>& object : batch) {
+    for (const Reference<ClassObject>& object : batch)
+    {
         objects.push_back(object.get());
     }
     call.Result(m_sink->Indicate(static_cast<long>(objects.size()), objects.data()));
@@ -177,13 +203,16 @@ void SinkPump::EndCancelled()
     {
         const std::scoped_lock lock{m_mutex};
         std::vector<std::unique_ptr<Subscription>> kept;
-        for (auto& subscription : m_subscriptions) {
+        for (auto& subscription : m_subscriptions)
+        {
             (subscription->cancelled ? ended : kept).push_back(std::move(subscription));
         }
         m_subscriptions = std::move(kept);
     }
-    for (const auto& subscription : ended) {
-        if (subscription->sendStatus) {
+    for (const auto& subscription : ended)
+    {
+        if (subscription->sendStatus)
+        {
             Call call{"IWbemObjectSink::SetStatus"};
             call.Arg("class", subscription->type->name.c_str()).Arg("status", Hex32(WBEM_E_CALL_CANCELLED));
             call.Result(m_sink->SetStatus(WBEM_STATUS_COMPLETE, Status(WBEM_E_CALL_CANCELLED), nullptr, nullptr));
@@ -194,18 +223,21 @@ void SinkPump::EndCancelled()
 void SinkPump::Run()
 {
     const bool initialised = SUCCEEDED(CoInitializeEx(nullptr, COINIT_MULTITHREADED));
-    for (;;) {
+    for (;;)
+    {
         const Events events = m_cursor.Next(INFINITE, m_changed.get());
         Deliver(events);
         EndCancelled();
         const std::scoped_lock lock{pumpsMutex};
-        if (IsIdle()) {
+        if (IsIdle())
+        {
             pumps.erase(m_sink.get());
             break;
         }
     }
     m_sink = {};
-    if (initialised) {
+    if (initialised)
+    {
         CoUninitialize();
     }
 }
@@ -217,12 +249,14 @@ void Subscribe(const void* owner, IWbemObjectSink* sink, ClassPointer type, Quer
     const std::scoped_lock lock{pumpsMutex};
     std::shared_ptr<SinkPump>& pump = pumps[sink];
     const bool isNew = pump == nullptr;
-    if (isNew) {
+    if (isNew)
+    {
         pump = std::make_shared<SinkPump>(sink);
     }
     pump->Add(std::make_unique<Subscription>(
         Subscription{owner, std::move(type), std::move(query.where), Machine::Attach().LastEvent(), sendStatus}));
-    if (isNew) {
+    if (isNew)
+    {
         pump->Start();
     }
 }

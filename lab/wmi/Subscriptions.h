@@ -8,7 +8,8 @@
 #include "lab/wmi/ClassObject.h"
 #include "lab/wmi/Wql.h"
 
-namespace lab::wmi {
+namespace lab::wmi
+{
 
 // From the return of this call on, every event that meets the query reaches the sink. `owner` is the connection that
 // the client used; only through it can the query be cancelled.

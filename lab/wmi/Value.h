@@ -10,7 +10,8 @@
 #include <variant>
 #include <vector>
 
-namespace lab::wmi {
+namespace lab::wmi
+{
 
 using Strings = std::vector<std::wstring>;
 using Numbers = std::vector<std::int32_t>;
@@ -22,7 +23,8 @@ using Value = std::variant<std::monostate, bool, std::int32_t, std::wstring, Str
     return static_cast<HRESULT>(status);
 }
 
-struct PropertyType {
+struct PropertyType
+{
     std::wstring name;
     CIMTYPE type = CIM_STRING;
     bool key = false;

@@ -1,6 +1,6 @@
 // The query language: SELECT list FROM class [WITHIN seconds] [WHERE condition]. Key words and names in any letter
-// case. Conditions know =, <>, !=, <, <=, >, >=, LIKE, IS [NOT] NULL, NOT, AND, OR and parentheses; a value is a text in
-// single or double quotes, a number, TRUE, FALSE or NULL. Texts compare without regard to letter case.
+// case. Conditions know =, <>, !=, <, <=, >, >=, LIKE, IS [NOT] NULL, NOT, AND, OR and parentheses; a value is a text
+// in single or double quotes, a number, TRUE, FALSE or NULL. Texts compare without regard to letter case.
 #pragma once
 
 #include "lab/wmi/Value.h"
@@ -9,11 +9,28 @@
 #include <memory>
 #include <optional>
 
-namespace lab::wmi {
+namespace lab::wmi
+{
 
-struct Condition {
-    enum class Kind { Compare, And, Or, Not };
-    enum class Operator { Equal, NotEqual, Less, LessOrEqual, Greater, GreaterOrEqual, Like };
+struct Condition
+{
+    enum class Kind
+    {
+        Compare,
+        And,
+        Or,
+        Not
+    };
+    enum class Operator
+    {
+        Equal,
+        NotEqual,
+        Less,
+        LessOrEqual,
+        Greater,
+        GreaterOrEqual,
+        Like
+    };
 
     Kind kind = Kind::Compare;
     std::wstring property; // of a comparison
@@ -23,7 +40,8 @@ struct Condition {
     std::unique_ptr<Condition> right;
 };
 
-struct Query {
+struct Query
+{
     std::vector<std::wstring> properties; // empty: all
     std::wstring className;
     std::optional<double> within;

@@ -4,7 +4,8 @@
 
 #include <windows.h>
 
-namespace lab::test {
+namespace lab::test
+{
 
 Json SmallMachine()
 {
@@ -36,7 +37,8 @@ Json SmallMachine()
 Machine& LabTest::TheMachine()
 {
     // Before the first use: the folder of this process alone, so that tests run side by side.
-    static const bool chosen = [] {
+    static const bool chosen = []
+    {
         wchar_t temp[MAX_PATH];
         GetTempPathW(MAX_PATH, temp);
         const std::wstring folder = temp + (L"halcyd-lab-test-" + std::to_wstring(GetCurrentProcessId()));

@@ -5,12 +5,14 @@
 
 #include <gtest/gtest.h>
 
-namespace lab::test {
+namespace lab::test
+{
 
 // Three adapters: "eth0" (wired, DHCP, connected), "wlan0" (Wi-Fi, static, connected), "wan0" (no MAC address).
 [[nodiscard]] Json SmallMachine();
 
-class LabTest : public testing::Test {
+class LabTest : public testing::Test
+{
 protected:
     void SetUp() override;
 

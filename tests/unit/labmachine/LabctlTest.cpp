@@ -11,11 +11,14 @@
 #include <iostream>
 #include <sstream>
 
-namespace lab::test {
-namespace {
+namespace lab::test
+{
+namespace
+{
 
 // What the verb printed, and its exit code.
-struct Outcome {
+struct Outcome
+{
     int code;
     std::string out;
     std::string error;
@@ -33,13 +36,15 @@ Outcome Labctl(const std::vector<std::string>& words)
     return {code, out.str(), error.str()};
 }
 
-class LabctlVerbs : public LabTest {
+class LabctlVerbs : public LabTest
+{
 protected:
     static Json Adapter(const char* name) { return *FindAdapter(*TheMachine().Snapshot(), name); }
     static std::vector<std::string> Types(EventCursor& cursor)
     {
         std::vector<std::string> types;
-        for (const Json& event : cursor.Next(0)) {
+        for (const Json& event : cursor.Next(0))
+        {
             types.push_back(TextField(event, "channel") + ":" + TextField(event, "type"));
         }
         return types;
@@ -99,10 +104,11 @@ TEST_F(LabctlVerbs, FailTakesNamesAndNumbersAndListShowsHits)
     EXPECT_EQ(Labctl({"fail", "QueryOid:OID_GEN_LINK_SPEED@eth0", "--code", "0xC0000001"}).code, 0);
     EXPECT_EQ(Labctl({"slow", "IEnumWbemClassObject::Next", "--ms", "7"}).code, 0);
     (void)TheMachine().Fault("IWbemServices::ExecQuery");
-    EXPECT_EQ(Labctl({"fail", "list"}).out,
-              "IWbemServices::ExecQuery: call 2 fails with 0x80041003; 1 calls so far\n"
-              "IEnumWbemClassObject::Next: call 1 and all after it succeeds after 7 ms; 0 calls so far\n"
-              "QueryOid:0x00010107@{11111111-0000-4000-8000-000000000001}: call 1 fails with 0xC0000001; 0 calls so far\n");
+    EXPECT_EQ(
+        Labctl({"fail", "list"}).out,
+        "IWbemServices::ExecQuery: call 2 fails with 0x80041003; 1 calls so far\n"
+        "IEnumWbemClassObject::Next: call 1 and all after it succeeds after 7 ms; 0 calls so far\n"
+        "QueryOid:0x00010107@{11111111-0000-4000-8000-000000000001}: call 1 fails with 0xC0000001; 0 calls so far\n");
     EXPECT_EQ(Labctl({"fail", "clear"}).code, 0);
     EXPECT_TRUE(TheMachine().Faults().empty());
     EXPECT_EQ(Labctl({"fail", "X", "--code", "E_NONSENSE"}).code, 1);
@@ -125,7 +131,9 @@ TEST_F(LabctlVerbs, JournalShowsCountsAndClears)
 TEST_F(LabctlVerbs, EventCarriesWhatIsAsked)
 {
     EventCursor cursor = TheMachine().Listen();
-    EXPECT_EQ(Labctl({"event", "MSNdis_StatusMediaConnect", "eth0", "--suffix", " - Packet Scheduler", "--copies", "2"}).code, 0);
+    EXPECT_EQ(
+        Labctl({"event", "MSNdis_StatusMediaConnect", "eth0", "--suffix", " - Packet Scheduler", "--copies", "2"}).code,
+        0);
     EXPECT_EQ(Labctl({"event", "MSNdis_NotifyAdapterArrival"}).code, 0);
     const Events events = cursor.Next(0);
     ASSERT_EQ(events.size(), 2U);
@@ -175,7 +183,8 @@ TEST(Scenarios, MissingFieldsAreFilledInAndClashesAreRefused)
     EXPECT_NE(ctl::GuidFor("a"), ctl::GuidFor("b"));
     for (const char* bad : {R"({ "adapters": [ { "name": "a" }, { "name": "A" } ] })", R"({ "adapters": [ {} ] })",
                             R"({ "adapters": [ { "name": "a", "guid": "x" } ] })", R"({ "adapters": {} })",
-                            R"({ "adapters": [ { "name": "a", "index": 1 }, { "name": "b", "index": 1 } ] })"}) {
+                            R"({ "adapters": [ { "name": "a", "index": 1 }, { "name": "b", "index": 1 } ] })"})
+    {
         Json broken = Json::parse(bad);
         EXPECT_THROW(ctl::Complete(broken), std::runtime_error) << bad;
     }
@@ -185,7 +194,8 @@ TEST(Scenarios, EveryScenarioOfTheTreeIsCompleteAndPublishable)
 {
     const std::filesystem::path folder = Wide(SCENARIO_FOLDER);
     std::size_t count = 0;
-    for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+    for (const auto& entry : std::filesystem::directory_iterator(folder))
+    {
         ++count;
         SCOPED_TRACE(Utf8(entry.path().wstring()));
         EXPECT_NO_THROW({
@@ -196,14 +206,16 @@ TEST(Scenarios, EveryScenarioOfTheTreeIsCompleteAndPublishable)
     EXPECT_GE(count, 5U);
 }
 
-class Syncing : public LabTest {
+class Syncing : public LabTest
+{
 protected:
     static std::vector<std::string> Sync(Json& state, const Json& fresh)
     {
         Events events;
         ctl::SyncTo(state, fresh, events);
         std::vector<std::string> types;
-        for (const Json& event : events) {
+        for (const Json& event : events)
+        {
             types.push_back(TextField(event, "type"));
         }
         return types;

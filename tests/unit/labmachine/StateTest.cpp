@@ -9,10 +9,14 @@
 #include <atomic>
 #include <thread>
 
-namespace lab::test {
-namespace {
+namespace lab::test
+{
+namespace
+{
 
-class MachineState : public LabTest {};
+class MachineState : public LabTest
+{
+};
 
 // Two Machine objects on one folder share nothing but the files and named objects, as two processes do.
 std::unique_ptr<Machine> OtherProcess()
@@ -42,11 +46,13 @@ TEST_F(MachineState, ChangeThatThrowsLeavesStateVersionAndEvents)
 {
     const std::uint64_t version = TheMachine().Version();
     const std::uint64_t events = TheMachine().LastEvent();
-    EXPECT_THROW(TheMachine().Update([](Json& state, Events& raised) {
-        state["hostName"] = "LOST";
-        raised.push_back({{"channel", "wmi"}, {"type", "X"}});
-        throw std::runtime_error("no");
-    }),
+    EXPECT_THROW(TheMachine().Update(
+                     [](Json& state, Events& raised)
+                     {
+                         state["hostName"] = "LOST";
+                         raised.push_back({{"channel", "wmi"}, {"type", "X"}});
+                         throw std::runtime_error("no");
+                     }),
                  std::runtime_error);
     EXPECT_EQ(TheMachine().Version(), version);
     EXPECT_EQ(TheMachine().LastEvent(), events);
@@ -57,15 +63,20 @@ TEST_F(MachineState, ChangesFromManyThreadsAreAllKept)
 {
     Set("/count", 0);
     std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([] {
-            const auto own = OtherProcess();
-            for (int j = 0; j < 25; ++j) {
-                own->Update([](Json& state, Events&) { state["count"] = state["count"].get<int>() + 1; });
-            }
-        });
+    for (int i = 0; i < 4; ++i)
+    {
+        threads.emplace_back(
+            []
+            {
+                const auto own = OtherProcess();
+                for (int j = 0; j < 25; ++j)
+                {
+                    own->Update([](Json& state, Events&) { state["count"] = state["count"].get<int>() + 1; });
+                }
+            });
     }
-    for (std::thread& thread : threads) {
+    for (std::thread& thread : threads)
+    {
         thread.join();
     }
     EXPECT_EQ((*TheMachine().Snapshot())["count"], 100);
@@ -77,7 +88,8 @@ TEST_F(MachineState, HolderOfTheLockThatDiesLeavesTheMachineUsable)
     const auto doomed = OtherProcess();
     const Handle thread{CreateThread(
         nullptr, 0,
-        [](void* machine) -> DWORD {
+        [](void* machine) -> DWORD
+        {
             static_cast<Machine*>(machine)->Update([](Json&, Events&) { ExitThread(7); });
             return 0;
         },
@@ -95,13 +107,17 @@ TEST_F(MachineState, EventsReachEachListenerInOrderAndOnce)
     EventCursor first = TheMachine().Listen();
     const auto other = OtherProcess();
     EventCursor second = other->Listen();
-    for (int i = 0; i < 5; ++i) {
-        TheMachine().Raise({{{"channel", "test"}, {"type", "a"}, {"number", 2 * i}}, {{"channel", "test"}, {"type", "b"}, {"number", 2 * i + 1}}});
+    for (int i = 0; i < 5; ++i)
+    {
+        TheMachine().Raise({{{"channel", "test"}, {"type", "a"}, {"number", 2 * i}},
+                            {{"channel", "test"}, {"type", "b"}, {"number", 2 * i + 1}}});
     }
-    for (EventCursor* cursor : {&first, &second}) {
+    for (EventCursor* cursor : {&first, &second})
+    {
         const Events events = cursor->Next(0);
         ASSERT_EQ(events.size(), 10U);
-        for (std::size_t i = 0; i < events.size(); ++i) {
+        for (std::size_t i = 0; i < events.size(); ++i)
+        {
             EXPECT_EQ(events[i]["number"], i);
             EXPECT_EQ(events[i]["seq"].get<std::uint64_t>(), events[0]["seq"].get<std::uint64_t>() + i);
         }
@@ -138,7 +154,9 @@ TEST_F(MachineState, WaitForChangeEndsWithANewVersion)
     changer.join();
 }
 
-class FaultRules : public LabTest {};
+class FaultRules : public LabTest
+{
+};
 
 TEST_F(FaultRules, NthCallFailsAndOnlyThat)
 {
@@ -157,7 +175,8 @@ TEST_F(FaultRules, TimesCountsTheFailuresAndZeroNeverEnds)
     EXPECT_TRUE(TheMachine().Fault("two"));
     EXPECT_FALSE(TheMachine().Fault("two"));
     EXPECT_FALSE(TheMachine().Fault("ever"));
-    for (int i = 0; i < 10; ++i) {
+    for (int i = 0; i < 10; ++i)
+    {
         EXPECT_EQ(TheMachine().Fault("ever"), 6U);
     }
 }
@@ -203,7 +222,9 @@ TEST_F(FaultRules, DriverRuleGoesIntoTheDriversTable)
     EXPECT_THROW(TheMachine().AddFault({"QueryOid:nonsense", 1, 1, 1U, 0, 0}), std::runtime_error);
 }
 
-class JournalOfCalls : public LabTest {};
+class JournalOfCalls : public LabTest
+{
+};
 
 TEST_F(JournalOfCalls, LineHoldsCallArgumentsOutcomeAndWho)
 {
@@ -224,15 +245,22 @@ TEST_F(JournalOfCalls, LineHoldsCallArgumentsOutcomeAndWho)
 TEST_F(JournalOfCalls, NoLineIsLostWhenManyThreadsWrite)
 {
     std::vector<std::thread> threads;
-    for (int i = 0; i < 8; ++i) {
-        threads.emplace_back([i] {
-            const auto own = OtherProcess();
-            for (int j = 0; j < 200; ++j) {
-                own->Journal("Many", Json{{"thread", i}, {"number", j}, {"pad", std::string(static_cast<std::size_t>(j), 'x')}}, 0);
-            }
-        });
+    for (int i = 0; i < 8; ++i)
+    {
+        threads.emplace_back(
+            [i]
+            {
+                const auto own = OtherProcess();
+                for (int j = 0; j < 200; ++j)
+                {
+                    own->Journal(
+                        "Many",
+                        Json{{"thread", i}, {"number", j}, {"pad", std::string(static_cast<std::size_t>(j), 'x')}}, 0);
+                }
+            });
     }
-    for (std::thread& thread : threads) {
+    for (std::thread& thread : threads)
+    {
         thread.join();
     }
     EXPECT_EQ(Calls("Many").size(), 1600U);
@@ -260,7 +288,8 @@ TEST_F(JournalOfCalls, ReaderGoesOnWhereItStopped)
 }
 
 // The driver's view: the file that it maps.
-class DriverTableFile : public LabTest {
+class DriverTableFile : public LabTest
+{
 protected:
     void SetUp() override
     {
@@ -269,8 +298,10 @@ protected:
     }
     const LabAdapter* Find(const wchar_t* guid) const
     {
-        for (const LabAdapter& adapter : Table().adapters) {
-            if (std::wstring{reinterpret_cast<const wchar_t*>(adapter.name)} == guid) {
+        for (const LabAdapter& adapter : Table().adapters)
+        {
+            if (std::wstring{reinterpret_cast<const wchar_t*>(adapter.name)} == guid)
+            {
                 return &adapter;
             }
         }
@@ -278,8 +309,10 @@ protected:
     }
     static const LabOid* Oid(const LabAdapter& adapter, std::uint32_t oid)
     {
-        for (std::uint32_t i = 0; i < adapter.oidCount; ++i) {
-            if (adapter.oids[i].oid == oid) {
+        for (std::uint32_t i = 0; i < adapter.oidCount; ++i)
+        {
+            if (adapter.oids[i].oid == oid)
+            {
                 return &adapter.oids[i];
             }
         }
@@ -336,7 +369,8 @@ TEST_F(DriverTableFile, AdapterKeepsItsSlotWhenAnotherGoes)
 TEST_F(DriverTableFile, TooManyIdentifiersAreAnErrorThatLeavesTheTableReadable)
 {
     Json oids = Json::object();
-    for (int i = 0; i < 30; ++i) {
+    for (int i = 0; i < 30; ++i)
+    {
         oids[Hex32(0x20000000U + static_cast<std::uint32_t>(i))] = {{"u32", i}};
     }
     EXPECT_THROW(Set("/adapters/0/driver/oids", oids), std::runtime_error);
@@ -345,29 +379,32 @@ TEST_F(DriverTableFile, TooManyIdentifiersAreAnErrorThatLeavesTheTableReadable)
 
 using TypeList = std::vector<std::string>;
 
-class NetworkChanges : public LabTest {
+class NetworkChanges : public LabTest
+{
 protected:
-    template <class Change> static Events Apply(const char* adapter, Change change)
+    template <class Change>
+    static Events Apply(const char* adapter, Change change)
     {
         Events raised;
-        TheMachine().Update([&](Json& state, Events& events) {
-            change(RequireAdapter(state, adapter), events);
-            raised = events;
-        });
+        TheMachine().Update(
+            [&](Json& state, Events& events)
+            {
+                change(RequireAdapter(state, adapter), events);
+                raised = events;
+            });
         return raised;
     }
     static std::vector<std::string> Types(const Events& events)
     {
         std::vector<std::string> types;
-        for (const Json& event : events) {
+        for (const Json& event : events)
+        {
             types.push_back(TextField(event, "type"));
         }
         return types;
     }
     static Json Adapter(const char* name) { return *FindAdapter(*TheMachine().Snapshot(), name); }
 };
-
-
 
 TEST_F(NetworkChanges, CableOutTakesTheLeaseAndCableInBringsItBack)
 {

@@ -7,15 +7,19 @@
 #include <condition_variable>
 #include <mutex>
 
-namespace lab::test {
-namespace {
+namespace lab::test
+{
+namespace
+{
 
 // A client's sink that keeps what it hears.
-class Recorder final : public IWbemObjectSink {
+class Recorder final : public IWbemObjectSink
+{
 public:
     STDMETHODIMP QueryInterface(REFIID id, void** object) override
     {
-        if (!IsEqualIID(id, __uuidof(IUnknown)) && !IsEqualIID(id, __uuidof(IWbemObjectSink))) {
+        if (!IsEqualIID(id, __uuidof(IUnknown)) && !IsEqualIID(id, __uuidof(IWbemObjectSink)))
+        {
             *object = nullptr;
             return E_NOINTERFACE;
         }
@@ -27,11 +31,13 @@ public:
     STDMETHODIMP_(ULONG) Release() override { return Count(-1); }
     STDMETHODIMP Indicate(long count, IWbemClassObject** objects) override
     {
-        if (blocker != nullptr) {
+        if (blocker != nullptr)
+        {
             WaitForSingleObject(blocker, INFINITE);
         }
         const std::scoped_lock lock{m_mutex};
-        for (long i = 0; i < count; ++i) {
+        for (long i = 0; i < count; ++i)
+        {
             m_objects.emplace_back(objects[i]);
         }
         m_threads.push_back(GetCurrentThreadId());
@@ -95,9 +101,11 @@ private:
     std::vector<std::pair<long, HRESULT>> m_status;
 };
 
-class WmiEvents : public WmiTest {
+class WmiEvents : public WmiTest
+{
 protected:
-    static HRESULT Subscribe(IWbemServices* services, const wchar_t* query, Recorder& sink, long flags = WBEM_FLAG_SEND_STATUS)
+    static HRESULT Subscribe(IWbemServices* services, const wchar_t* query, Recorder& sink,
+                             long flags = WBEM_FLAG_SEND_STATUS)
     {
         return services->ExecNotificationQueryAsync(_bstr_t{L"WQL"}, _bstr_t{query}, flags, nullptr, &sink);
     }
@@ -153,16 +161,20 @@ TEST_F(WmiEvents, EventsOfSeveralQueriesReachOneSinkInOrderOnOneForeignThread)
     ASSERT_EQ(Subscribe(services, connects, sink), S_OK);
     ASSERT_EQ(Subscribe(services, disconnects, sink), S_OK);
     constexpr std::size_t rounds = 50;
-    for (std::size_t i = 0; i < rounds; ++i) {
+    for (std::size_t i = 0; i < rounds; ++i)
+    {
         Pull("eth0");
         Plug("eth0");
     }
     const auto objects = sink.WaitForObjects(2 * rounds);
     ASSERT_EQ(objects.size(), 2 * rounds);
-    for (std::size_t i = 0; i < objects.size(); ++i) {
-        EXPECT_EQ(_bstr_t{Get(objects[i], L"__CLASS")}, _bstr_t{i % 2 == 0 ? L"MSNdis_StatusMediaDisconnect" : L"MSNdis_StatusMediaConnect"});
+    for (std::size_t i = 0; i < objects.size(); ++i)
+    {
+        EXPECT_EQ(_bstr_t{Get(objects[i], L"__CLASS")},
+                  _bstr_t{i % 2 == 0 ? L"MSNdis_StatusMediaDisconnect" : L"MSNdis_StatusMediaConnect"});
     }
-    for (const DWORD thread : sink.Threads()) {
+    for (const DWORD thread : sink.Threads())
+    {
         EXPECT_EQ(thread, sink.Threads().front());
         EXPECT_NE(thread, GetCurrentThreadId());
     }
@@ -181,7 +193,8 @@ TEST_F(WmiEvents, CancelEndsAllQueriesOfTheSinkWithOneStatusEach)
     sink.WaitUntilReleased();
     const auto status = sink.WaitForStatus(2);
     ASSERT_EQ(status.size(), 2U);
-    for (const auto& [flags, result] : status) {
+    for (const auto& [flags, result] : status)
+    {
         EXPECT_EQ(flags, WBEM_STATUS_COMPLETE);
         EXPECT_EQ(result, static_cast<HRESULT>(WBEM_E_CALL_CANCELLED));
     }
@@ -227,13 +240,19 @@ TEST_F(WmiEvents, ConditionAndDuplicatesAreHonoured)
 {
     Recorder sink;
     const IWbemServicesPtr services = Connect(L"root\\wmi");
-    ASSERT_EQ(Subscribe(services, L"select * from MSNdis_StatusMediaDisconnect where InstanceName = 'Larkspur Wireless'", sink), S_OK);
+    ASSERT_EQ(Subscribe(services,
+                        L"select * from MSNdis_StatusMediaDisconnect where InstanceName = 'Larkspur Wireless'", sink),
+              S_OK);
     Pull("eth0");
-    Json event{{"channel", "wmi"}, {"type", "MSNdis_StatusMediaDisconnect"}, {"InstanceName", "Larkspur Wireless"}, {"copies", 3}};
+    Json event{{"channel", "wmi"},
+               {"type", "MSNdis_StatusMediaDisconnect"},
+               {"InstanceName", "Larkspur Wireless"},
+               {"copies", 3}};
     TheMachine().Raise({event});
     const auto objects = sink.WaitForObjects(3);
     EXPECT_EQ(objects.size(), 3U);
-    for (const auto& object : objects) {
+    for (const auto& object : objects)
+    {
         EXPECT_EQ(_bstr_t{Get(object, L"InstanceName")}, _bstr_t{L"Larkspur Wireless"});
     }
     services->CancelAsyncCall(&sink);
@@ -246,7 +265,8 @@ TEST_F(WmiEvents, QueriesAreCheckedWhenTheyAreMade)
     const IWbemServicesPtr services = Connect(L"root\\wmi");
     EXPECT_EQ(Subscribe(services, L"select * from MSNdis_Nothing", sink), static_cast<HRESULT>(WBEM_E_INVALID_CLASS));
     EXPECT_EQ(Subscribe(services, L"select from", sink), static_cast<HRESULT>(WBEM_E_INVALID_QUERY));
-    EXPECT_EQ(Subscribe(services, connects, sink, WBEM_FLAG_FORWARD_ONLY), static_cast<HRESULT>(WBEM_E_INVALID_PARAMETER));
+    EXPECT_EQ(Subscribe(services, connects, sink, WBEM_FLAG_FORWARD_ONLY),
+              static_cast<HRESULT>(WBEM_E_INVALID_PARAMETER));
     EXPECT_EQ(Subscribe(Connect(), connects, sink), static_cast<HRESULT>(WBEM_E_INVALID_CLASS));
     EXPECT_EQ(services->ExecNotificationQueryAsync(_bstr_t{L"WQL"}, _bstr_t{connects}, 0, nullptr, nullptr),
               static_cast<HRESULT>(WBEM_E_INVALID_PARAMETER));

@@ -13,11 +13,13 @@ _COM_SMARTPTR_TYPEDEF(IWbemServices, __uuidof(IWbemServices));
 _COM_SMARTPTR_TYPEDEF(IEnumWbemClassObject, __uuidof(IEnumWbemClassObject));
 _COM_SMARTPTR_TYPEDEF(IWbemClassObject, __uuidof(IWbemClassObject));
 
-namespace lab::test {
+namespace lab::test
+{
 
 constexpr char firstSettingId[] = "{11111111-0000-4000-8000-000000000001}";
 
-class WmiTest : public LabTest {
+class WmiTest : public LabTest
+{
 protected:
     static IWbemLocatorPtr Locator()
     {
@@ -29,7 +31,8 @@ protected:
     static IWbemServicesPtr Connect(const wchar_t* space = L"root\\cimv2")
     {
         IWbemServicesPtr services;
-        EXPECT_EQ(Locator()->ConnectServer(_bstr_t{space}, nullptr, nullptr, nullptr, 0, nullptr, nullptr, &services), S_OK);
+        EXPECT_EQ(Locator()->ConnectServer(_bstr_t{space}, nullptr, nullptr, nullptr, 0, nullptr, nullptr, &services),
+                  S_OK);
         return services;
     }
     static HRESULT Query(const wchar_t* text, IEnumWbemClassObjectPtr& objects, long flags = 0)
@@ -44,7 +47,8 @@ protected:
         std::vector<IWbemClassObjectPtr> result;
         IWbemClassObjectPtr object;
         ULONG count = 0;
-        while (objects != nullptr && objects->Next(static_cast<long>(WBEM_INFINITE), 1, &object, &count) == S_OK) {
+        while (objects != nullptr && objects->Next(static_cast<long>(WBEM_INFINITE), 1, &object, &count) == S_OK)
+        {
             result.push_back(object);
             object = nullptr;
         }
@@ -59,7 +63,8 @@ protected:
     }
     static IWbemClassObjectPtr Configuration(const wchar_t* condition = L"Index=7")
     {
-        const auto objects = All((std::wstring{L"SELECT * FROM Win32_NetworkAdapterConfiguration WHERE "} + condition).c_str());
+        const auto objects =
+            All((std::wstring{L"SELECT * FROM Win32_NetworkAdapterConfiguration WHERE "} + condition).c_str());
         EXPECT_EQ(objects.size(), 1U) << condition;
         return objects.empty() ? IWbemClassObjectPtr{} : objects.front();
     }
@@ -67,7 +72,8 @@ protected:
     {
         std::vector<std::wstring> texts;
         EXPECT_EQ(value.vt, VT_ARRAY | VT_BSTR);
-        if (value.vt == (VT_ARRAY | VT_BSTR)) {
+        if (value.vt == (VT_ARRAY | VT_BSTR))
+        {
             BSTR* data = nullptr;
             SafeArrayAccessData(value.parray, reinterpret_cast<void**>(&data));
             texts.assign(data, data + value.parray->rgsabound[0].cElements);
@@ -81,7 +87,8 @@ protected:
         value.vt = VT_ARRAY | VT_BSTR;
         value.parray = SafeArrayCreateVector(VT_BSTR, 0, static_cast<ULONG>(texts.size()));
         LONG index = 0;
-        for (const std::wstring& text : texts) {
+        for (const std::wstring& text : texts)
+        {
             SafeArrayPutElement(value.parray, &index, _bstr_t{text.c_str()}.GetBSTR());
             ++index;
         }

@@ -3,10 +3,13 @@
 #include "lab/state/Model.h"
 #include "lab/state/Text.h"
 
-namespace lab::test {
-namespace {
+namespace lab::test
+{
+namespace
+{
 
-class WmiMethods : public WmiTest {
+class WmiMethods : public WmiTest
+{
 protected:
     static constexpr wchar_t className[] = L"Win32_NetWorkAdapterConfiguration";
     static constexpr wchar_t path[] = L"Win32_NetWorkAdapterConfiguration.Index='7'";
@@ -23,7 +26,8 @@ protected:
         IWbemClassObjectPtr signature;
         EXPECT_EQ(Class()->GetMethod(method, 0, &signature, nullptr), S_OK);
         IWbemClassObjectPtr input;
-        if (signature != nullptr) {
+        if (signature != nullptr)
+        {
             EXPECT_EQ(signature->SpawnInstance(0, &input), S_OK);
         }
         return input;
@@ -35,7 +39,8 @@ protected:
     static long Run(const wchar_t* target, const wchar_t* method, IWbemClassObject* input, HRESULT expected = S_OK)
     {
         IWbemClassObjectPtr output;
-        EXPECT_EQ(Connect()->ExecMethod(_bstr_t{target}, _bstr_t{method}, 0, nullptr, input, &output, nullptr), expected);
+        EXPECT_EQ(Connect()->ExecMethod(_bstr_t{target}, _bstr_t{method}, 0, nullptr, input, &output, nullptr),
+                  expected);
         return output == nullptr ? -1 : Get(output, L"ReturnValue").lVal;
     }
     static Json Adapter() { return *FindAdapter(*TheMachine().Snapshot(), "eth0"); }
@@ -43,8 +48,11 @@ protected:
     {
         wchar_t text[256] = {};
         DWORD size = sizeof text;
-        const std::wstring key = L"SYSTEM\\CurrentControlSet\\Services\\Tcpip\\Parameters\\Interfaces\\" + Wide(firstSettingId);
-        return RegGetValueW(HKEY_LOCAL_MACHINE, key.c_str(), name, RRF_RT_REG_SZ, nullptr, text, &size) == ERROR_SUCCESS ? Utf8(text) : "<none>";
+        const std::wstring key =
+            L"SYSTEM\\CurrentControlSet\\Services\\Tcpip\\Parameters\\Interfaces\\" + Wide(firstSettingId);
+        return RegGetValueW(HKEY_LOCAL_MACHINE, key.c_str(), name, RRF_RT_REG_SZ, nullptr, text, &size) == ERROR_SUCCESS
+                   ? Utf8(text)
+                   : "<none>";
     }
 };
 
@@ -62,7 +70,8 @@ TEST_F(WmiMethods, SignaturesHaveTheDocumentedParameters)
     EXPECT_EQ(Class()->GetMethod(L"EnableDHCP", 0, &in, nullptr), S_OK);
     EXPECT_EQ(in, nullptr);
     EXPECT_EQ(Class()->GetMethod(L"NoSuchMethod", 0, &in, nullptr), static_cast<HRESULT>(WBEM_E_NOT_FOUND));
-    EXPECT_EQ(Configuration()->GetMethod(L"EnableDHCP", 0, &in, nullptr), static_cast<HRESULT>(WBEM_E_ILLEGAL_OPERATION));
+    EXPECT_EQ(Configuration()->GetMethod(L"EnableDHCP", 0, &in, nullptr),
+              static_cast<HRESULT>(WBEM_E_ILLEGAL_OPERATION));
 }
 
 TEST_F(WmiMethods, DnsServersGoIntoObjectStateAndRegistry)
@@ -70,12 +79,14 @@ TEST_F(WmiMethods, DnsServersGoIntoObjectStateAndRegistry)
     const auto input = Input(L"SetDNSServerSearchOrder");
     Put(input, L"DNSServerSearchOrder", TextArray({L"192.0.2.100", L"192.0.2.101"}));
     EXPECT_EQ(Run(path, L"SetDNSServerSearchOrder", input), 0);
-    EXPECT_EQ(Texts(Get(Configuration(), L"DNSServerSearchOrder")), (std::vector<std::wstring>{L"192.0.2.100", L"192.0.2.101"}));
+    EXPECT_EQ(Texts(Get(Configuration(), L"DNSServerSearchOrder")),
+              (std::vector<std::wstring>{L"192.0.2.100", L"192.0.2.101"}));
     EXPECT_EQ(Registry(L"NameServer"), "192.0.2.100,192.0.2.101");
     Put(input, L"DNSServerSearchOrder", TextArray({}));
     EXPECT_EQ(Run(path, L"SetDNSServerSearchOrder", input), 0);
     EXPECT_EQ(Registry(L"NameServer"), "");
-    EXPECT_EQ(Texts(Get(Configuration(), L"DNSServerSearchOrder")), (std::vector<std::wstring>{L"192.0.2.53"})); // DHCP's again
+    EXPECT_EQ(Texts(Get(Configuration(), L"DNSServerSearchOrder")),
+              (std::vector<std::wstring>{L"192.0.2.53"})); // DHCP's again
 }
 
 TEST_F(WmiMethods, BadDnsServerIsRefusedAndChangesNothing)
@@ -101,8 +112,10 @@ TEST_F(WmiMethods, SuffixesAreTheMachinesAndTheMethodIsStatic)
     const auto input = Input(L"SetDNSSuffixSearchOrder");
     Put(input, L"DNSDomainSuffixSearchOrder", TextArray({L"a.example", L"b.example"}));
     EXPECT_EQ(Run(className, L"SetDNSSuffixSearchOrder", input), 0);
-    for (const wchar_t* which : {L"Index=7", L"Index=9"}) {
-        EXPECT_EQ(Texts(Get(Configuration(which), L"DNSDomainSuffixSearchOrder")), (std::vector<std::wstring>{L"a.example", L"b.example"}));
+    for (const wchar_t* which : {L"Index=7", L"Index=9"})
+    {
+        EXPECT_EQ(Texts(Get(Configuration(which), L"DNSDomainSuffixSearchOrder")),
+                  (std::vector<std::wstring>{L"a.example", L"b.example"}));
     }
 }
 
@@ -111,7 +124,8 @@ TEST_F(WmiMethods, InstanceMethodOnTheClassIsRefused)
     Run(className, L"EnableDHCP", nullptr, static_cast<HRESULT>(WBEM_E_INVALID_METHOD_PARAMETERS));
     Run(path, L"NoSuchMethod", nullptr, static_cast<HRESULT>(WBEM_E_INVALID_METHOD));
     Run(path, L"SetDNSDomain", nullptr, static_cast<HRESULT>(WBEM_E_INVALID_METHOD_PARAMETERS));
-    Run(L"Win32_NetWorkAdapterConfiguration.Index='99'", L"EnableDHCP", nullptr, static_cast<HRESULT>(WBEM_E_NOT_FOUND));
+    Run(L"Win32_NetWorkAdapterConfiguration.Index='99'", L"EnableDHCP", nullptr,
+        static_cast<HRESULT>(WBEM_E_NOT_FOUND));
 }
 
 TEST_F(WmiMethods, DomainOfAnAdapterWithoutIpGives84)
@@ -166,7 +180,10 @@ TEST_F(WmiMethods, ReturnValueCanBeSet)
 TEST_F(WmiMethods, TwoAdaptersMayReportOneSettingId)
 {
     Set("/adapters/1/wmi", {{"SettingID", firstSettingId}});
-    EXPECT_EQ(All(L"SELECT * FROM Win32_NetworkAdapterConfiguration WHERE SettingID='{11111111-0000-4000-8000-000000000001}'").size(), 2U);
+    EXPECT_EQ(
+        All(L"SELECT * FROM Win32_NetworkAdapterConfiguration WHERE SettingID='{11111111-0000-4000-8000-000000000001}'")
+            .size(),
+        2U);
 }
 
 } // namespace

@@ -2,24 +2,30 @@
 
 #include <set>
 
-namespace lab::test {
-namespace {
+namespace lab::test
+{
+namespace
+{
 
-class WmiConnection : public WmiTest {};
+class WmiConnection : public WmiTest
+{
+};
 
 TEST_F(WmiConnection, KnowsTwoNamespacesInAnySpelling)
 {
-    for (const wchar_t* name : {L"root\\cimv2", L"ROOT\\CIMV2", L"root/wmi", L"\\\\.\\root\\wmi"}) {
+    for (const wchar_t* name : {L"root\\cimv2", L"ROOT\\CIMV2", L"root/wmi", L"\\\\.\\root\\wmi"})
+    {
         EXPECT_NE(Connect(name), nullptr) << name;
     }
 }
 
 TEST_F(WmiConnection, RefusesOtherNamespacesMachinesAndCredentials)
 {
-    const auto connect = [](const wchar_t* name, const wchar_t* user) {
+    const auto connect = [](const wchar_t* name, const wchar_t* user)
+    {
         IWbemServicesPtr services;
-        return Locator()->ConnectServer(_bstr_t{name}, user == nullptr ? nullptr : _bstr_t{user}.copy(), nullptr, nullptr, 0, nullptr,
-                                        nullptr, &services);
+        return Locator()->ConnectServer(_bstr_t{name}, user == nullptr ? nullptr : _bstr_t{user}.copy(), nullptr,
+                                        nullptr, 0, nullptr, nullptr, &services);
     };
     EXPECT_EQ(connect(L"root\\nowhere", nullptr), HRESULT{static_cast<HRESULT>(WBEM_E_INVALID_NAMESPACE)});
     EXPECT_EQ(connect(L"\\\\elsewhere\\root\\cimv2", nullptr), static_cast<HRESULT>(0x800706BA));
@@ -70,17 +76,21 @@ TEST_F(WmiConnection, EachCallIsJournalledAndCanFail)
     EXPECT_EQ(Calls("IWbemLocator::ConnectServer").size(), 2U);
 }
 
-class WmiQuery : public WmiTest {};
+class WmiQuery : public WmiTest
+{
+};
 
 TEST_F(WmiQuery, ErrorsAreWmisOwn)
 {
     IEnumWbemClassObjectPtr objects;
     EXPECT_EQ(Query(L"SELECT nonsense", objects), static_cast<HRESULT>(WBEM_E_INVALID_QUERY));
     EXPECT_EQ(Query(L"SELECT * FROM Win32_Nothing", objects), static_cast<HRESULT>(WBEM_E_INVALID_CLASS));
-    EXPECT_EQ(Query(L"SELECT * FROM Win32_NetworkAdapter WHERE Nothing=1", objects), static_cast<HRESULT>(WBEM_E_INVALID_QUERY));
+    EXPECT_EQ(Query(L"SELECT * FROM Win32_NetworkAdapter WHERE Nothing=1", objects),
+              static_cast<HRESULT>(WBEM_E_INVALID_QUERY));
     EXPECT_EQ(Query(L"", objects), static_cast<HRESULT>(WBEM_E_INVALID_PARAMETER));
-    EXPECT_EQ(Connect()->ExecQuery(_bstr_t{L"SQL"}, _bstr_t{L"SELECT * FROM Win32_NetworkAdapter"}, 0, nullptr, &objects),
-              static_cast<HRESULT>(WBEM_E_INVALID_QUERY_TYPE));
+    EXPECT_EQ(
+        Connect()->ExecQuery(_bstr_t{L"SQL"}, _bstr_t{L"SELECT * FROM Win32_NetworkAdapter"}, 0, nullptr, &objects),
+        static_cast<HRESULT>(WBEM_E_INVALID_QUERY_TYPE));
     EXPECT_EQ(objects, nullptr);
 }
 
@@ -101,7 +111,10 @@ TEST_F(WmiQuery, AdaptersComeInTheMachinesOrderAndConditionsSelect)
     ASSERT_EQ(withMac.size(), 2U);
     EXPECT_EQ(Get(withMac[0], L"Index").lVal, 7);
     EXPECT_EQ(Get(withMac[1], L"Index").lVal, 9);
-    EXPECT_EQ(All(L"SELECT * FROM Win32_NetworkAdapterConfiguration WHERE SettingID='{11111111-0000-4000-8000-000000000002}'").size(), 1U);
+    EXPECT_EQ(
+        All(L"SELECT * FROM Win32_NetworkAdapterConfiguration WHERE SettingID='{11111111-0000-4000-8000-000000000002}'")
+            .size(),
+        1U);
     EXPECT_TRUE(All(L"SELECT * FROM Win32_NetworkAdapterConfiguration WHERE SettingID='{22222222}'").empty());
 }
 
@@ -113,7 +126,8 @@ TEST_F(WmiQuery, ShowsTheMachineAsItIsAtTheMoment)
     EXPECT_EQ(All(L"SELECT * FROM Win32_NetworkAdapter").size(), 3U);
 }
 
-class WmiEnumerator : public WmiTest {
+class WmiEnumerator : public WmiTest
+{
 protected:
     static HRESULT NextOne(IEnumWbemClassObject* objects, long& index)
     {
@@ -130,7 +144,8 @@ TEST_F(WmiEnumerator, RewindableStartsAgainAfterReset)
     IEnumWbemClassObjectPtr objects;
     ASSERT_EQ(Query(L"SELECT * FROM Win32_NetworkAdapter", objects), S_OK);
     long index = 0;
-    for (const long expected : {7L, 9L, 2L}) {
+    for (const long expected : {7L, 9L, 2L})
+    {
         EXPECT_EQ(NextOne(objects, index), S_OK);
         EXPECT_EQ(index, expected);
     }
@@ -172,7 +187,8 @@ TEST_F(WmiEnumerator, NextGivesWhatThereIsAndSaysFalseWhenItIsLess)
     ULONG count = 0;
     EXPECT_EQ(objects->Next(0, 5, found, &count), S_FALSE);
     EXPECT_EQ(count, 3U);
-    for (ULONG i = 0; i < count; ++i) {
+    for (ULONG i = 0; i < count; ++i)
+    {
         EXPECT_EQ(found[i]->Release(), 0U);
     }
     EXPECT_EQ(objects->Next(0, 1, nullptr, &count), static_cast<HRESULT>(WBEM_E_INVALID_PARAMETER));
@@ -193,7 +209,9 @@ TEST_F(WmiEnumerator, WhatOneCallerWritesDoesNotShowInTheNextWalk)
     EXPECT_EQ(_bstr_t{Get(object, L"Name")}, _bstr_t{L"Brevik Ethernet"});
 }
 
-class WmiObject : public WmiTest {};
+class WmiObject : public WmiTest
+{
+};
 
 TEST_F(WmiObject, PropertyTypesAreThoseOfWindows)
 {
@@ -244,7 +262,9 @@ TEST_F(WmiObject, WithoutMediaItHasAMacAddressAndNoIp)
     const IWbemClassObjectPtr object = Configuration();
     EXPECT_EQ(Get(object, L"MACAddress").vt, VT_BSTR);
     EXPECT_EQ(Get(object, L"IPEnabled").boolVal, VARIANT_FALSE);
-    for (const wchar_t* name : {L"IPAddress", L"IPSubnet", L"DefaultIPGateway", L"DNSServerSearchOrder", L"DNSDomainSuffixSearchOrder"}) {
+    for (const wchar_t* name :
+         {L"IPAddress", L"IPSubnet", L"DefaultIPGateway", L"DNSServerSearchOrder", L"DNSDomainSuffixSearchOrder"})
+    {
         EXPECT_EQ(Get(object, name).vt, VT_NULL) << name;
     }
 }
@@ -308,7 +328,8 @@ TEST_F(WmiObject, WalkGivesEveryPropertyOnce)
     ASSERT_EQ(object->BeginEnumeration(WBEM_FLAG_NONSYSTEM_ONLY), S_OK);
     std::set<std::wstring> names;
     BSTR name = nullptr;
-    while (object->Next(0, &name, nullptr, nullptr, nullptr) == S_OK) {
+    while (object->Next(0, &name, nullptr, nullptr, nullptr) == S_OK)
+    {
         names.insert(static_cast<const wchar_t*>(_bstr_t{name, false}));
         name = nullptr;
     }
@@ -329,7 +350,8 @@ TEST_F(WmiObject, GetFailsByNumberAndByProperty)
 TEST_F(WmiObject, IsFoundByPathAndSaysWhatIsWrongWithAPath)
 {
     const IWbemServicesPtr services = Connect();
-    const auto get = [&](const wchar_t* path) {
+    const auto get = [&](const wchar_t* path)
+    {
         IWbemClassObjectPtr object;
         return services->GetObject(_bstr_t{path}, 0, nullptr, &object, nullptr);
     };
@@ -351,7 +373,9 @@ TEST(WmiLifetime, NothingIsLeftWhenTheClientIsDone)
         IWbemLocatorPtr locator;
         ASSERT_EQ(factory->CreateInstance(nullptr, __uuidof(IWbemLocator), reinterpret_cast<void**>(&locator)), S_OK);
         IWbemServicesPtr services;
-        ASSERT_EQ(locator->ConnectServer(_bstr_t{L"root\\cimv2"}, nullptr, nullptr, nullptr, 0, nullptr, nullptr, &services), S_OK);
+        ASSERT_EQ(
+            locator->ConnectServer(_bstr_t{L"root\\cimv2"}, nullptr, nullptr, nullptr, 0, nullptr, nullptr, &services),
+            S_OK);
         IEnumWbemClassObjectPtr objects;
         ASSERT_EQ(services->CreateInstanceEnum(_bstr_t{L"Win32_NetworkAdapter"}, 0, nullptr, &objects), S_OK);
         IWbemClassObjectPtr object;

@@ -6,8 +6,10 @@
 
 #include <map>
 
-namespace lab::wmi {
-namespace {
+namespace lab::wmi
+{
+namespace
+{
 
 using Values = std::map<std::wstring, Value>;
 
@@ -15,10 +17,12 @@ bool Fits(const wchar_t* condition, const Values& values)
 {
     const auto query = ParseQuery(std::wstring{L"SELECT * FROM X WHERE "} + condition);
     EXPECT_TRUE(query) << condition;
-    return query && Meets(query->where.get(), [&](std::wstring_view name) {
-               const auto found = values.find(std::wstring{name});
-               return found == values.end() ? Value{} : found->second;
-           });
+    return query && Meets(query->where.get(),
+                          [&](std::wstring_view name)
+                          {
+                              const auto found = values.find(std::wstring{name});
+                              return found == values.end() ? Value{} : found->second;
+                          });
 }
 
 TEST(WqlParser, TakesKeyWordsInAnyCaseAndKeepsTheClassName)
@@ -40,10 +44,12 @@ TEST(WqlParser, TakesPropertyListsAndWithin)
 
 TEST(WqlParser, RefusesWhatIsNoQuery)
 {
-    for (const wchar_t* text : {L"", L"SELECT", L"SELECT * FROM", L"SELECT FROM X", L"SELECT * FROM X WHERE", L"SELECT * FROM X WHERE A",
-                                L"SELECT * FROM X WHERE A=", L"SELECT * FROM X WHERE A='open", L"SELECT * FROM X WHERE (A=1",
-                                L"SELECT * FROM X more", L"SELECT * FROM X WHERE A = bare", L"DELETE * FROM X", L"SELECT * FROM X WHERE A ~ 1",
-                                L"SELECT *, A FROM X", L"SELECT * FROM X;"}) {
+    for (const wchar_t* text :
+         {L"", L"SELECT", L"SELECT * FROM", L"SELECT FROM X", L"SELECT * FROM X WHERE", L"SELECT * FROM X WHERE A",
+          L"SELECT * FROM X WHERE A=", L"SELECT * FROM X WHERE A='open", L"SELECT * FROM X WHERE (A=1",
+          L"SELECT * FROM X more", L"SELECT * FROM X WHERE A = bare", L"DELETE * FROM X",
+          L"SELECT * FROM X WHERE A ~ 1", L"SELECT *, A FROM X", L"SELECT * FROM X;"})
+    {
         EXPECT_FALSE(ParseQuery(text)) << text;
     }
 }
@@ -112,7 +118,8 @@ TEST(ObjectPaths, ClassInstanceAndPrefixes)
 
 TEST(ObjectPaths, RefusesWhatIsNoPath)
 {
-    for (const wchar_t* text : {L"", L"1X", L"X.", L"X.K", L"X.K=", L"X.K='a", L"X.K=a", L"X Y", L"X.K.L=1"}) {
+    for (const wchar_t* text : {L"", L"1X", L"X.", L"X.K", L"X.K=", L"X.K='a", L"X.K=a", L"X Y", L"X.K.L=1"})
+    {
         EXPECT_FALSE(ParsePath(text)) << text;
     }
 }
