@@ -12,6 +12,8 @@ import wine
 from ui import Failure, Step
 
 START_LIMIT = 60    # seconds
+# Folders of the build tree: product, clients and lab, without the tests.
+NEEDED = ('Halcyd/all', 'HalcydPS/all', 'clients/all', 'lab/all', 'tests/runner/all')
 HOST_MIRROR = build.ROOT / 'lab' / 'host' / 'hostlab.py'
 
 
@@ -19,7 +21,7 @@ def prepare():
     """Installs what is missing, builds what is stale; the folder of the build and the installed prefix."""
     packages.ensure(packages.BUILD, packages.RUN)
     wine.sweep()
-    built = build.build('gcc')
+    built = build.build('gcc', NEEDED)
     return built, product.installed(built)
 
 
