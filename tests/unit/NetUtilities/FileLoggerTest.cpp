@@ -26,7 +26,6 @@ public:
         moduleName = L"Unit.exe";
         writingEnabled = enabled;
     }
-    [[nodiscard]] const std::wstring& CurrentPath() const { return currentPath; }
 };
 
 class FileLoggerTest : public testing::Test
@@ -151,16 +150,19 @@ TEST_F(FileLoggerTest, ChangeOfDayQueuesEndBeforeBegin)
 
 TEST_F(FileLoggerTest, SameDayOfAnotherMonthKeepsTheFile)
 {
-    WritingLogger logger(folder);
-    logger.Write(L"one\n");
-    const std::wstring path = logger.CurrentPath();
-    SYSTEMTIME time{};
-    time.wYear = 2026;
-    time.wMonth = 12;
-    time.wDay = 14;
-    clock.SetLocalTime(time);
-    logger.Write(L"two\n");
-    EXPECT_EQ(path, logger.CurrentPath());
+    {
+        WritingLogger logger(folder);
+        logger.Write(L"one\n");
+        WaitFor("Unit_2026-11-14.log", "one");
+        SYSTEMTIME time{};
+        time.wYear = 2026;
+        time.wMonth = 12;
+        time.wDay = 14;
+        clock.SetLocalTime(time);
+        logger.Write(L"two\n");
+        WaitFor("Unit_2026-11-14.log", "two");
+    }
+    EXPECT_FALSE(fs::exists(folder / "Unit_2026-12-14.log"));
 }
 
 TEST_F(FileLoggerTest, FailedOpenLosesThatLineOnly)
