@@ -27,6 +27,7 @@ int Run(const std::vector<std::string>& arguments)
     AddJournalVerbs(app);
     AddFaultVerbs(app);
     AddControlVerbs(app);
+    AddNetCfgVerbs(app);
     try
     {
         std::vector<std::string> reversed(arguments.rbegin(), arguments.rend()); // as the parser takes them

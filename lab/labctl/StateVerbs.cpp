@@ -5,6 +5,7 @@
 #include "lab/labctl/StatePath.h"
 #include "lab/labctl/Sync.h"
 #include "lab/labctl/Verbs.h"
+#include "lab/netcfg/Install.h"
 #include "lab/shims/ShimInstall.h"
 #include "lab/state/Text.h"
 
@@ -108,9 +109,13 @@ void AddInstall(CLI::App& app)
                 CheckDriver(InstallDriver(image), "install");
                 WakeDriver();
             }
+            if (const auto engine = FileBeside(L"labnetcfg.dll", L"netcfg"); std::filesystem::is_regular_file(engine))
+            {
+                netcfg::Install(engine);
+            }
             if (std::filesystem::exists(Wide(*program)))
             {
-                InstallShims(Wide(*program), FileBeside(L"labctl.exe", L"labctl").parent_path());
+                InstallShims(Wide(*program), FileBeside(L"iphlpapi.dll", L"shims").parent_path());
             }
         });
     app.add_subcommand("uninstall", "Take the stand-in, the driver and all keys of the lab out of the prefix")
@@ -120,6 +125,7 @@ void AddInstall(CLI::App& app)
                 Uninstall();
                 CheckDriver(RemoveDriver(), "remove");
                 RemoveShims(Wide(servicePath));
+                netcfg::Uninstall();
             });
 }
 

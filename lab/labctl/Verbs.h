@@ -15,6 +15,7 @@ void AddEventVerbs(CLI::App& app);   // event, events, storm
 void AddJournalVerbs(CLI::App& app); // journal
 void AddFaultVerbs(CLI::App& app);   // fail, slow
 void AddControlVerbs(CLI::App& app); // control, power, hooks
+void AddNetCfgVerbs(CLI::App& app);  // bindings, lock
 
 // The whole tool: what main does. Returns the exit code: 0 done, 1 the verb failed, 2 the command line was wrong.
 int Run(const std::vector<std::string>& arguments);
