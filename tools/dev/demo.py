@@ -27,16 +27,16 @@ def story(state):
     if wired:
         name, title = wired[0]['name'], wired[0]['description']
         scenes += [(f'The cable of "{title}" is pulled', ['cable', 'out', name]),
-                   (f'... and plugged in again; its lease comes a second later', ['cable', 'in', name, '--lease-after', '1']),
+                   ('... and plugged in again; its lease comes a second later', ['cable', 'in', name, '--lease-after', '1']),
                    (f'"{title}" gets a second address', ['address', 'add', name, '192.0.2.77/24'])]
     if radio:
         name, title = radio[0]['name'], radio[0]['description']
         scenes += [(f'"{title}" loses its network', ['cable', 'out', name]),
-                   (f'... and finds it again', ['cable', 'in', name])]
+                   ('... and finds it again', ['cable', 'in', name])]
     if wired:
         name, title = wired[-1]['name'], wired[-1]['description']
         scenes += [(f'"{title}" is taken out of the machine', ['adapter', 'remove', name]),
-                   (f'... and comes back', ['adapter', 'add', name])]
+                   ('... and comes back', ['adapter', 'add', name])]
     return scenes
 
 
@@ -63,7 +63,8 @@ def _tell(prefix, stage, scenes, stop):
             stage.say(bad(f'  lab  {done.stdout.strip()}'))
         if stop.wait(STORY_PAUSE):
             return
-    stage.say(paint('  lab  The story is over; the view goes on until its time is up.', '36'))
+    if scenes:
+        stage.say(paint('  lab  The story is over; the view goes on until its time is up.', '36'))
 
 
 @contextmanager
@@ -117,7 +118,7 @@ def _view(prefix, seconds, scenes, stage):
     return lines, by_key or process.returncode == 0
 
 
-def _events(prefix):
+def _records(prefix):
     """What the lab's journal and the trace say about the run."""
     journal = prefix.run([product.windows(f'{product.LAB}/labctl.exe'), 'journal']).stdout.splitlines()
     folder = prefix.c('ProgramData', 'QRLS', 'Sorvane', 'Data', 'Trace')
@@ -135,7 +136,7 @@ def main(scenario, seconds):
         print()
         lines, good_end = _view(prefix, seconds, scenes, stage)
         machine.stop_service(prefix)
-        calls, traced = _events(prefix)
+        calls, traced = _records(prefix)
         folder = prefix
     left = folder.processes()
     print()
