@@ -48,7 +48,8 @@ void ClientWatch::Forget(std::uintptr_t key) noexcept
     {
         return;
     }
-    // Does not wait for a callback: this may run inside one. A callback that runs now looks for the key and finds nothing.
+    // Does not wait for a callback: this may run inside one. A callback that runs now looks for the key and finds
+    // nothing.
     UnregisterWaitEx(found->second.wait, nullptr);
     entries.erase(found);
 }

@@ -1,7 +1,7 @@
 #pragma once
-// Notices the end of client processes. A client that is killed cannot release its object; COM finds out by itself only after
-// minutes, or never. An object reports the process that first called it, and when that process ends the object is disconnected,
-// which drops the references held by it. Lines that the client delivered before are kept.
+// Notices the end of client processes. A client that is killed cannot release its object; COM finds out by itself only
+// after minutes, or never. An object reports the process that first called it, and when that process ends the object is
+// disconnected, which drops the references held by it. Lines that the client delivered before are kept.
 
 #include <windows.h>
 

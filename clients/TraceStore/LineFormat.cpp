@@ -108,7 +108,8 @@ std::vector<Line> ParseRecords(std::string_view bytes)
     std::vector<Line> lines;
     std::string text;
     bool open = false; // lines.back() still gathers its text
-    const auto close = [&] {
+    const auto close = [&]
+    {
         if (open)
         {
             lines.back().text = FromUtf8(text);

@@ -1,10 +1,10 @@
 #pragma once
 // How a trace line stands in a file, and back. Pure functions.
 //
-// One line of the file is "source level text", both numbers in decimal, one blank behind each. A line break inside a text is
-// kept as a line break followed by a tab, so a physical line that starts with a tab belongs to the record before it. Lines
-// that start with '#' are notes of the trace service. The file is UTF-8 without a byte order mark; unpaired surrogates
-// become U+FFFD.
+// One line of the file is "source level text", both numbers in decimal, one blank behind each. A line break inside a
+// text is kept as a line break followed by a tab, so a physical line that starts with a tab belongs to the record
+// before it. Lines that start with '#' are notes of the trace service. The file is UTF-8 without a byte order mark;
+// unpaired surrogates become U+FFFD.
 
 #include <cstddef>
 #include <cstdint>
@@ -36,7 +36,7 @@ inline constexpr std::wstring_view CutMark = L" [cut]";
 // Appends the record, its final line break included, to `out`.
 void AppendRecord(std::string& out, std::uint16_t source, std::uint16_t level, std::wstring_view text);
 
-// Reads records back. Notes are skipped; a torn first or last line (a tail without line break, a start in the middle of a
-// record) is dropped rather than guessed.
+// Reads records back. Notes are skipped; a torn first or last line (a tail without line break, a start in the middle of
+// a record) is dropped rather than guessed.
 [[nodiscard]] std::vector<Line> ParseRecords(std::string_view bytes);
 } // namespace TraceFile

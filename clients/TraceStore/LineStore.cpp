@@ -34,8 +34,8 @@ std::string ReadFileStart(const NumberedFile& file)
     std::size_t used = 0;
     DWORD read = 0;
     while (used < bytes.size() &&
-           ReadFile(opened.get(), bytes.data() + used, static_cast<DWORD>(std::min<std::size_t>(bytes.size() - used, 0x400000)),
-                    &read, nullptr) &&
+           ReadFile(opened.get(), bytes.data() + used,
+                    static_cast<DWORD>(std::min<std::size_t>(bytes.size() - used, 0x400000)), &read, nullptr) &&
            read != 0)
     {
         used += read;
@@ -247,7 +247,8 @@ void LineStore::WriterThread()
         if (linesLost != lossTold)
         {
             AppendRecord(pending, OwnSource, OwnLevel,
-                         std::to_wstring(linesLost - lossTold) + L" trace lines were lost while no file could be written");
+                         std::to_wstring(linesLost - lossTold) +
+                             L" trace lines were lost while no file could be written");
             pendingEnds.push_back(pending.size());
             ++linesTaken;
             lossTold = linesLost;

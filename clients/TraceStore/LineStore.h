@@ -2,11 +2,11 @@
 // Keeps trace lines: the newest ones in memory for readers, all of them in rotating files.
 //
 // Append returns as soon as the line is in this process's memory; a writer thread puts it into the current file within
-// FlushInterval. So the end of any client loses nothing, and the sudden end of this process loses at most what came in the last
-// FlushInterval. Lines are written without forcing the disk, so only the machine's own crash can take more.
+// FlushInterval. So the end of any client loses nothing, and the sudden end of this process loses at most what came in
+// the last FlushInterval. Lines are written without forcing the disk, so only the machine's own crash can take more.
 //
-// When files cannot be written (disk full, no access) lines wait in memory up to MaximumPendingBytes, then Append drops the
-// newest; the count of lost lines is kept, and a line that tells of them is written once writing works again.
+// When files cannot be written (disk full, no access) lines wait in memory up to MaximumPendingBytes, then Append drops
+// the newest; the count of lost lines is kept, and a line that tells of them is written once writing works again.
 //
 // All functions are safe from any thread.
 
@@ -48,8 +48,8 @@ public:
     static constexpr DWORD FlushInterval = 100;                     // milliseconds
     static constexpr std::size_t KeptLines = 32768;                 // in memory, this run's
     static constexpr std::size_t KeptCharacters = 16 * 1024 * 1024; // in memory, this run's
-    static constexpr std::size_t KeptHistory = 20000;               // lines of earlier runs, read from the files on demand
-    static constexpr std::size_t WriteAtOnceBytes = 64 * 1024;      // this much does not wait for the interval
+    static constexpr std::size_t KeptHistory = 20000;          // lines of earlier runs, read from the files on demand
+    static constexpr std::size_t WriteAtOnceBytes = 64 * 1024; // this much does not wait for the interval
     static constexpr std::size_t MaximumPendingBytes = 64 * 1024 * 1024;
 
     LineStore(std::filesystem::path folder, FileLimits limits);
@@ -90,18 +90,18 @@ private:
     ConditionVariable writerWake;
     ConditionVariable readerWake;
     ConditionVariable flushWake;
-    std::deque<Line> lines GUARDED_BY(mutex);         // this run's newest; the last one is number lastNumber
+    std::deque<Line> lines GUARDED_BY(mutex); // this run's newest; the last one is number lastNumber
     std::size_t lineCharacters GUARDED_BY(mutex) = 0;
-    std::int64_t lastNumber GUARDED_BY(mutex) = 0;    // this run's lines count from 1
-    std::vector<Line> history GUARDED_BY(mutex);      // earlier runs' newest; the last one is number 0
+    std::int64_t lastNumber GUARDED_BY(mutex) = 0; // this run's lines count from 1
+    std::vector<Line> history GUARDED_BY(mutex);   // earlier runs' newest; the last one is number 0
     bool historyLoaded GUARDED_BY(mutex) = false;
     std::vector<NumberedFile> historyFiles GUARDED_BY(mutex); // as they stood when this run began
-    std::string pending GUARDED_BY(mutex);            // records on their way to the file
-    std::vector<std::size_t> pendingEnds GUARDED_BY(mutex); // offset behind each of them
-    std::uint64_t linesTaken GUARDED_BY(mutex) = 0;   // accepted into pending, ever
-    std::uint64_t linesSettled GUARDED_BY(mutex) = 0; // of those, in a file or given up
+    std::string pending GUARDED_BY(mutex);                    // records on their way to the file
+    std::vector<std::size_t> pendingEnds GUARDED_BY(mutex);   // offset behind each of them
+    std::uint64_t linesTaken GUARDED_BY(mutex) = 0;           // accepted into pending, ever
+    std::uint64_t linesSettled GUARDED_BY(mutex) = 0;         // of those, in a file or given up
     std::uint64_t linesLost GUARDED_BY(mutex) = 0;
-    std::uint64_t lossTold GUARDED_BY(mutex) = 0;     // part of linesLost that a line in the file told of
+    std::uint64_t lossTold GUARDED_BY(mutex) = 0; // part of linesLost that a line in the file told of
     std::uint32_t waitingReaders GUARDED_BY(mutex) = 0;
     std::uint32_t waitingFlushes GUARDED_BY(mutex) = 0;
     bool writerIdle GUARDED_BY(mutex) = false;

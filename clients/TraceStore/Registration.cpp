@@ -20,19 +20,20 @@ constexpr const wchar_t* AppIdKey = L"Software\\Classes\\AppID\\{3B0E0A53-7D0B-4
 constexpr const wchar_t* AppIdOfExeKey = L"Software\\Classes\\AppID\\TraceStore.exe";
 constexpr const wchar_t* Description = L"Sorvane Trace Service";
 
-// One process serves the whole machine, whoever asks first: the account is fixed, and it is the weakest that will do. Without
-// this each user would start a trace service of his own.
+// One process serves the whole machine, whoever asks first: the account is fixed, and it is the weakest that will do.
+// Without this each user would start a trace service of his own.
 constexpr const wchar_t* Account = L"nt authority\\localservice";
 
 // Full rights for the system and administrators, changing for the trace service's account, reading for users.
-constexpr const wchar_t* FolderRights = L"D:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;0x1301BF;;;LS)(A;OICI;0x1200A9;;;BU)";
+constexpr const wchar_t* FolderRights =
+    L"D:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;0x1301BF;;;LS)(A;OICI;0x1200A9;;;BU)";
 constexpr const wchar_t* KeyRights = L"D:P(A;CI;KA;;;SY)(A;CI;KA;;;BA)(A;CI;0x2001F;;;LS)(A;CI;KR;;;BU)";
 
 HRESULT SetText(const wchar_t* key, const wchar_t* value, const std::wstring& text)
 {
-    return HRESULT_FROM_WIN32(static_cast<DWORD>(
-        RegSetKeyValueW(HKEY_LOCAL_MACHINE, key, value, REG_SZ, text.c_str(),
-                        static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t)))));
+    return HRESULT_FROM_WIN32(
+        static_cast<DWORD>(RegSetKeyValueW(HKEY_LOCAL_MACHINE, key, value, REG_SZ, text.c_str(),
+                                           static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t)))));
 }
 
 HRESULT DeleteTree(const wchar_t* key)
@@ -81,8 +82,8 @@ HRESULT PrepareFolder()
 HRESULT PrepareSettings()
 {
     UniqueRegistryHandle key;
-    const LSTATUS status = RegCreateKeyExW(HKEY_LOCAL_MACHINE, StoreSettings::LevelsKey, 0, nullptr, 0, KEY_READ, nullptr,
-                                           key.put(), nullptr);
+    const LSTATUS status = RegCreateKeyExW(HKEY_LOCAL_MACHINE, StoreSettings::LevelsKey, 0, nullptr, 0, KEY_READ,
+                                           nullptr, key.put(), nullptr);
     if (status != ERROR_SUCCESS)
     {
         return HRESULT_FROM_WIN32(static_cast<DWORD>(status));

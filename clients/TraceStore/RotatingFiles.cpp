@@ -21,11 +21,11 @@ std::string FileHeader(std::uint32_t number)
     SYSTEMTIME now{};
     GetLocalTime(&now);
     char text[96];
-    const int length = std::snprintf(text, sizeof text, "# Trace file %u, begun %04u-%02u-%02u %02u:%02u:%02u local time\n",
-                                     static_cast<unsigned>(number), static_cast<unsigned>(now.wYear),
-                                     static_cast<unsigned>(now.wMonth), static_cast<unsigned>(now.wDay),
-                                     static_cast<unsigned>(now.wHour), static_cast<unsigned>(now.wMinute),
-                                     static_cast<unsigned>(now.wSecond));
+    const int length = std::snprintf(
+        text, sizeof text, "# Trace file %u, begun %04u-%02u-%02u %02u:%02u:%02u local time\n",
+        static_cast<unsigned>(number), static_cast<unsigned>(now.wYear), static_cast<unsigned>(now.wMonth),
+        static_cast<unsigned>(now.wDay), static_cast<unsigned>(now.wHour), static_cast<unsigned>(now.wMinute),
+        static_cast<unsigned>(now.wSecond));
     return std::string(text, static_cast<std::size_t>(length));
 }
 } // namespace
@@ -124,7 +124,8 @@ bool RotatingFiles::OpenLast()
     std::error_code error;
     std::filesystem::create_directories(folder, error); // the open below reports what stays wrong
     const std::vector<NumberedFile> files = ListFiles(folder);
-    if (!files.empty() && files.back().bytes < limits.maximumFileBytes && OpenNumber(files.back().number, OPEN_EXISTING))
+    if (!files.empty() && files.back().bytes < limits.maximumFileBytes &&
+        OpenNumber(files.back().number, OPEN_EXISTING))
     {
         return true;
     }
@@ -135,9 +136,9 @@ bool RotatingFiles::OpenLast()
 bool RotatingFiles::OpenNumber(std::uint32_t number, DWORD disposition)
 {
     // One writer per file: others may read and delete, a second writer is refused and begins a file of its own.
-    UniqueHandle opened(CreateFileW((folder / NameOfNumber(number)).c_str(), FILE_APPEND_DATA | FILE_READ_DATA | FILE_READ_ATTRIBUTES | SYNCHRONIZE,
-                                    FILE_SHARE_READ | FILE_SHARE_DELETE, nullptr, disposition, FILE_ATTRIBUTE_NORMAL,
-                                    nullptr));
+    UniqueHandle opened(CreateFileW(
+        (folder / NameOfNumber(number)).c_str(), FILE_APPEND_DATA | FILE_READ_DATA | FILE_READ_ATTRIBUTES | SYNCHRONIZE,
+        FILE_SHARE_READ | FILE_SHARE_DELETE, nullptr, disposition, FILE_ATTRIBUTE_NORMAL, nullptr));
     LARGE_INTEGER size{};
     if (!opened || !GetFileSizeEx(opened.get(), &size))
     {

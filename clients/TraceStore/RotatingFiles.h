@@ -1,7 +1,7 @@
 #pragma once
-// Trace files of limited size: "Trace-000001.log", "Trace-000002.log", ... in one folder. Writing goes to the file with the
-// highest number; when that would pass the size limit the next one is begun and the oldest beyond the limit of files goes.
-// A file that another process writes is left alone, and a new one begun.
+// Trace files of limited size: "Trace-000001.log", "Trace-000002.log", ... in one folder. Writing goes to the file with
+// the highest number; when that would pass the size limit the next one is begun and the oldest beyond the limit of
+// files goes. A file that another process writes is left alone, and a new one begun.
 //
 // Not safe for use from several threads at once: the writer thread of LineStore owns it, other threads only call the
 // static helpers and the functions marked so.
@@ -35,8 +35,8 @@ struct NumberedFile
 [[nodiscard]] std::uint32_t NumberOfName(std::wstring_view fileName);
 [[nodiscard]] std::wstring NameOfNumber(std::uint32_t number);
 
-// True if a file that holds `used` bytes must not take `more` bytes. An empty file takes anything, so that a record larger
-// than the limit still gets a place. Pure.
+// True if a file that holds `used` bytes must not take `more` bytes. An empty file takes anything, so that a record
+// larger than the limit still gets a place. Pure.
 [[nodiscard]] bool MustRotate(std::uint64_t used, std::uint64_t more, std::uint64_t limit);
 
 // The trace files of a folder, lowest number first. Safe from any thread. An unreadable folder gives none.
@@ -47,9 +47,9 @@ class RotatingFiles
 public:
     RotatingFiles(std::filesystem::path traceFolder, FileLimits fileLimits);
 
-    // Appends whole records to the current file, one WriteFile for as many as fit. Rotation happens between records only:
-    // `ends` holds the offset behind each record. Returns how many records are in a file; less than all of them after a
-    // failure, whose Win32 code is then in LastError().
+    // Appends whole records to the current file, one WriteFile for as many as fit. Rotation happens between records
+    // only: `ends` holds the offset behind each record. Returns how many records are in a file; less than all of them
+    // after a failure, whose Win32 code is then in LastError().
     [[nodiscard]] std::size_t Write(std::string_view bytes, const std::vector<std::size_t>& ends);
 
     [[nodiscard]] DWORD LastError() const noexcept { return lastError; }

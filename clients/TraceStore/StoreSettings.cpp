@@ -33,7 +33,8 @@ StoreSettings StoreSettings::Read()
     StoreSettings settings;
     wchar_t folder[MAX_PATH] = L"";
     DWORD size = sizeof folder;
-    if (RegGetValueW(HKEY_LOCAL_MACHINE, Key, L"Folder", RRF_RT_REG_SZ, nullptr, folder, &size) == ERROR_SUCCESS && folder[0])
+    if (RegGetValueW(HKEY_LOCAL_MACHINE, Key, L"Folder", RRF_RT_REG_SZ, nullptr, folder, &size) == ERROR_SUCCESS &&
+        folder[0])
     {
         settings.folder = folder;
     }

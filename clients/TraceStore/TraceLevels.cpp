@@ -23,8 +23,8 @@ std::optional<std::uint16_t> ReadLevel(const wchar_t* key, const wchar_t* value)
 HRESULT WriteLevel(const wchar_t* value, std::uint16_t level)
 {
     UniqueRegistryHandle key;
-    LSTATUS status = RegCreateKeyExW(HKEY_LOCAL_MACHINE, StoreSettings::LevelsKey, 0, nullptr, 0, KEY_SET_VALUE, nullptr,
-                                     key.put(), nullptr);
+    LSTATUS status = RegCreateKeyExW(HKEY_LOCAL_MACHINE, StoreSettings::LevelsKey, 0, nullptr, 0, KEY_SET_VALUE,
+                                     nullptr, key.put(), nullptr);
     if (status == ERROR_SUCCESS)
     {
         const DWORD number = level;

@@ -1,9 +1,9 @@
 #pragma once
 // The trace levels: a global one and one per source, kept in the registry under HKEY_LOCAL_MACHINE.
 //
-// Values of "Software\QRLS\Sorvane\TraceStore\Levels": DWORD "Global" and one DWORD per source, named by its number. Without
-// "Global" the DWORD "TraceLevel" of "Software\QRLS\Sorvane" holds, which is also what a process falls back to that cannot ask;
-// without that, 4. All safe from any thread.
+// Values of "Software\QRLS\Sorvane\TraceStore\Levels": DWORD "Global" and one DWORD per source, named by its number.
+// Without "Global" the DWORD "TraceLevel" of "Software\QRLS\Sorvane" holds, which is also what a process falls back to
+// that cannot ask; without that, 4. All safe from any thread.
 
 #include <windows.h>
 

@@ -164,10 +164,12 @@ HRESULT TraceLogManagerObject::GetSourceLevel(unsigned short source, unsigned sh
 HRESULT TraceLogManagerObject::WriteLine(unsigned short source, unsigned short level, BSTR text) noexcept
 {
     NoteCaller();
-    return Guarded([&] {
-        services.store.Append(source, level, std::wstring_view(text != nullptr ? text : L"", SysStringLen(text)));
-        return S_OK;
-    });
+    return Guarded(
+        [&]
+        {
+            services.store.Append(source, level, std::wstring_view(text != nullptr ? text : L"", SysStringLen(text)));
+            return S_OK;
+        });
 }
 
 HRESULT TraceLogManagerObject::SetGlobalLevel(unsigned short level) noexcept
@@ -183,7 +185,8 @@ HRESULT TraceLogManagerObject::SetSourceLevel(unsigned short source, unsigned sh
 }
 
 HRESULT TraceLogManagerObject::ReadLines(hyper after, unsigned short source, unsigned short level, ULONG maximum,
-                                         ULONG waitMilliseconds, hyper* next, ULONG* count, TraceRecord** records) noexcept
+                                         ULONG waitMilliseconds, hyper* next, ULONG* count,
+                                         TraceRecord** records) noexcept
 {
     NoteCaller();
     if (next == nullptr || count == nullptr || records == nullptr)
@@ -193,50 +196,52 @@ HRESULT TraceLogManagerObject::ReadLines(hyper after, unsigned short source, uns
     *next = after;
     *count = 0;
     *records = nullptr;
-    return Guarded([&] {
-        std::int64_t goOn = after;
-        std::vector<TraceFile::NumberedLine> lines =
-            services.store.Read(after, source, level, std::min(maximum, MostLinesPerCall),
-                                std::min(waitMilliseconds, LongestWait), goOn);
-        // Very long lines are handed out in smaller portions.
-        std::size_t characters = 0;
-        for (std::size_t index = 0; index < lines.size(); ++index)
+    return Guarded(
+        [&]
         {
-            characters += lines[index].line.text.size();
-            if (characters > MostCharactersPerCall && index != 0)
+            std::int64_t goOn = after;
+            std::vector<TraceFile::NumberedLine> lines =
+                services.store.Read(after, source, level, std::min(maximum, MostLinesPerCall),
+                                    std::min(waitMilliseconds, LongestWait), goOn);
+            // Very long lines are handed out in smaller portions.
+            std::size_t characters = 0;
+            for (std::size_t index = 0; index < lines.size(); ++index)
             {
-                lines.resize(index);
-                goOn = lines.back().number;
-                break;
-            }
-        }
-        if (!lines.empty())
-        {
-            auto* const made = static_cast<TraceRecord*>(CoTaskMemAlloc(lines.size() * sizeof(TraceRecord)));
-            if (made == nullptr)
-            {
-                return E_OUTOFMEMORY;
-            }
-            ULONG filled = 0;
-            try
-            {
-                for (const TraceFile::NumberedLine& line : lines)
+                characters += lines[index].line.text.size();
+                if (characters > MostCharactersPerCall && index != 0)
                 {
-                    made[filled] = {line.number, line.line.source, line.line.level, MakeText(line.line.text)};
-                    ++filled;
+                    lines.resize(index);
+                    goOn = lines.back().number;
+                    break;
                 }
             }
-            catch (...)
+            if (!lines.empty())
             {
-                FreeRecords(made, filled);
-                throw;
+                auto* const made = static_cast<TraceRecord*>(CoTaskMemAlloc(lines.size() * sizeof(TraceRecord)));
+                if (made == nullptr)
+                {
+                    return E_OUTOFMEMORY;
+                }
+                ULONG filled = 0;
+                try
+                {
+                    for (const TraceFile::NumberedLine& line : lines)
+                    {
+                        made[filled] = {line.number, line.line.source, line.line.level, MakeText(line.line.text)};
+                        ++filled;
+                    }
+                }
+                catch (...)
+                {
+                    FreeRecords(made, filled);
+                    throw;
+                }
+                *records = made;
+                *count = filled;
             }
-            *records = made;
-            *count = filled;
-        }
-        *next = goOn;
-        return S_OK;
-    });
+            *next = goOn;
+            return S_OK;
+        });
 }
 
 HRESULT TraceLogManagerObject::FindTail(unsigned short source, unsigned short level, ULONG lines, hyper* after) noexcept
@@ -247,10 +252,12 @@ HRESULT TraceLogManagerObject::FindTail(unsigned short source, unsigned short le
         return E_POINTER;
     }
     *after = 0;
-    return Guarded([&] {
-        *after = services.store.FindTail(source, level, lines);
-        return S_OK;
-    });
+    return Guarded(
+        [&]
+        {
+            *after = services.store.FindTail(source, level, lines);
+            return S_OK;
+        });
 }
 
 HRESULT TraceLogManagerObject::GetStatistics(TraceStatistics* statistics) noexcept
@@ -261,30 +268,34 @@ HRESULT TraceLogManagerObject::GetStatistics(TraceStatistics* statistics) noexce
         return E_POINTER;
     }
     *statistics = {};
-    return Guarded([&] {
-        const TraceFile::StoreStatistics held = services.store.Statistics();
-        statistics->firstNumber = held.firstNumber;
-        statistics->lastNumber = held.lastNumber;
-        statistics->linesWritten = static_cast<hyper>(held.linesWritten);
-        statistics->linesLost = static_cast<hyper>(held.linesLost);
-        for (const TraceFile::NumberedFile& file : TraceFile::ListFiles(services.store.Folder()))
+    return Guarded(
+        [&]
         {
-            statistics->bytesInFiles += static_cast<hyper>(file.bytes);
-            ++statistics->fileCount;
-        }
-        statistics->clientProcesses = TheClientWatch().ProcessCount();
-        statistics->folder = MakeText(services.store.Folder().wstring());
-        return S_OK;
-    });
+            const TraceFile::StoreStatistics held = services.store.Statistics();
+            statistics->firstNumber = held.firstNumber;
+            statistics->lastNumber = held.lastNumber;
+            statistics->linesWritten = static_cast<hyper>(held.linesWritten);
+            statistics->linesLost = static_cast<hyper>(held.linesLost);
+            for (const TraceFile::NumberedFile& file : TraceFile::ListFiles(services.store.Folder()))
+            {
+                statistics->bytesInFiles += static_cast<hyper>(file.bytes);
+                ++statistics->fileCount;
+            }
+            statistics->clientProcesses = TheClientWatch().ProcessCount();
+            statistics->folder = MakeText(services.store.Folder().wstring());
+            return S_OK;
+        });
 }
 
 HRESULT TraceLogManagerObject::Flush() noexcept
 {
     NoteCaller();
-    return Guarded([&] {
-        services.store.Flush();
-        return S_OK;
-    });
+    return Guarded(
+        [&]
+        {
+            services.store.Flush();
+            return S_OK;
+        });
 }
 
 HRESULT TraceLogManagerFactory::QueryInterface(REFIID iid, void** object) noexcept

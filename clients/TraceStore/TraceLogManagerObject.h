@@ -11,7 +11,8 @@
 #include "clients/TraceStore/ServerLifetime.h"
 #include "clients/TraceStore/TraceLevels.h"
 
-// What all objects of the process share. Made by the main thread before the class object is registered; outlives all objects.
+// What all objects of the process share. Made by the main thread before the class object is registered; outlives all
+// objects.
 struct TraceServices
 {
     TraceFile::LineStore& store;
@@ -19,8 +20,8 @@ struct TraceServices
     ServerLifetime& lifetime;
 };
 
-// The object that a client gets: one per activation, all in front of the same store. Called from COM's threads, any number at
-// once. Freed by its last Release, or when its client's process ends.
+// The object that a client gets: one per activation, all in front of the same store. Called from COM's threads, any
+// number at once. Freed by its last Release, or when its client's process ends.
 class TraceLogManagerObject final : public ITraceLogManager, public ITraceStore, private IWatchedObject
 {
 public:

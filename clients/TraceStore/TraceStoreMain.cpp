@@ -25,7 +25,8 @@ namespace
 // Any local account may write lines and read them; nobody from another machine may.
 HRESULT OpenToLocalCallers()
 {
-    // COM rights: 1 execute, 2 execute locally. System, administrators, authenticated users, services, guests of the machine.
+    // COM rights: 1 execute, 2 execute locally. System, administrators, authenticated users, services, guests of the
+    // machine.
     constexpr const wchar_t* Rights =
         L"O:BAG:BAD:(D;;0x4;;;WD)(A;;0x3;;;SY)(A;;0x3;;;BA)(A;;0x3;;;AU)(A;;0x3;;;SU)(A;;0x3;;;WD)";
     UniqueLocalMemory<void> descriptor;
@@ -35,8 +36,8 @@ HRESULT OpenToLocalCallers()
     }
     // COM wants an absolute descriptor.
     DWORD sizes[5] = {};
-    MakeAbsoluteSD(descriptor.get(), nullptr, &sizes[0], nullptr, &sizes[1], nullptr, &sizes[2], nullptr, &sizes[3], nullptr,
-                   &sizes[4]);
+    MakeAbsoluteSD(descriptor.get(), nullptr, &sizes[0], nullptr, &sizes[1], nullptr, &sizes[2], nullptr, &sizes[3],
+                   nullptr, &sizes[4]);
     const UniqueLocalMemory<void> absolute(LocalAlloc(LPTR, sizes[0]));
     const UniqueLocalMemory<ACL> list(static_cast<ACL*>(LocalAlloc(LPTR, sizes[1] ? sizes[1] : 1)));
     const UniqueLocalMemory<ACL> audit(static_cast<ACL*>(LocalAlloc(LPTR, sizes[2] ? sizes[2] : 1)));
@@ -51,8 +52,8 @@ HRESULT OpenToLocalCallers()
     {
         return HRESULT_FROM_WIN32(GetLastError());
     }
-    return CoInitializeSecurity(absolute.get(), -1, nullptr, nullptr, RPC_C_AUTHN_LEVEL_CONNECT, RPC_C_IMP_LEVEL_IDENTIFY,
-                                nullptr, EOAC_DISABLE_AAA, nullptr);
+    return CoInitializeSecurity(absolute.get(), -1, nullptr, nullptr, RPC_C_AUTHN_LEVEL_CONNECT,
+                                RPC_C_IMP_LEVEL_IDENTIFY, nullptr, EOAC_DISABLE_AAA, nullptr);
 }
 
 HRESULT Serve()

@@ -89,6 +89,27 @@ nlohmann::ordered_json SplitList(const std::wstring& joined, wchar_t separator)
     }
     return items;
 }
+Table TableOf(const std::vector<AdapterView>& adapters)
+{
+    Table table({{L"Adapter", 14, 0},
+                 {L"Type", 0, 3},
+                 {L"State", 0, 0},
+                 {L"Speed", 0, 4},
+                 {L"Address", 0, 0},
+                 {L"Gateway", 0, 2},
+                 {L"Gateway/AP MAC", 0, 5},
+                 {L"MAC address", 0, 1},
+                 {L"Network", 8, 6},
+                 {L"Driver", 10, 7}});
+    for (const AdapterView& adapter : adapters)
+    {
+        table.AddRow({OrDash(adapter.description), TypeName(adapter.type),
+                      Text::Styled(StateName(adapter), StyleOf(adapter)), Text::Speed(adapter.bitsPerSecond),
+                      AddressText(adapter), OrDash(adapter.gateway), OrDash(adapter.adjacentMac), OrDash(adapter.mac),
+                      OrDash(adapter.ssid), OrDash(adapter.driver)});
+    }
+    return table;
+}
 } // namespace
 
 std::vector<AdapterView> ViewOf(const _DEVICE_ELEMENT* list)
@@ -149,35 +170,39 @@ std::wstring AddressText(const AdapterView& adapter)
 
 std::wstring NameOf(const std::vector<AdapterView>& adapters, std::wstring_view id)
 {
-    const auto found = std::ranges::find_if(adapters, [&](const AdapterView& adapter) {
-        return adapter.id.size() == id.size() && _wcsnicmp(adapter.id.data(), id.data(), id.size()) == 0;
-    });
+    const auto found = std::ranges::find_if(
+        adapters, [&](const AdapterView& adapter)
+        { return adapter.id.size() == id.size() && _wcsnicmp(adapter.id.data(), id.data(), id.size()) == 0; });
     return found != adapters.end() && !found->description.empty() ? found->description : std::wstring(id);
 }
 
 std::vector<std::wstring> AdapterTable(const std::vector<AdapterView>& adapters, std::size_t maximumWidth)
 {
-    if (adapters.empty())
+    return adapters.empty() ? std::vector<std::wstring>{L"No adapters."} : TableOf(adapters).Lines(maximumWidth);
+}
+
+std::vector<std::wstring> AdapterListing(const std::vector<AdapterView>& adapters, std::size_t maximumWidth)
+{
+    if (adapters.empty() || TableOf(adapters).FitsWhole(maximumWidth))
     {
-        return {L"No adapters."};
+        return AdapterTable(adapters, maximumWidth);
     }
-    Table table({{L"Adapter", 14},
-                 {L"Type", 0},
-                 {L"State", 0},
-                 {L"Speed", 0},
-                 {L"Address", 0},
-                 {L"Gateway", 0},
-                 {L"Gateway/AP MAC", 0},
-                 {L"MAC address", 0},
-                 {L"Network", 8},
-                 {L"Driver", 10}});
+    std::vector<std::wstring> lines;
     for (const AdapterView& adapter : adapters)
     {
-        table.AddRow({OrDash(adapter.description), TypeName(adapter.type), Text::Styled(StateName(adapter), StyleOf(adapter)),
-                      Text::Speed(adapter.bitsPerSecond), AddressText(adapter), OrDash(adapter.gateway),
-                      OrDash(adapter.adjacentMac), OrDash(adapter.mac), OrDash(adapter.ssid), OrDash(adapter.driver)});
+        const std::wstring state = Text::Styled(StateName(adapter), StyleOf(adapter));
+        lines.push_back(Text::Styled(OrDash(adapter.description), Text::Style::Bold));
+        lines.push_back(L"    " + TypeName(adapter.type) + L", " + state + L", " + Text::Speed(adapter.bitsPerSecond));
+        lines.push_back(L"    address  " + AddressText(adapter));
+        lines.push_back(L"    gateway  " + OrDash(adapter.gateway) + L"  " + OrDash(adapter.adjacentMac));
+        lines.push_back(L"    MAC      " + OrDash(adapter.mac));
+        if (!adapter.ssid.empty())
+        {
+            lines.push_back(L"    network  " + OrDash(adapter.ssid));
+        }
+        lines.push_back(L"    driver   " + OrDash(adapter.driver));
     }
-    return table.Lines(maximumWidth);
+    return lines;
 }
 
 std::vector<std::wstring> NetworkTables(const std::vector<AdapterView>& adapters, std::size_t maximumWidth)

@@ -60,8 +60,14 @@ struct AdapterView
 // What a reader calls the adapter with this id: its description; the id itself if it is not in the list.
 [[nodiscard]] std::wstring NameOf(const std::vector<AdapterView>& adapters, std::wstring_view id);
 
-[[nodiscard]] std::vector<std::wstring> AdapterTable(const std::vector<AdapterView>& adapters, std::size_t maximumWidth);
+// One row per adapter. What does not fit into the width goes, column by column, the driver first.
+[[nodiscard]] std::vector<std::wstring> AdapterTable(const std::vector<AdapterView>& adapters,
+                                                     std::size_t maximumWidth);
+// The same as a table if everything fits, else as a few lines per adapter that leave nothing out.
+[[nodiscard]] std::vector<std::wstring> AdapterListing(const std::vector<AdapterView>& adapters,
+                                                       std::size_t maximumWidth);
 // One table for each Wi-Fi adapter that sees networks.
-[[nodiscard]] std::vector<std::wstring> NetworkTables(const std::vector<AdapterView>& adapters, std::size_t maximumWidth);
+[[nodiscard]] std::vector<std::wstring> NetworkTables(const std::vector<AdapterView>& adapters,
+                                                      std::size_t maximumWidth);
 [[nodiscard]] nlohmann::ordered_json ToJson(const AdapterView& adapter);
 [[nodiscard]] nlohmann::ordered_json ToJson(const std::vector<AdapterView>& adapters);

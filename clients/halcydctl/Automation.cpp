@@ -43,7 +43,8 @@ std::vector<std::wstring> Strings(const VARIANT& value)
     LONG lowest = 0;
     LONG highest = -1;
     if (value.vt == (VT_ARRAY | VT_BSTR) && value.parray != nullptr && SafeArrayGetDim(value.parray) == 1 &&
-        SUCCEEDED(SafeArrayGetLBound(value.parray, 1, &lowest)) && SUCCEEDED(SafeArrayGetUBound(value.parray, 1, &highest)))
+        SUCCEEDED(SafeArrayGetLBound(value.parray, 1, &lowest)) &&
+        SUCCEEDED(SafeArrayGetUBound(value.parray, 1, &highest)))
     {
         for (LONG index = lowest; index <= highest; ++index)
         {

@@ -22,8 +22,8 @@ constexpr const wchar_t* RecordValue = L"BindingDisabledByQRL";
 constexpr const wchar_t* Protocols[] = {L"ms_tcpip6", L"ms_tcpip", L"ms_ndiswan"};
 constexpr std::int32_t BindingsDisabledEvent = 9;
 constexpr std::int32_t BindingsRestoredEvent = 10;
-constexpr DWORD ProgressInterval = 1000;   // milliseconds
-constexpr DWORD EventGrace = 5000;         // an event may come a little after the call that it belongs to
+constexpr DWORD ProgressInterval = 1000; // milliseconds
+constexpr DWORD EventGrace = 5000;       // an event may come a little after the call that it belongs to
 constexpr std::uint32_t EngineLocked = 0x8004A024;
 
 std::wstring ResultWords(std::int32_t result)
@@ -44,11 +44,13 @@ public:
     template <class Body>
     explicit OpenCall(Body body) : finished(CreateEventW(nullptr, TRUE, FALSE, nullptr))
     {
-        thread = std::thread([this, body] {
-            const ComApartment apartment(COINIT_MULTITHREADED);
-            result = body();
-            SetEvent(finished.get());
-        });
+        thread = std::thread(
+            [this, body]
+            {
+                const ComApartment apartment(COINIT_MULTITHREADED);
+                result = body();
+                SetEvent(finished.get());
+            });
     }
     ~OpenCall() { thread.join(); }
     OpenCall(const OpenCall&) = delete;
@@ -88,7 +90,8 @@ bool AwaitEvent(EventQueue& queue, std::int32_t wanted, DWORD milliseconds, std:
             return true;
         }
         const ULONGLONG now = GetTickCount64();
-        if (now >= deadline || WaitForSingleObject(queue.Available(), static_cast<DWORD>(deadline - now)) != WAIT_OBJECT_0)
+        if (now >= deadline ||
+            WaitForSingleObject(queue.Available(), static_cast<DWORD>(deadline - now)) != WAIT_OBJECT_0)
         {
             return TakeEvent(queue, wanted, result);
         }
@@ -116,7 +119,8 @@ ExitCode Restore(const Session& session, MonitorConnection& connection, EventQue
         Report(session, "restored", L"The restore has ended; the service did not tell how.", 0);
         return ExitCode::Failed;
     }
-    Report(session, "restored", result == 0 ? L"The bindings are restored." : L"Not restored: " + ResultWords(result), result);
+    Report(session, "restored", result == 0 ? L"The bindings are restored." : L"Not restored: " + ResultWords(result),
+           result);
     return result == 0 ? ExitCode::Success : ExitCode::Failed;
 }
 
@@ -157,7 +161,8 @@ ExitCode Disable(const Session& session)
             Check(call.Result(), L"Disabling the bindings");
             if (!told && AwaitEvent(queue, BindingsDisabledEvent, EventGrace, outcome))
             {
-                Report(session, "disabled", outcome == 0 ? L"The bindings were disabled." : L"Not disabled: " + ResultWords(outcome),
+                Report(session, "disabled",
+                       outcome == 0 ? L"The bindings were disabled." : L"Not disabled: " + ResultWords(outcome),
                        outcome);
             }
             Report(session, "ended", L"The call has ended.", outcome);
@@ -202,7 +207,8 @@ std::vector<RecordEntry> ReadRecord()
             DWORD value = 0;
             DWORD size = sizeof value;
             // A key without its value, or with another one, does not count.
-            if (RegGetValueW(key.get(), name, RecordValue, RRF_RT_REG_DWORD, nullptr, &value, &size) == ERROR_SUCCESS && value == 1)
+            if (RegGetValueW(key.get(), name, RecordValue, RRF_RT_REG_DWORD, nullptr, &value, &size) == ERROR_SUCCESS &&
+                value == 1)
             {
                 entries.push_back({protocol, name});
             }

@@ -139,7 +139,8 @@ void Console::EraseLines(std::size_t count)
     {
         return;
     }
-    const SHORT back = static_cast<SHORT>(std::min<std::size_t>(count, static_cast<std::size_t>(info.dwCursorPosition.Y)));
+    const SHORT back =
+        static_cast<SHORT>(std::min<std::size_t>(count, static_cast<std::size_t>(info.dwCursorPosition.Y)));
     const COORD start{0, static_cast<SHORT>(info.dwCursorPosition.Y - back)};
     const DWORD cells = static_cast<DWORD>(back) * static_cast<DWORD>(info.dwSize.X);
     DWORD filled = 0;

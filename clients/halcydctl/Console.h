@@ -1,9 +1,9 @@
 #pragma once
 // Where the client's output goes: a console window or terminal, a pipe, or a file.
 //
-// A console gets UTF-16 through the console functions, with colours as attributes: that looks the same on every Windows and under
-// Wine, whatever its code page. Anything else gets UTF-8, with styling sequences only when colours were asked for.
-// Writing is safe from any thread; whole calls do not mix.
+// A console gets UTF-16 through the console functions, with colours as attributes: that looks the same on every Windows
+// and under Wine, whatever its code page. Anything else gets UTF-8, with styling sequences only when colours were asked
+// for. Writing is safe from any thread; whole calls do not mix.
 
 #include <windows.h>
 
@@ -71,7 +71,10 @@ public:
     // Forgets a request, so that a second one can be told from the first.
     void Clear() noexcept { ResetEvent(event.get()); }
     // True if it came within the time.
-    bool Wait(DWORD milliseconds) const noexcept { return WaitForSingleObject(event.get(), milliseconds) == WAIT_OBJECT_0; }
+    bool Wait(DWORD milliseconds) const noexcept
+    {
+        return WaitForSingleObject(event.get(), milliseconds) == WAIT_OBJECT_0;
+    }
 
 private:
     static BOOL WINAPI OnControl(DWORD control);

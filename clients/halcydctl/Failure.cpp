@@ -14,9 +14,9 @@ constexpr const wchar_t* ProxyCure =
 constexpr const wchar_t* StartCure = L"Run as administrator: net start Halcyd. Or add --start to let COM start it.";
 constexpr const wchar_t* TraceCure =
     L"Run as administrator: TraceStore.exe -RegServer. The service cannot live without the trace service.";
-constexpr const wchar_t* LostCure =
-    L"See whether it still runs (halcydctl status), what it said last (halcydctl trace) and whether it left a crash dump; "
-    L"restart it as administrator: net stop Halcyd, net start Halcyd.";
+constexpr const wchar_t* LostCure = L"See whether it still runs (halcydctl status), what it said last (halcydctl "
+                                    L"trace) and whether it left a crash dump; "
+                                    L"restart it as administrator: net stop Halcyd, net start Halcyd.";
 
 constexpr HRESULT ServerUnavailable = static_cast<HRESULT>(0x800706BA);
 constexpr HRESULT CallFailed = static_cast<HRESULT>(0x800706BE);
@@ -35,7 +35,8 @@ void SetProxyFailure(Failure& failure, const InstallationFacts& facts)
 {
     Set(failure, ExitCode::ProxiesMissing,
         facts.proxiesClaimedByTypeLibrary
-            ? L"The interfaces of the service are registered for the generic marshaler, which cannot carry the adapter list."
+            ? L"The interfaces of the service are registered for the generic marshaler, which cannot carry the adapter "
+              L"list."
             : L"The proxies of the service's interfaces (HalcydPS.dll) are not registered.",
         ProxyCure);
 }
@@ -53,8 +54,9 @@ bool FindObstacle(const InstallationFacts& facts, bool mayStart, Failure& failur
     if (!facts.classesRegistered)
     {
         Set(failure, ExitCode::NotInstalled,
-            facts.service == ServiceCondition::NotInstalled ? L"The service Halcyd is not installed."
-                                                            : L"The service Halcyd is there, but its classes are not registered.",
+            facts.service == ServiceCondition::NotInstalled
+                ? L"The service Halcyd is not installed."
+                : L"The service Halcyd is there, but its classes are not registered.",
             InstallCure);
         return true;
     }
@@ -92,7 +94,8 @@ Failure Explain(std::wstring action, HRESULT result, const InstallationFacts& fa
     if (result == E_ACCESSDENIED)
     {
         Set(failure, ExitCode::AccessDenied, L"Access was denied.",
-            L"Run the command from an elevated prompt. If that does not help, let an administrator look at the launch and "
+            L"Run the command from an elevated prompt. If that does not help, let an administrator look at the launch "
+            L"and "
             L"access permissions of Halcyd in the component services (dcomcnfg).");
     }
     else if (result == E_NOINTERFACE || result == InterfaceNotRegistered)
@@ -111,7 +114,8 @@ Failure Explain(std::wstring action, HRESULT result, const InstallationFacts& fa
     else if (result == CO_E_SERVER_EXEC_FAILURE && !facts.traceServiceRegistered)
     {
         Set(failure, ExitCode::TraceServiceMissing,
-            L"The service was started and ended at once: the trace service that it needs is not registered.", TraceCure);
+            L"The service was started and ended at once: the trace service that it needs is not registered.",
+            TraceCure);
     }
     else if (result == CO_E_SERVER_EXEC_FAILURE)
     {

@@ -25,12 +25,12 @@ struct InstallationFacts
 {
     ServiceCondition service = ServiceCondition::NotInstalled;
     std::uint32_t processId = 0;
-    std::uint32_t startType = 0;         // SERVICE_AUTO_START and so on; 0xFFFFFFFF if unknown
-    std::wstring binaryPath;             // of the service
-    bool classesRegistered = false;      // NetMonSv has a local server
-    bool startedAsService = false;       // the AppID names the service; else COM starts a plain server
-    std::wstring serverPath;             // what COM starts for a plain server
-    bool proxiesRegistered = false;      // the interfaces point to HalcydPS.dll
+    std::uint32_t startType = 0;              // SERVICE_AUTO_START and so on; 0xFFFFFFFF if unknown
+    std::wstring binaryPath;                  // of the service
+    bool classesRegistered = false;           // NetMonSv has a local server
+    bool startedAsService = false;            // the AppID names the service; else COM starts a plain server
+    std::wstring serverPath;                  // what COM starts for a plain server
+    bool proxiesRegistered = false;           // the interfaces point to HalcydPS.dll
     bool proxiesClaimedByTypeLibrary = false; // ... or to the generic marshaler, which cannot carry the adapter list
     std::wstring proxyPath;
     bool traceServiceRegistered = false;
@@ -41,10 +41,10 @@ struct InstallationFacts
 struct Failure : std::exception
 {
     ExitCode exitCode = ExitCode::Failed;
-    std::uint32_t code = 0;  // HRESULT or Windows error number, 0 if there is none
-    std::wstring action;     // what was tried: "Opening the monitor"
-    std::wstring reason;     // what is wrong, one sentence
-    std::wstring cure;       // what to do, one sentence or two; may be empty
+    std::uint32_t code = 0; // HRESULT or Windows error number, 0 if there is none
+    std::wstring action;    // what was tried: "Opening the monitor"
+    std::wstring reason;    // what is wrong, one sentence
+    std::wstring cure;      // what to do, one sentence or two; may be empty
 };
 
 // Why no call to the service can work, seen from the facts alone. Pure. False if nothing stands against a call.

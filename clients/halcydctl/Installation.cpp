@@ -19,7 +19,8 @@ std::wstring ReadClassText(const std::wstring& key, const wchar_t* value)
 {
     std::wstring text(1024, L'\0');
     DWORD size = static_cast<DWORD>(text.size() * sizeof(wchar_t));
-    if (RegGetValueW(HKEY_CLASSES_ROOT, key.c_str(), value, RRF_RT_REG_SZ, nullptr, text.data(), &size) != ERROR_SUCCESS ||
+    if (RegGetValueW(HKEY_CLASSES_ROOT, key.c_str(), value, RRF_RT_REG_SZ, nullptr, text.data(), &size) !=
+            ERROR_SUCCESS ||
         size < sizeof(wchar_t))
     {
         return {};
@@ -60,7 +61,8 @@ void ReadService(InstallationFacts& facts)
     }
     SERVICE_STATUS_PROCESS status{};
     DWORD needed = 0;
-    if (QueryServiceStatusEx(service.get(), SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE*>(&status), sizeof status, &needed))
+    if (QueryServiceStatusEx(service.get(), SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE*>(&status), sizeof status,
+                             &needed))
     {
         facts.service = ConditionOf(status.dwCurrentState);
         facts.processId = status.dwProcessId;

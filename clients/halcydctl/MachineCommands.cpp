@@ -29,12 +29,12 @@ void Test(HRESULT result, const wchar_t* action, const wchar_t* deniedCure)
     throw failure;
 }
 
-constexpr const wchar_t* ListCure =
-    L"The service changes an allow-listed part of the registry only: HKEY_CURRENT_USER, the product's own keys, the parameters "
-    L"of Tcpip and NlaSvc, the network class.";
-constexpr const wchar_t* DeleteCure =
-    L"The service opens the key for reading only, and Windows then refuses to delete a value of it; the path must lie in the "
-    L"allow-listed part as well.";
+constexpr const wchar_t* ListCure = L"The service changes an allow-listed part of the registry only: "
+                                    L"HKEY_CURRENT_USER, the product's own keys, the parameters "
+                                    L"of Tcpip and NlaSvc, the network class.";
+constexpr const wchar_t* DeleteCure = L"The service opens the key for reading only, and Windows then refuses to delete "
+                                      L"a value of it; the path must lie in the "
+                                      L"allow-listed part as well.";
 
 const char* TypeName(std::uint32_t type)
 {
@@ -63,7 +63,8 @@ nlohmann::ordered_json DataJson(const VARIANT& data)
         return static_cast<std::uint32_t>(data.lVal);
     case VT_UI8:
         return data.ullVal;
-    case VT_ARRAY | VT_BSTR: {
+    case VT_ARRAY | VT_BSTR:
+    {
         nlohmann::ordered_json items = nlohmann::ordered_json::array();
         for (const std::wstring& item : Automation::Strings(data))
         {

@@ -27,7 +27,7 @@ int wmain(int count, wchar_t** arguments)
     }
     const ComApartment apartment(COINIT_MULTITHREADED);
     // The service acts in its client's name where it must, so it is allowed to impersonate.
-    CoInitializeSecurity(nullptr, -1, nullptr, nullptr, RPC_C_AUTHN_LEVEL_PKT, RPC_C_IMP_LEVEL_IMPERSONATE, nullptr, EOAC_NONE,
-                         nullptr);
+    CoInitializeSecurity(nullptr, -1, nullptr, nullptr, RPC_C_AUTHN_LEVEL_PKT, RPC_C_IMP_LEVEL_IMPERSONATE, nullptr,
+                         EOAC_NONE, nullptr);
     return Commands::Run(*outcome.options);
 }

@@ -121,7 +121,8 @@ HRESULT EventSink::GetIDsOfNames(REFIID, LPOLESTR*, UINT, LCID, DISPID*) noexcep
     return E_NOTIMPL; // the service calls by number
 }
 
-HRESULT EventSink::Invoke(DISPID member, REFIID, LCID, WORD, DISPPARAMS* arguments, VARIANT*, EXCEPINFO*, UINT*) noexcept
+HRESULT EventSink::Invoke(DISPID member, REFIID, LCID, WORD, DISPPARAMS* arguments, VARIANT*, EXCEPINFO*,
+                          UINT*) noexcept
 {
     if (member != AdapterChangeMember)
     {
@@ -143,7 +144,9 @@ HRESULT EventSink::Invoke(DISPID member, REFIID, LCID, WORD, DISPPARAMS* argumen
     }
 }
 
-MonitorConnection::MonitorConnection(bool mayStart) : monitor(ActivateService<INetMonSvPtr>(CLSID_NetMonSv, mayStart)) {}
+MonitorConnection::MonitorConnection(bool mayStart) : monitor(ActivateService<INetMonSvPtr>(CLSID_NetMonSv, mayStart))
+{
+}
 
 MonitorConnection::~MonitorConnection()
 {

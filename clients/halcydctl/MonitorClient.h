@@ -23,8 +23,8 @@ _COM_SMARTPTR_TYPEDEF(IServiceControlEx, __uuidof(IServiceControlEx));
 _COM_SMARTPTR_TYPEDEF(IConnectionPoint, __uuidof(IConnectionPoint));
 _COM_SMARTPTR_TYPEDEF(IConnectionPointContainer, __uuidof(IConnectionPointContainer));
 
-// Activates a class of the service. Throws Failure, after looking for obstacles first: a wrongly registered interface would
-// hang the activation. `mayStart` lets COM start a stopped service.
+// Activates a class of the service. Throws Failure, after looking for obstacles first: a wrongly registered interface
+// would hang the activation. `mayStart` lets COM start a stopped service.
 template <class Pointer>
 [[nodiscard]] Pointer ActivateService(REFCLSID classId, bool mayStart);
 
@@ -73,9 +73,9 @@ private:
     std::atomic<ULONG> references{1};
 };
 
-// A connection to the monitor with everything that must be undone: the advise and the Open are taken back at the end, in that
-// order. StopNotificationProcessing is never called: the switch is the service's, not the client's, and turning it off would
-// silence all other clients.
+// A connection to the monitor with everything that must be undone: the advise and the Open are taken back at the end,
+// in that order. StopNotificationProcessing is never called: the switch is the service's, not the client's, and turning
+// it off would silence all other clients.
 class MonitorConnection
 {
 public:

@@ -90,7 +90,8 @@ std::wstring Field(const wchar_t* name, const std::wstring& value)
 
 std::wstring YesOrMissing(bool there, const std::wstring& path)
 {
-    return there ? L"registered  " + Text::Styled(path, Text::Style::Faint) : Text::Styled(L"not registered", Text::Style::Red);
+    return there ? L"registered  " + Text::Styled(path, Text::Style::Faint)
+                 : Text::Styled(L"not registered", Text::Style::Red);
 }
 } // namespace
 
@@ -149,7 +150,7 @@ ExitCode Commands::List(const Session& session)
         session.Print({{"adapters", ToJson(adapters)}});
         return ExitCode::Success;
     }
-    session.console.Lines(AdapterTable(adapters, session.console.Width()));
+    session.console.Lines(AdapterListing(adapters, session.console.Width()));
     if (session.options.networks)
     {
         session.console.Lines(NetworkTables(adapters, session.console.Width()));
@@ -187,7 +188,8 @@ ExitCode Commands::Close(const Session& session)
     }
     else
     {
-        session.console.Line(open ? L"One open was taken back; others keep the monitor open." : L"The monitor is closed.");
+        session.console.Line(open ? L"One open was taken back; others keep the monitor open."
+                                  : L"The monitor is closed.");
     }
     return ExitCode::Success;
 }

@@ -31,7 +31,8 @@ constexpr std::size_t WordsWidth = 23;
 
 const EventWord* Find(std::int32_t event)
 {
-    return event >= 0 && static_cast<std::size_t>(event) < Events.size() ? &Events[static_cast<std::size_t>(event)] : nullptr;
+    return event >= 0 && static_cast<std::size_t>(event) < Events.size() ? &Events[static_cast<std::size_t>(event)]
+                                                                         : nullptr;
 }
 
 bool IsNumber(VARTYPE type)
@@ -42,7 +43,7 @@ bool IsNumber(VARTYPE type)
 std::wstring TextOf(const VARIANT& value)
 {
     return value.vt == VT_BSTR && value.bstrVal != nullptr ? std::wstring(value.bstrVal, SysStringLen(value.bstrVal))
-                                                          : std::wstring();
+                                                           : std::wstring();
 }
 
 std::int32_t NumberOf(const VARIANT& value)
@@ -107,13 +108,16 @@ std::wstring EventLine(const MonitorEvent& event, const std::wstring& name, std:
     const EventWord* const known = Find(event.event);
     std::wstring line = Text::Styled(TimeOfDay(event.time), Text::Style::Faint);
     line += L"  ";
-    line += Padded(Text::Printable(name.empty() ? L"-" : name), nameWidth);
+    line += Padded(Text::Cut(Text::Printable(name.empty() ? L"-" : name), nameWidth), nameWidth);
     line += L"  ";
-    line += Text::Styled(Padded(EventWords(event.event), WordsWidth), known != nullptr ? known->style : Text::Style::Plain);
+    line +=
+        Text::Styled(Padded(EventWords(event.event), WordsWidth), known != nullptr ? known->style : Text::Style::Plain);
     if (event.hasResult)
     {
-        line += event.result == 0 ? L"  done" : L"  " + Text::Styled(L"failed " + Text::Hex(static_cast<std::uint32_t>(event.result)),
-                                                                     Text::Style::Red);
+        line += event.result == 0
+                    ? L"  done"
+                    : L"  " + Text::Styled(L"failed " + Text::Hex(static_cast<std::uint32_t>(event.result)),
+                                           Text::Style::Red);
     }
     else if (!event.adjacentMac.empty())
     {

@@ -14,16 +14,17 @@
 
 struct MonitorEvent
 {
-    SYSTEMTIME time{};        // local, when it arrived
-    std::int32_t event = 0;   // _NOTIFICATION_EVENT
-    std::wstring deviceId;    // empty for a null string
+    SYSTEMTIME time{};      // local, when it arrived
+    std::int32_t event = 0; // _NOTIFICATION_EVENT
+    std::wstring deviceId;  // empty for a null string
     std::wstring adjacentMac;
-    bool hasResult = false;   // the second argument was a number: the result of a binding operation
-    std::int32_t result = 0;  // HRESULT
+    bool hasResult = false;  // the second argument was a number: the result of a binding operation
+    std::int32_t result = 0; // HRESULT
 };
 
-// Reads the arguments of AdapterChange, which come in reverse order. The second one is a string, but a number for the binding
-// events. Strings that are null or missing are empty. False if there are not three arguments or the event is no number.
+// Reads the arguments of AdapterChange, which come in reverse order. The second one is a string, but a number for the
+// binding events. Strings that are null or missing are empty. False if there are not three arguments or the event is no
+// number.
 [[nodiscard]] bool EventFromArguments(const DISPPARAMS& arguments, MonitorEvent& event);
 
 // "enumEventMediaConnect"; empty for a value that has no name.
@@ -36,6 +37,7 @@ struct MonitorEvent
 // "2026-11-21T12:03:44.017"
 [[nodiscard]] std::wstring DateAndTime(const SYSTEMTIME& time);
 
-// One styled line: time, adapter, event, adjacent MAC or result. `name` is the adapter's, `nameWidth` what it is padded to.
+// One styled line: time, adapter, event, adjacent MAC or result. `name` is the adapter's, `nameWidth` what it is padded
+// to.
 [[nodiscard]] std::wstring EventLine(const MonitorEvent& event, const std::wstring& name, std::size_t nameWidth);
 [[nodiscard]] nlohmann::ordered_json ToJson(const MonitorEvent& event, const std::wstring& name);

@@ -30,9 +30,9 @@ constexpr std::array<NamedSource, 7> Sources{{{1, "General"},
 
 bool SameText(std::string_view left, std::string_view right)
 {
-    return std::ranges::equal(left, right, [](char a, char b) {
-        return std::tolower(static_cast<unsigned char>(a)) == std::tolower(static_cast<unsigned char>(b));
-    });
+    return std::ranges::equal(
+        left, right, [](char a, char b)
+        { return std::tolower(static_cast<unsigned char>(a)) == std::tolower(static_cast<unsigned char>(b)); });
 }
 
 constexpr const char* Footer =
@@ -90,12 +90,14 @@ private:
     CLI::App* Add(CLI::App* parent, const char* name, const char* description, Verb verb)
     {
         CLI::App* const command = parent->add_subcommand(name, description);
-        command->callback([this, command, verb] {
-            if (command->get_subcommands().empty())
+        command->callback(
+            [this, command, verb]
             {
-                options.verb = verb;
-            }
-        });
+                if (command->get_subcommands().empty())
+                {
+                    options.verb = verb;
+                }
+            });
         return command;
     }
 
@@ -109,14 +111,16 @@ private:
     void AddMonitorVerbs()
     {
         Add(&app, "status", "Shows service, registration and monitor; starts nothing", Verb::Status);
-        CLI::App* const list = Add(&app, "list", "Shows the adapters; opens the monitor for the time of the call", Verb::List);
+        CLI::App* const list =
+            Add(&app, "list", "Shows the adapters; opens the monitor for the time of the call", Verb::List);
         list->add_flag("--networks", options.networks, "Also the wireless networks that each adapter sees");
         list->add_flag("--as-is", options.asIs, "Do not open the monitor: a closed one has an empty list");
-        CLI::App* const watch = Add(&app, "watch", "Shows events as they come, and the adapters below; ends with Ctrl+C",
-                                    Verb::Watch);
+        CLI::App* const watch =
+            Add(&app, "watch", "Shows events as they come, and the adapters below; ends with Ctrl+C", Verb::Watch);
         watch->add_option("--count", options.count, "End after this many events");
         watch->add_option("--seconds", options.seconds, "End after this time");
         watch->add_flag("!--no-table", options.table, "Events only");
+        watch->add_flag("--notes", options.notes, "Show lines of standard input among the events");
         Add(&app, "open", "Opens the monitor and leaves it open (counted)", Verb::Open);
         Add(&app, "close", "Takes one open back; the last one stops the monitor", Verb::Close);
     }
@@ -128,19 +132,24 @@ private:
         trace->add_flag("-f,--follow", options.follow, "Go on with new lines as they come; ends with Ctrl+C");
         trace->add_option("--source", source, "Only this source: a name such as NetMon, or a number 0 to 36")
             ->check(ValidSource());
-        trace->add_option("--level", options.level, "Only lines up to this level (1 worst, 2 failures, 4 normal, 6 least)")
+        trace
+            ->add_option("--level", options.level,
+                         "Only lines up to this level (1 worst, 2 failures, 4 normal, 6 least)")
             ->check(CLI::Range(0, 9));
         trace->add_option("-n,--lines", options.lines, "How many lines to begin with")->capture_default_str();
         Add(trace, "levels", "Shows the levels in force and what the trace service holds", Verb::TraceLevels);
-        CLI::App* const set = Add(trace, "set-level", "Sets the global level, or with --source that source's own",
-                                  Verb::TraceSetLevel);
+        CLI::App* const set =
+            Add(trace, "set-level", "Sets the global level, or with --source that source's own", Verb::TraceSetLevel);
         set->add_option("LEVEL", options.newLevel, "0 to 9; a source's level 0 makes it follow the global one")
             ->required()
             ->check(CLI::Range(0, 9));
         set->add_option("--source", source, "The source: name or number")->check(ValidSource());
     }
 
-    void AddGuid(CLI::App* command) { command->add_option("GUID", options.guid, "The adapter's id, with its braces")->required(); }
+    void AddGuid(CLI::App* command)
+    {
+        command->add_option("GUID", options.guid, "The adapter's id, with its braces")->required();
+    }
 
     void AddAdapterVerbs()
     {
@@ -154,11 +163,14 @@ private:
             int fewest;
             int most;
         };
-        for (const Setting& setting :
-             {Setting{"dns", "DNS servers of an adapter", Verb::DnsGet, Verb::DnsSet, "Servers in search order; none: back to DHCP's", 0, 64},
-              Setting{"dns-suffix", "DNS suffix list of the machine", Verb::DnsSuffixGet, Verb::DnsSuffixSet, "Suffixes in search order", 0, 64},
-              Setting{"dns-domain", "DNS domain of an adapter", Verb::DnsDomainGet, Verb::DnsDomainSet, "The domain", 1, 1},
-              Setting{"wins", "WINS servers of an adapter", Verb::WinsGet, Verb::WinsSet, "Primary and secondary server", 1, 2}})
+        for (const Setting& setting : {Setting{"dns", "DNS servers of an adapter", Verb::DnsGet, Verb::DnsSet,
+                                               "Servers in search order; none: back to DHCP's", 0, 64},
+                                       Setting{"dns-suffix", "DNS suffix list of the machine", Verb::DnsSuffixGet,
+                                               Verb::DnsSuffixSet, "Suffixes in search order", 0, 64},
+                                       Setting{"dns-domain", "DNS domain of an adapter", Verb::DnsDomainGet,
+                                               Verb::DnsDomainSet, "The domain", 1, 1},
+                                       Setting{"wins", "WINS servers of an adapter", Verb::WinsGet, Verb::WinsSet,
+                                               "Primary and secondary server", 1, 2}})
         {
             CLI::App* const group = AddGroup(setting.name, setting.description);
             AddGuid(Add(group, "get", "Shows the setting", setting.get));
@@ -181,8 +193,10 @@ private:
 
     void AddMachineVerbs()
     {
-        CLI::App* const registry = AddGroup("registry", "Registry through the service; it changes an allow-listed part only");
-        const auto addKey = [this](CLI::App* command) {
+        CLI::App* const registry =
+            AddGroup("registry", "Registry through the service; it changes an allow-listed part only");
+        const auto addKey = [this](CLI::App* command)
+        {
             command->add_option("KEY", options.key, "Full path, such as HKEY_LOCAL_MACHINE\\Software\\...")->required();
         };
         CLI::App* const get = Add(registry, "get", "Reads a value", Verb::RegistryGet);
@@ -195,7 +209,8 @@ private:
         set->add_option("--type", options.type, "sz, dword, qword or multi")
             ->check(CLI::IsMember({"sz", "dword", "qword", "multi"}))
             ->capture_default_str();
-        CLI::App* const remove = Add(registry, "delete", "Deletes a value, or with --key a whole key", Verb::RegistryDelete);
+        CLI::App* const remove =
+            Add(registry, "delete", "Deletes a value, or with --key a whole key", Verb::RegistryDelete);
         addKey(remove);
         CLI::Option* const value = remove->add_option("VALUE", options.value, "The value's name");
         remove->add_flag("--key", options.wholeKey, "Delete the key with all its subkeys")->excludes(value);
@@ -206,14 +221,17 @@ private:
               std::tuple{"stop", "Stops the service and what depends on it", Verb::ServiceStop},
               std::tuple{"start", "Starts the service again", Verb::ServiceStart}})
         {
-            Add(service, name, description, verb)->add_option("NAME", options.service, "The service's name")->required();
+            Add(service, name, description, verb)
+                ->add_option("NAME", options.service, "The service's name")
+                ->required();
         }
     }
 
     void AddBindingVerbs()
     {
         CLI::App* const bindings = AddGroup("bindings", "IP bindings of the other adapters");
-        CLI::App* const disable = Add(bindings, "disable", "Disables them until Ctrl+C, which restores them", Verb::BindingsDisable);
+        CLI::App* const disable =
+            Add(bindings, "disable", "Disables them until Ctrl+C, which restores them", Verb::BindingsDisable);
         AddGuid(disable);
         disable->add_flag("--ppp", options.pppDevice, "The adapter is a dial-up device");
         Add(bindings, "restore", "Restores them", Verb::BindingsRestore);
@@ -223,8 +241,10 @@ private:
     static CLI::Validator ValidSource()
     {
         return CLI::Validator(
-            [](std::string& text) {
-                return SourceFromText(text) ? std::string() : "'" + text + "' is no source: a name such as NetMon, or 0 to 36";
+            [](std::string& text)
+            {
+                return SourceFromText(text) ? std::string()
+                                            : "'" + text + "' is no source: a name such as NetMon, or 0 to 36";
             },
             "SOURCE");
     }

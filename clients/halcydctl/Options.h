@@ -57,6 +57,7 @@ struct Options
     std::uint32_t count = 0;   // end after so many events, 0 for no limit
     std::uint32_t seconds = 0; // end after so long, 0 for no limit
     bool table = true;
+    bool notes = false; // lines of standard input stand among the events
 
     // trace
     bool follow = false;

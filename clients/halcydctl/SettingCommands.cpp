@@ -152,7 +152,8 @@ void ShowAddress(const Session& session, const AdapterSession& adapter)
                        {"gateway", Text::ToUtf8(gateway.Get())}});
         return;
     }
-    const auto shown = [](const std::wstring& text) { return text.empty() ? std::wstring(L"-") : Text::Printable(text); };
+    const auto shown = [](const std::wstring& text)
+    { return text.empty() ? std::wstring(L"-") : Text::Printable(text); };
     session.console.Line(L"Address  " + shown(address.Get()));
     session.console.Line(L"Gateway  " + shown(gateway.Get()));
 }
@@ -190,7 +191,8 @@ void Change(const AdapterSession& adapter, const Options& options)
     case Verb::DnsSet:
         return AdapterSession::Test(adapter->SetDNS(adapter.Guid(), &array), L"Setting the DNS servers");
     case Verb::DnsSuffixSet:
-        return AdapterSession::Test(adapter->SetDNSSuffixSearchOrder(adapter.Guid(), &array), L"Setting the DNS suffixes");
+        return AdapterSession::Test(adapter->SetDNSSuffixSearchOrder(adapter.Guid(), &array),
+                                    L"Setting the DNS suffixes");
     case Verb::DnsDomainSet:
         return AdapterSession::Test(adapter->SetDNSDomain(adapter.Guid(), first), L"Setting the DNS domain");
     case Verb::WinsSet:

@@ -34,8 +34,8 @@ std::optional<std::uint32_t> ParseIpv4(std::string_view text)
 std::string Ipv4Mask(unsigned bits)
 {
     const std::uint32_t mask = bits == 0 ? 0 : 0xFFFFFFFFu << (32 - bits);
-    return std::to_string(mask >> 24) + "." + std::to_string(mask >> 16 & 0xFF) + "." + std::to_string(mask >> 8 & 0xFF) + "." +
-           std::to_string(mask & 0xFF);
+    return std::to_string(mask >> 24) + "." + std::to_string(mask >> 16 & 0xFF) + "." +
+           std::to_string(mask >> 8 & 0xFF) + "." + std::to_string(mask & 0xFF);
 }
 } // namespace
 
@@ -72,7 +72,8 @@ std::wstring SettingResultWords(std::uint32_t result)
     case 100:
         return L"DHCP is not enabled on the adapter.";
     case 0x80041017:
-        return L"No adapter has this id, or more than one has. It is written with braces and in upper case: halcydctl list "
+        return L"No adapter has this id, or more than one has. It is written with braces and in upper case: halcydctl "
+               L"list "
                L"--json.";
     default:
         return {};
@@ -115,7 +116,8 @@ std::optional<std::uint64_t> NumberFromText(const std::string& text, std::uint64
     const bool hexadecimal = text.starts_with("0x") || text.starts_with("0X");
     const std::string_view digits = std::string_view(text).substr(hexadecimal ? 2 : 0);
     std::uint64_t number = 0;
-    const auto [stopped, error] = std::from_chars(digits.data(), digits.data() + digits.size(), number, hexadecimal ? 16 : 10);
+    const auto [stopped, error] =
+        std::from_chars(digits.data(), digits.data() + digits.size(), number, hexadecimal ? 16 : 10);
     if (digits.empty() || error != std::errc() || stopped != digits.data() + digits.size() || number > highest)
     {
         return std::nullopt;
@@ -125,7 +127,7 @@ std::optional<std::uint64_t> NumberFromText(const std::string& text, std::uint64
 
 std::wstring ServiceStateWords(std::uint32_t state)
 {
-    constexpr const wchar_t* Words[] = {L"stopped",        L"start pending", L"stop pending", L"running",
+    constexpr const wchar_t* Words[] = {L"stopped",          L"start pending", L"stop pending", L"running",
                                         L"continue pending", L"pause pending", L"paused"};
     return state >= 1 && state <= 7 ? Words[state - 1] : L"state " + std::to_wstring(state);
 }

@@ -5,7 +5,8 @@
 #include <optional>
 #include <string>
 
-// What a result of the adapter settings means: the positive numbers of WMI's methods, "adapter not found". Empty for others.
+// What a result of the adapter settings means: the positive numbers of WMI's methods, "adapter not found". Empty for
+// others.
 [[nodiscard]] std::wstring SettingResultWords(std::uint32_t result);
 
 struct AddressAndMask

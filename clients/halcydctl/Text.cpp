@@ -315,8 +315,10 @@ std::wstring SystemText(std::uint32_t code)
                                             FORMAT_MESSAGE_IGNORE_INSERTS | FORMAT_MESSAGE_MAX_WIDTH_MASK,
                                         nullptr, code, English, reinterpret_cast<wchar_t*>(buffer.put()), 0, nullptr);
     std::wstring text = length != 0 ? std::wstring(buffer.get(), length) : std::wstring();
-    text.erase(std::find_if_not(text.rbegin(), text.rend(), [](wchar_t c) { return c == L' ' || c == L'\r' || c == L'\n'; }).base(),
-               text.end());
+    text.erase(
+        std::find_if_not(text.rbegin(), text.rend(), [](wchar_t c) { return c == L' ' || c == L'\r' || c == L'\n'; })
+            .base(),
+        text.end());
     return text;
 }
 } // namespace Text

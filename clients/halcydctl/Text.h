@@ -34,7 +34,8 @@ template <class Character, std::size_t capacity>
 // What may go to a terminal: control characters become U+FFFD, so that a network name cannot send escape sequences.
 [[nodiscard]] std::wstring Printable(std::wstring_view text);
 
-// Columns that the text takes on a terminal: 2 for wide East Asian characters, 0 for combining ones. Styling (below) counts 0.
+// Columns that the text takes on a terminal: 2 for wide East Asian characters, 0 for combining ones. Styling (below)
+// counts 0.
 [[nodiscard]] std::size_t Width(std::wstring_view text) noexcept;
 
 // The text cut to `columns`, the last of them "…" if something was cut.

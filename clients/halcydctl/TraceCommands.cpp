@@ -38,7 +38,8 @@ void CheckTrace(HRESULT result, const wchar_t* action)
     {
         failure.exitCode = ExitCode::AccessDenied;
         failure.reason = L"The trace service was refused access.";
-        failure.cure = L"Run as administrator: TraceStore.exe -RegServer, which sets the rights of its folder and settings.";
+        failure.cure =
+            L"Run as administrator: TraceStore.exe -RegServer, which sets the rights of its folder and settings.";
     }
     else
     {
@@ -102,7 +103,8 @@ public:
     ExitCode Run()
     {
         store = ConnectTrace();
-        CheckTrace(store->FindTail(Source(), session.options.level, session.options.lines, &position), L"Reading the trace");
+        CheckTrace(store->FindTail(Source(), session.options.level, session.options.lines, &position),
+                   L"Reading the trace");
         // What is there now, then what comes.
         while (ReadOnce(0) && !interruption.Requested())
         {
@@ -199,7 +201,8 @@ ExitCode Commands::TraceLevels(const Session& session)
 {
     const ITraceStorePtr store = ConnectTrace();
     ITraceLogManagerPtr manager;
-    CheckTrace(store->QueryInterface(__uuidof(ITraceLogManager), reinterpret_cast<void**>(&manager)), L"Reading the levels");
+    CheckTrace(store->QueryInterface(__uuidof(ITraceLogManager), reinterpret_cast<void**>(&manager)),
+               L"Reading the levels");
     unsigned short global = 0;
     CheckTrace(manager->GetGlobalLevel(&global), L"Reading the levels");
     TraceStatistics statistics{};
@@ -254,18 +257,20 @@ ExitCode Commands::TraceSetLevel(const Session& session)
 {
     const ITraceStorePtr store = ConnectTrace();
     const std::uint16_t level = session.options.newLevel;
-    const HRESULT result = session.options.source ? store->SetSourceLevel(*session.options.source, level)
-                                                  : store->SetGlobalLevel(level);
+    const HRESULT result =
+        session.options.source ? store->SetSourceLevel(*session.options.source, level) : store->SetGlobalLevel(level);
     CheckTrace(result, L"Setting the level");
     if (session.options.json)
     {
         nlohmann::ordered_json json{{"level", level}};
-        json["source"] = session.options.source ? nlohmann::ordered_json(*session.options.source) : nlohmann::ordered_json();
+        json["source"] =
+            session.options.source ? nlohmann::ordered_json(*session.options.source) : nlohmann::ordered_json();
         session.Print(json);
     }
     else
     {
-        session.console.Line(L"Set. A running process takes it over within about a minute, once it has something to trace.");
+        session.console.Line(
+            L"Set. A running process takes it over within about a minute, once it has something to trace.");
     }
     return ExitCode::Success;
 }

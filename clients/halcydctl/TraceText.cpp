@@ -9,7 +9,10 @@ constexpr std::size_t SourceWidth = 13;
 
 Text::Style StyleOf(std::uint16_t level)
 {
-    return level <= 2 ? Text::Style::Red : level == 3 ? Text::Style::Yellow : level >= 5 ? Text::Style::Faint : Text::Style::Plain;
+    return level <= 2   ? Text::Style::Red
+           : level == 3 ? Text::Style::Yellow
+           : level >= 5 ? Text::Style::Faint
+                        : Text::Style::Plain;
 }
 } // namespace
 

@@ -8,13 +8,15 @@
 #include "clients/halcydctl/Failure.h"
 #include "clients/halcydctl/Installation.h"
 #include "clients/halcydctl/MonitorClient.h"
+#include "clients/halcydctl/Notes.h"
 #include "clients/halcydctl/Text.h"
 
 namespace
 {
-constexpr DWORD LifeSignInterval = 3000; // milliseconds between two looks whether the service still answers
-constexpr DWORD ReturnInterval = 1000;   // ... whether a lost service is back
-constexpr std::size_t NameWidth = 32;
+constexpr DWORD LifeSignInterval = 3000;  // milliseconds between two looks whether the service still answers
+constexpr DWORD ReturnInterval = 1000;    // ... whether a lost service is back
+constexpr std::size_t NarrowestName = 16; // columns for the adapter's name in an event line
+constexpr std::size_t WidestName = 40;
 constexpr std::int32_t AdapterRemoved = 2; // enumEventAdapterRemove
 
 SYSTEMTIME Now()
@@ -40,7 +42,7 @@ public:
     {
         Connect(session.options.start);
         Say("started", L"Watching. Ctrl+C ends.");
-        ShowAdapters();
+        HandleQueue();
         while (!Ended())
         {
             if (connection)
@@ -96,13 +98,17 @@ private:
 
     void TakeEvents()
     {
-        const HANDLE handles[] = {interruption.Handle(), queue.Available()};
-        const DWORD waited = WaitForMultipleObjects(2, handles, FALSE, TimeLeft(LifeSignInterval));
+        const HANDLE handles[] = {interruption.Handle(), queue.Available(), notes.Available()};
+        const DWORD waited = WaitForMultipleObjects(3, handles, FALSE, TimeLeft(LifeSignInterval));
         try
         {
             if (waited == WAIT_OBJECT_0 + 1)
             {
                 HandleQueue();
+            }
+            else if (waited == WAIT_OBJECT_0 + 2)
+            {
+                ShowNotes();
             }
             else if (waited == WAIT_TIMEOUT && !connection->IsOpen())
             {
@@ -145,10 +151,44 @@ private:
             else
             {
                 EraseTable();
-                session.console.Line(EventLine(event, name, NameWidth));
+                session.console.Line(Fitted(EventLine(event, name, NameWidth())));
             }
         }
         ShowAdapters();
+    }
+
+    void ShowNotes()
+    {
+        std::wstring note;
+        while (notes.Pop(note))
+        {
+            if (session.options.json)
+            {
+                session.Print(
+                    {{"kind", "note"}, {"time", Text::ToUtf8(DateAndTime(Now()))}, {"text", Text::ToUtf8(note)}});
+                continue;
+            }
+            EraseTable();
+            session.console.Line(Fitted(Text::Styled(note, Text::Style::Cyan)));
+        }
+        ShowAdapters();
+    }
+
+    // Lines that would break by themselves spoil the counting of what is to be drawn over.
+    [[nodiscard]] std::wstring Fitted(const std::wstring& styled) const
+    {
+        const std::size_t width = session.console.Width();
+        return width == 0 || Text::Width(styled) <= width ? styled : Text::Cut(Text::WithoutStyles(styled), width);
+    }
+
+    [[nodiscard]] std::size_t NameWidth() const
+    {
+        std::size_t widest = NarrowestName;
+        for (const AdapterView& adapter : adapters)
+        {
+            widest = std::max(widest, Text::Width(adapter.description));
+        }
+        return std::min(widest, WidestName);
     }
 
     void AwaitReturn()
@@ -160,7 +200,8 @@ private:
         }
         try
         {
-            // A stopped service is not started from here: whoever stopped it meant it. A plain server comes back by the call.
+            // A stopped service is not started from here: whoever stopped it meant it. A plain server comes back by the
+            // call.
             Connect(false);
             Say("serviceBack", L"The service is back.");
             ShowAdapters();
@@ -180,10 +221,12 @@ private:
             return;
         }
         EraseTable();
-        session.console.Line(Text::Styled(TimeOfDay(time), Text::Style::Faint) + L"  " + Text::Styled(words, Text::Style::Bold));
+        session.console.Line(Text::Styled(TimeOfDay(time), Text::Style::Faint) + L"  " +
+                             Text::Styled(words, Text::Style::Bold));
     }
 
-    // The table is drawn below the events and drawn over where that is possible; otherwise it comes at the start and the end.
+    // The table is drawn below the events and drawn over where that is possible; otherwise it comes at the start and
+    // the end.
     void ShowAdapters()
     {
         if (!connection || !session.options.table)
@@ -193,7 +236,8 @@ private:
         adapters = connection->Adapters();
         if (session.options.json)
         {
-            session.Print({{"kind", "adapters"}, {"time", Text::ToUtf8(DateAndTime(Now()))}, {"adapters", ToJson(adapters)}});
+            session.Print(
+                {{"kind", "adapters"}, {"time", Text::ToUtf8(DateAndTime(Now()))}, {"adapters", ToJson(adapters)}});
             return;
         }
         if (!session.console.CanRedraw() && tableShown)
@@ -216,6 +260,7 @@ private:
 
     const Session& session;
     Interruption interruption;
+    NoteReader notes{session.options.notes};
     EventQueue queue; // outlives the connection, whose sink writes to it
     std::unique_ptr<MonitorConnection> connection;
     std::vector<AdapterView> adapters;

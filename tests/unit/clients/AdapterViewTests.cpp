@@ -84,7 +84,10 @@ public:
     void* STDMETHODCALLTYPE PostAlloc(void* block) override { return alive += block != nullptr, block; }
     void* STDMETHODCALLTYPE PreFree(void* block, BOOL) override { return alive -= block != nullptr, block; }
     void STDMETHODCALLTYPE PostFree(BOOL) override {}
-    SIZE_T STDMETHODCALLTYPE PreRealloc(void* block, SIZE_T size, void** next, BOOL) override { return *next = block, size; }
+    SIZE_T STDMETHODCALLTYPE PreRealloc(void* block, SIZE_T size, void** next, BOOL) override
+    {
+        return *next = block, size;
+    }
     void* STDMETHODCALLTYPE PostRealloc(void* block, BOOL) override { return block; }
     void* STDMETHODCALLTYPE PreGetSize(void* block, BOOL) override { return block; }
     SIZE_T STDMETHODCALLTYPE PostGetSize(SIZE_T size, BOOL) override { return size; }
@@ -102,8 +105,8 @@ TEST(DeviceList, EveryBlockAndStringOfACopyIsFreed)
     AllocationCounter counter;
     {
         UniqueDeviceList list(MakeList());
-        // 3 elements with 10 strings each; 2 extensions with 3 and 4 strings; 2 networks. Strings are blocks of the task
-        // allocator too, unless the automation cache keeps them.
+        // 3 elements with 10 strings each; 2 extensions with 3 and 4 strings; 2 networks. Strings are blocks of the
+        // task allocator too, unless the automation cache keeps them.
         EXPECT_GE(counter.alive, 3 + 2 + 2);
         std::size_t count = 0;
         for (const _DEVICE_ELEMENT& element : Devices(list.get()))
@@ -172,8 +175,9 @@ TEST(AdapterView, TableShowsAddressesMacsDriverTypeAndState)
     const std::vector<std::wstring> lines = AdapterTable(ViewOf(list.get()), 0);
     ASSERT_EQ(lines.size(), 5u);
     const std::wstring row = Text::WithoutStyles(lines[2]);
-    for (const wchar_t* const part : {L"Lab Ethernet", L"Ethernet", L"connected", L"1 Gbit/s", L"192.168.1.20/24", L"192.168.1.1",
-                                      L"66:77:88:99:AA:BB", L"00:11:22:33:44:55", L"00000001 : 00000002 : Vendor"})
+    for (const wchar_t* const part :
+         {L"Lab Ethernet", L"Ethernet", L"connected", L"1 Gbit/s", L"192.168.1.20/24", L"192.168.1.1",
+          L"66:77:88:99:AA:BB", L"00:11:22:33:44:55", L"00000001 : 00000002 : Vendor"})
     {
         EXPECT_NE(row.find(part), std::wstring::npos) << Text::ToUtf8(part);
     }

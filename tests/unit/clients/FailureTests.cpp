@@ -96,17 +96,14 @@ TEST(ClientErrors, EachResultHasItsExitCodeAndACure)
         HRESULT result;
         ExitCode exitCode;
     };
-    for (const Row& row : {Row{E_ACCESSDENIED, ExitCode::AccessDenied},
-                           Row{E_NOINTERFACE, ExitCode::ProxiesMissing},
-                           Row{static_cast<HRESULT>(0x80040155), ExitCode::ProxiesMissing},
-                           Row{REGDB_E_CLASSNOTREG, ExitCode::NotInstalled},
-                           Row{static_cast<HRESULT>(0x80070422), ExitCode::NotRunning},
-                           Row{CO_E_SERVER_EXEC_FAILURE, ExitCode::NotRunning},
-                           Row{static_cast<HRESULT>(0x800706BA), ExitCode::ServiceLost},
-                           Row{static_cast<HRESULT>(0x800706BE), ExitCode::ServiceLost},
-                           Row{RPC_E_DISCONNECTED, ExitCode::ServiceLost},
-                           Row{RPC_E_SERVER_DIED, ExitCode::ServiceLost},
-                           Row{E_FAIL, ExitCode::Failed}})
+    for (const Row& row :
+         {Row{E_ACCESSDENIED, ExitCode::AccessDenied}, Row{E_NOINTERFACE, ExitCode::ProxiesMissing},
+          Row{static_cast<HRESULT>(0x80040155), ExitCode::ProxiesMissing},
+          Row{REGDB_E_CLASSNOTREG, ExitCode::NotInstalled}, Row{static_cast<HRESULT>(0x80070422), ExitCode::NotRunning},
+          Row{CO_E_SERVER_EXEC_FAILURE, ExitCode::NotRunning},
+          Row{static_cast<HRESULT>(0x800706BA), ExitCode::ServiceLost},
+          Row{static_cast<HRESULT>(0x800706BE), ExitCode::ServiceLost}, Row{RPC_E_DISCONNECTED, ExitCode::ServiceLost},
+          Row{RPC_E_SERVER_DIED, ExitCode::ServiceLost}, Row{E_FAIL, ExitCode::Failed}})
     {
         const Failure failure = Explain(L"Trying", row.result, Healthy());
         EXPECT_EQ(failure.exitCode, row.exitCode) << std::hex << row.result;

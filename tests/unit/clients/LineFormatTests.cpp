@@ -28,11 +28,12 @@ TEST(TraceLineFormat, LineBreaksInsideATextAreFollowedByATab)
 
 TEST(TraceLineFormat, TextsComeBackExactly)
 {
-    for (const std::wstring& text : {std::wstring(L""), std::wstring(L"plain"), std::wstring(L"\n"), std::wstring(L"a\r\nb\n\n\tc"),
-                                     std::wstring(L"\t# 1 2 x"), std::wstring(L"Gr\u00fc\u00dfe \u4e2d\u6587 \U0001F4F6")})
+    for (const std::wstring& text :
+         {std::wstring(L""), std::wstring(L"plain"), std::wstring(L"\n"), std::wstring(L"a\r\nb\n\n\tc"),
+          std::wstring(L"\t# 1 2 x"), std::wstring(L"Gr\u00fc\u00dfe \u4e2d\u6587 \U0001F4F6")})
     {
-        const std::vector<Line> lines = ParseRecords("# note\n" + Record(11, 4, L"before") + Record(36, 6, text) +
-                                                     Record(0, 65535, L"behind"));
+        const std::vector<Line> lines =
+            ParseRecords("# note\n" + Record(11, 4, L"before") + Record(36, 6, text) + Record(0, 65535, L"behind"));
         ASSERT_EQ(lines.size(), 3u);
         EXPECT_EQ(lines[1].source, 36);
         EXPECT_EQ(lines[1].level, 6);

@@ -114,10 +114,12 @@ TEST(TraceLineStore, WaitingReaderGetsTheLineThatComes)
     const TemporaryFolder folder;
     LineStore store(folder.Path(), {});
     std::vector<std::wstring> got;
-    std::thread reader([&] {
-        std::int64_t next = 0;
-        got = Texts(store.Read(0, 11, 9, 10, 60000, next));
-    });
+    std::thread reader(
+        [&]
+        {
+            std::int64_t next = 0;
+            got = Texts(store.Read(0, 11, 9, 10, 60000, next));
+        });
     store.Append(10, 4, L"not wanted");
     store.Append(11, 4, L"wanted");
     reader.join();
@@ -129,10 +131,12 @@ TEST(TraceLineStore, WaitingReadersAreReleasedAtTheEnd)
     const TemporaryFolder folder;
     LineStore store(folder.Path(), {});
     std::size_t got = 99;
-    std::thread reader([&] {
-        std::int64_t next = 0;
-        got = store.Read(0, EverySource, 9, 10, 600000, next).size();
-    });
+    std::thread reader(
+        [&]
+        {
+            std::int64_t next = 0;
+            got = store.Read(0, EverySource, 9, 10, 600000, next).size();
+        });
     store.ReleaseReaders();
     reader.join();
     EXPECT_EQ(got, 0u);
@@ -173,12 +177,14 @@ TEST(TraceLineStore, LinesOfManyThreadsAreAllKeptAndEachThreadsOrderHolds)
     std::vector<std::thread> writers;
     for (int writer = 0; writer < Threads; ++writer)
     {
-        writers.emplace_back([&store, writer] {
-            for (int index = 0; index < Each; ++index)
+        writers.emplace_back(
+            [&store, writer]
             {
-                store.Append(static_cast<std::uint16_t>(writer), 4, std::to_wstring(index));
-            }
-        });
+                for (int index = 0; index < Each; ++index)
+                {
+                    store.Append(static_cast<std::uint16_t>(writer), 4, std::to_wstring(index));
+                }
+            });
     }
     for (std::thread& writer : writers)
     {
@@ -270,7 +276,8 @@ TEST(TraceLineStore, UnwritableFolderLosesLinesOnlyInTheFileAndTellsSoLater)
     store.Append(10, 4, L"kept");
     store.Flush();
     store.Flush();
-    const std::string file = [&] {
+    const std::string file = [&]
+    {
         std::ifstream stream(folder.Path() / L"blocked" / L"Trace-000001.log", std::ios::binary);
         return std::string(std::istreambuf_iterator<char>(stream), {});
     }();

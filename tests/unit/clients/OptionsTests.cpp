@@ -95,29 +95,30 @@ TEST(ClientCommandLine, WatchOptions)
 
 TEST(ClientCommandLine, MistakesEndWithTwo)
 {
-    for (const std::vector<std::string>& arguments : std::vector<std::vector<std::string>>{{},
-                                                                                           {"nonsense"},
-                                                                                           {"list", "extra"},
-                                                                                           {"list", "--nonsense"},
-                                                                                           {"trace", "--source", "37"},
-                                                                                           {"trace", "--source", "Nobody"},
-                                                                                           {"trace", "--level", "10"},
-                                                                                           {"trace", "set-level"},
-                                                                                           {"trace", "set-level", "10"},
-                                                                                           {"trace", "set-level", "-1"},
-                                                                                           {"dns"},
-                                                                                           {"dns", "get"},
-                                                                                           {"ip", "set", Guid},
-                                                                                           {"wins", "set", Guid},
-                                                                                           {"wins", "set", Guid, "1", "2", "3"},
-                                                                                           {"registry", "delete", "K"},
-                                                                                           {"registry", "delete", "K", "v", "--key"},
-                                                                                           {"registry", "set", "K", "v"},
-                                                                                           {"registry", "set", "K", "v", "1", "--type", "x"},
-                                                                                           {"service", "stop"},
-                                                                                           {"bindings", "disable"},
-                                                                                           {"--color", "blue", "list"},
-                                                                                           {"watch", "--count", "-1"}})
+    for (const std::vector<std::string>& arguments :
+         std::vector<std::vector<std::string>>{{},
+                                               {"nonsense"},
+                                               {"list", "extra"},
+                                               {"list", "--nonsense"},
+                                               {"trace", "--source", "37"},
+                                               {"trace", "--source", "Nobody"},
+                                               {"trace", "--level", "10"},
+                                               {"trace", "set-level"},
+                                               {"trace", "set-level", "10"},
+                                               {"trace", "set-level", "-1"},
+                                               {"dns"},
+                                               {"dns", "get"},
+                                               {"ip", "set", Guid},
+                                               {"wins", "set", Guid},
+                                               {"wins", "set", Guid, "1", "2", "3"},
+                                               {"registry", "delete", "K"},
+                                               {"registry", "delete", "K", "v", "--key"},
+                                               {"registry", "set", "K", "v"},
+                                               {"registry", "set", "K", "v", "1", "--type", "x"},
+                                               {"service", "stop"},
+                                               {"bindings", "disable"},
+                                               {"--color", "blue", "list"},
+                                               {"watch", "--count", "-1"}})
     {
         EXPECT_EQ(Refused(arguments), 2) << (arguments.empty() ? "" : arguments.back());
     }

@@ -36,8 +36,8 @@ TEST(TraceFileNames, NumberAndNameBelongTogether)
     EXPECT_EQ(NameOfNumber(12345678), L"Trace-12345678.log");
     EXPECT_EQ(NumberOfName(L"Trace-000007.log"), 7u);
     EXPECT_EQ(NumberOfName(L"Trace-12345678.log"), 12345678u);
-    for (const wchar_t* const name : {L"Trace-.log", L"Trace-00001.log", L"Trace-00000a.log", L"trace-000001.txt", L"Trace-000001.log.bak",
-                                      L"Trace-0000000001.log", L""})
+    for (const wchar_t* const name : {L"Trace-.log", L"Trace-00001.log", L"Trace-00000a.log", L"trace-000001.txt",
+                                      L"Trace-000001.log.bak", L"Trace-0000000001.log", L""})
     {
         EXPECT_EQ(NumberOfName(name), 0u) << name;
     }

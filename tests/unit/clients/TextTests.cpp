@@ -42,7 +42,8 @@ TEST(ClientText, CutKeepsToTheColumnsAndMarksTheCut)
 TEST(ClientText, StylesComeApartAndGo)
 {
     const std::wstring styled = L"a" + Styled(L"b", Style::Green) + L"c";
-    EXPECT_EQ(Segments(styled), (std::vector<Segment>{{L"a", Style::Plain}, {L"b", Style::Green}, {L"c", Style::Plain}}));
+    EXPECT_EQ(Segments(styled),
+              (std::vector<Segment>{{L"a", Style::Plain}, {L"b", Style::Green}, {L"c", Style::Plain}}));
     EXPECT_EQ(WithoutStyles(styled), L"abc");
     EXPECT_EQ(Styled(L"", Style::Red), L"");
     EXPECT_EQ(WithoutStyles(L"half \x1b["), L"half \x1b[");
@@ -65,7 +66,8 @@ TEST(ClientText, PrefixLengths)
     EXPECT_EQ(PrefixLength(L"0.0.0.0"), 0);
     EXPECT_EQ(PrefixLength(L"255.255.255.255"), 32);
     EXPECT_EQ(PrefixLength(L"255.255.254.0"), 23);
-    for (const wchar_t* const text : {L"255.0.255.0", L"", L"24", L"255.255.255", L"255.255.255.0.0", L"256.0.0.0", L"255.255.255.x", L"ffff::"})
+    for (const wchar_t* const text :
+         {L"255.0.255.0", L"", L"24", L"255.255.255", L"255.255.255.0.0", L"256.0.0.0", L"255.255.255.x", L"ffff::"})
     {
         EXPECT_EQ(PrefixLength(text), -1) << text;
     }
@@ -110,7 +112,8 @@ TEST(ClientTraceText, LevelSourceAndTextStandInColumns)
 
 TEST(ClientTraceText, LineBreaksGiveIndentedLinesAndTrailingOnesNone)
 {
-    EXPECT_EQ(TraceLines(1, 4, L"a\r\n\tb\n\n"), (std::vector<std::wstring>{L"4 General      a", L"                b"}));
+    EXPECT_EQ(TraceLines(1, 4, L"a\r\n\tb\n\n"),
+              (std::vector<std::wstring>{L"4 General      a", L"                b"}));
 }
 
 TEST(ClientTraceText, FailuresAreRed)
@@ -127,8 +130,8 @@ TEST(ClientSettingText, AddressesWithMaskOrPrefix)
     EXPECT_EQ(SplitAddress("10.0.0.5/0"), (AddressAndMask{"10.0.0.5", "0.0.0.0"}));
     EXPECT_EQ(SplitAddress("10.0.0.5/32"), (AddressAndMask{"10.0.0.5", "255.255.255.255"}));
     EXPECT_EQ(SplitAddress("fe80::1/64"), (AddressAndMask{"fe80::1", "64"}));
-    for (const char* const text : {"10.0.0.5", "10.0.0.5/", "/24", "10.0.0.5/33", "10.0.0.5/255.0.255.0", "10.0.0/24", "10.0.0.256/24",
-                                   "fe80::1/129", "a/24", ""})
+    for (const char* const text : {"10.0.0.5", "10.0.0.5/", "/24", "10.0.0.5/33", "10.0.0.5/255.0.255.0", "10.0.0/24",
+                                   "10.0.0.256/24", "fe80::1/129", "a/24", ""})
     {
         EXPECT_EQ(SplitAddress(text), std::nullopt) << text;
     }
