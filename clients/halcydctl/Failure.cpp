@@ -98,6 +98,12 @@ Failure Explain(std::wstring action, HRESULT result, const InstallationFacts& fa
             L"and "
             L"access permissions of Halcyd in the component services (dcomcnfg).");
     }
+    else if (result == E_NOINTERFACE && facts.proxiesRegistered && facts.startedAsService &&
+             facts.service != ServiceCondition::Running)
+    {
+        // An activation that waited in vain for the server ends with this code on some platforms.
+        Set(failure, ExitCode::NotRunning, L"The service could not be started, or did not come up in time.", LostCure);
+    }
     else if (result == E_NOINTERFACE || result == InterfaceNotRegistered)
     {
         SetProxyFailure(failure, facts);

@@ -24,8 +24,11 @@ public:
     [[nodiscard]] bool Empty() const noexcept { return rows.empty(); }
 
     // The table's lines without line breaks: titles, a rule, the rows. Wider than `maximumWidth` only if no column can
-    // shrink any more; 0 for no limit.
+    // shrink or go any more; 0 for no limit.
     [[nodiscard]] std::vector<std::wstring> Lines(std::size_t maximumWidth) const;
+
+    // True if all columns have their place in this width, some of them cut perhaps.
+    [[nodiscard]] bool FitsWhole(std::size_t maximumWidth) const;
 
 private:
     // Which columns are shown, and how wide.

@@ -121,6 +121,15 @@ TEST(ClientErrors, ServerThatEndsAtOnceWithoutATraceServiceIsExplainedByIt)
     EXPECT_EQ(Explain(L"", CO_E_SERVER_EXEC_FAILURE, facts).exitCode, ExitCode::TraceServiceMissing);
 }
 
+TEST(ClientErrors, MissingInterfaceOfAServiceThatDidNotComeUpIsNotBlamedOnTheProxies)
+{
+    InstallationFacts facts = Healthy();
+    facts.service = ServiceCondition::Starting;
+    EXPECT_EQ(Explain(L"", E_NOINTERFACE, facts).exitCode, ExitCode::NotRunning);
+    facts.proxiesRegistered = false;
+    EXPECT_EQ(Explain(L"", E_NOINTERFACE, facts).exitCode, ExitCode::ProxiesMissing);
+}
+
 TEST(ClientErrors, WindowsErrorNumbersInAnHresultsPlace)
 {
     EXPECT_EQ(ExplainStatus(L"Writing", ERROR_ACCESS_DENIED).exitCode, ExitCode::AccessDenied);

@@ -103,6 +103,18 @@ TEST(ClientTable, ShrinksTheWidestColumnThatMayButNotBelowItsLimit)
     EXPECT_EQ(table.Lines(5)[2], L"aaa\u2026  bbbbbbbb  ccccc\u2026");
 }
 
+TEST(ClientTable, ColumnsGoByTheirOrderWhenCuttingIsNotEnough)
+{
+    Table table({{L"A", 0, 0}, {L"B", 0, 1}, {L"C", 0, 2}});
+    table.AddRow({L"aaaa", L"bbbb", L"cccc"});
+    EXPECT_TRUE(table.FitsWhole(16));
+    EXPECT_EQ(table.Lines(16)[2], L"aaaa  bbbb  cccc");
+    EXPECT_FALSE(table.FitsWhole(15));
+    EXPECT_EQ(table.Lines(15)[2], L"aaaa  bbbb");
+    EXPECT_EQ(table.Lines(9)[2], L"aaaa");
+    EXPECT_EQ(table.Lines(1)[2], L"aaaa");
+}
+
 TEST(ClientTraceText, LevelSourceAndTextStandInColumns)
 {
     EXPECT_EQ(TraceLines(11, 4, L"text"), (std::vector<std::wstring>{L"4 NetMon       text"}));
