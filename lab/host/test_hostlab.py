@@ -1,6 +1,12 @@
 """Tests of hostlab.py against machines described here."""
 
 import copy
+import json
+import os
+import shutil
+import subprocess
+import sys
+import tempfile
 import unittest
 
 import hostlab
@@ -120,6 +126,45 @@ class Machine(unittest.TestCase):
 
     def test_arp_alone_is_no_change(self):
         self.assertEqual(hostlab.essence({"arp": [1], "x": 2}), hostlab.essence({"arp": [], "x": 2}))
+
+
+# Runs inside a network namespace of its own: a pair of interfaces, the mirror at work, and changes while it looks.
+# Each picture that the mirror passes on is one line of the log.
+SCENE = """
+set -e
+ip link add d0 type veth peer name p0
+ip link set p0 up; ip link set d0 up
+ip addr add 203.0.113.5/24 dev d0
+"$PYTHON" -B hostlab.py --output "$DIR/host.json" --follow sh -c 'tr -d "\\n" < "$0" >> "$DIR/log"; echo >> "$DIR/log"' &
+mirror=$!
+trap 'kill $mirror 2>/dev/null || true' EXIT
+wait_lines() { for i in $(seq 200); do [ "$(wc -l 2>/dev/null < "$DIR/log" || echo 0)" -ge "$1" ] && return; sleep 0.05; done; exit 9; }
+last() { tail -n 1 "$DIR/log"; }
+until_line() { for i in $(seq 200); do last | grep -q "$1" && return; sleep 0.05; done; echo "never: $1" >&2; exit 9; }
+wait_lines 1
+ip addr add 203.0.113.6/24 dev d0; until_line '203.0.113.6'
+ip link set d0 down; until_line '"name": "d0".*"media": "disconnected"'
+ip link set d0 up; until_line '203.0.113.5'
+kill $mirror; wait $mirror || true
+"""
+
+
+class Following(unittest.TestCase):
+    def test_real_interface_that_changes_is_passed_on(self):
+        probe = subprocess.run(["unshare", "-rn", "sh", "-c", "ip link add d0 type veth peer name p0"], capture_output=True, text=True,
+                               check=False) if shutil.which("unshare") and shutil.which("ip") else None
+        if probe is None or probe.returncode != 0:
+            self.skipTest("this machine gives no network namespaces: " + (probe.stderr.strip() if probe else "no unshare or ip"))
+        with tempfile.TemporaryDirectory() as folder:
+            here = os.path.dirname(os.path.abspath(__file__))
+            done = subprocess.run(["unshare", "-rn", "sh", "-c", SCENE], cwd=here, timeout=60, capture_output=True, text=True, check=False,
+                                  env={**os.environ, "DIR": folder, "PYTHON": sys.executable})
+            self.assertEqual(done.returncode, 0, done.stderr)
+            with open(folder + "/log", encoding="utf-8") as log:
+                pictures = [json.loads(line) for line in log]
+        media = [next(a["media"] for a in picture["adapters"] if a["name"] == "d0") for picture in pictures]
+        self.assertEqual([state for i, state in enumerate(media) if i == 0 or media[i - 1] != state],
+                         ["connected", "disconnected", "connected"])
 
 
 if __name__ == "__main__":

@@ -86,7 +86,7 @@ EventCursor::~EventCursor() = default;
 EventCursor Machine::Listen()
 {
     Impl& impl = *m_impl;
-    const MutexScope lock{impl.mutex.get()};
+    const Impl::Lock lock{impl};
     for (std::size_t i = 0; i < maximumListeners; ++i)
     {
         // A number is free when nobody holds its event, whatever the flag of a dead process says.
@@ -162,7 +162,7 @@ std::uint64_t Machine::LastEvent() const noexcept
 void Machine::Raise(Events events)
 {
     {
-        const MutexScope lock{m_impl->mutex.get()};
+        const Impl::Lock lock{*m_impl};
         m_impl->AppendEvents(events);
     }
     m_impl->WakeListeners();

@@ -142,7 +142,7 @@ void Machine::AddFault(const FaultRule& rule)
     {
         throw std::runtime_error("a fault rule needs a call of 1 to 99 characters, and counts from 1");
     }
-    const MutexScope lock{m_impl->mutex.get()};
+    const Impl::Lock lock{*m_impl};
     if (rule.call.compare(0, driverCall.size(), driverCall) == 0)
     {
         m_impl->AddDriverFault(rule);
@@ -170,7 +170,7 @@ void Machine::AddFault(const FaultRule& rule)
 
 std::vector<FaultRule> Machine::Faults()
 {
-    const MutexScope lock{m_impl->mutex.get()};
+    const Impl::Lock lock{*m_impl};
     std::vector<FaultRule> rules;
     for (const SharedRule& slot : m_impl->shared->rules)
     {
@@ -203,7 +203,7 @@ std::vector<FaultRule> Machine::Faults()
 
 void Machine::ClearFaults()
 {
-    const MutexScope lock{m_impl->mutex.get()};
+    const Impl::Lock lock{*m_impl};
     m_impl->shared->ruleCount.store(0);
     for (SharedRule& slot : m_impl->shared->rules)
     {

@@ -72,17 +72,23 @@ private:
     void* m_view = nullptr;
 };
 
-// Holds a named mutex for a scope. A holder that died counts as a hand-over: what it left is complete by design.
+// Holds a named mutex for a scope. A holder that died counts as a hand-over; Abandoned() tells of it.
 class MutexScope
 {
 public:
-    explicit MutexScope(HANDLE mutex) noexcept : m_mutex(mutex) { WaitForSingleObject(mutex, INFINITE); }
+    explicit MutexScope(HANDLE mutex) noexcept
+        : m_mutex(mutex), m_abandoned(WaitForSingleObject(mutex, INFINITE) == WAIT_ABANDONED)
+    {
+    }
     ~MutexScope() { ReleaseMutex(m_mutex); }
     MutexScope(const MutexScope&) = delete;
     MutexScope& operator=(const MutexScope&) = delete;
 
+    [[nodiscard]] bool Abandoned() const noexcept { return m_abandoned; }
+
 private:
     HANDLE m_mutex;
+    bool m_abandoned;
 };
 
 } // namespace lab

@@ -112,11 +112,26 @@ Machine::Impl::Impl(const std::filesystem::path& folderPath) : folder(folderPath
         table->journalOn = 1;
         table->magic = LAB_DRIVER_MAGIC;
     }
+    if (lock.Abandoned())
+    {
+        Recover();
+    }
+}
+
+void Machine::Impl::Recover() noexcept
+{
+    // The dead holder may have replaced the state without telling: a new version makes everybody read it again. And the
+    // driver waits while the table's sequence is odd; its content is written afresh at the next change.
+    shared->version.fetch_add(1);
+    if (table->sequence % 2 != 0)
+    {
+        table->sequence = table->sequence + 1;
+    }
 }
 
 std::shared_ptr<const Json> Machine::Impl::Load(std::uint64_t& version)
 {
-    const MutexScope lock{mutex.get()};
+    const Lock lock{*this};
     version = shared->version.load();
     const std::filesystem::path path = folder / L"state.json";
     std::error_code error;
@@ -183,7 +198,7 @@ std::uint64_t Machine::Update(const std::function<void(Json&, Events&)>& change)
     const std::scoped_lock cacheLock{impl.cacheMutex};
     bool devicesChanged = false;
     {
-        const MutexScope lock{impl.mutex.get()};
+        const Impl::Lock lock{impl};
         if (impl.cached == nullptr || impl.cachedVersion != Version())
         {
             impl.cached = impl.Load(impl.cachedVersion); // the platform's mutex may be taken again by its owner
@@ -192,8 +207,7 @@ std::uint64_t Machine::Update(const std::function<void(Json&, Events&)>& change)
         Events events;
         change(*state, events);
         impl.WriteState(*state);
-        // From here on the change holds. Should this process die before the next line, other processes keep their old
-        // copy until the next change: the document on disk is complete either way.
+        // From here on the change holds, also if this process dies before the next line: see Recover.
         impl.cachedVersion = impl.shared->version.fetch_add(1) + 1;
         impl.cached = std::move(state);
         devicesChanged = PublishDriverTable(*impl.table, *impl.cached);

@@ -29,6 +29,23 @@ struct Machine::Impl
     std::shared_ptr<const Json> cached; // guarded by cacheMutex
     std::uint64_t cachedVersion = 0;    // guarded by cacheMutex
 
+    // Holds the machine's mutex. If its last holder died in a change, what it may have left undone is made good.
+    class Lock
+    {
+    public:
+        explicit Lock(Impl& impl) noexcept : m_scope(impl.mutex.get())
+        {
+            if (m_scope.Abandoned())
+            {
+                impl.Recover();
+            }
+        }
+
+    private:
+        MutexScope m_scope;
+    };
+
+    void Recover() noexcept;                                  // mutex held
     std::shared_ptr<const Json> Load(std::uint64_t& version); // takes the mutex
     void AppendEvents(Events& events);                        // mutex held
     void WakeListeners() noexcept;

@@ -6,7 +6,7 @@
 #include "lab/state/Model.h"
 #include "lab/state/Text.h"
 
-#include <atomic>
+#include <fstream>
 #include <thread>
 
 namespace lab::test
@@ -82,15 +82,23 @@ TEST_F(MachineState, ChangesFromManyThreadsAreAllKept)
     EXPECT_EQ((*TheMachine().Snapshot())["count"], 100);
 }
 
-TEST_F(MachineState, HolderOfTheLockThatDiesLeavesTheMachineUsable)
+TEST_F(MachineState, HolderOfTheLockThatDiesLeavesTheMachineUsableAndItsStateIsReadAgain)
 {
-    // A thread that takes the machine's lock inside a change and ends there, as a killed process does.
+    // A thread that takes the machine's lock inside a change and ends there, as a killed process does. Killed after the
+    // new state was written, it leaves a document that nobody was told of.
     const auto doomed = OtherProcess();
+    (void)TheMachine().Snapshot();
     const Handle thread{CreateThread(
         nullptr, 0,
         [](void* machine) -> DWORD
         {
-            static_cast<Machine*>(machine)->Update([](Json&, Events&) { ExitThread(7); });
+            static_cast<Machine*>(machine)->Update(
+                [](Json& state, Events&)
+                {
+                    state["hostName"] = "WRITTEN";
+                    std::ofstream{TheMachine().Folder() / L"state.json"} << state;
+                    ExitThread(7);
+                });
             return 0;
         },
         doomed.get(), 0, nullptr)};
@@ -98,6 +106,8 @@ TEST_F(MachineState, HolderOfTheLockThatDiesLeavesTheMachineUsable)
     DWORD code = 0;
     GetExitCodeThread(thread.get(), &code);
     ASSERT_EQ(code, 7U);
+    TheMachine().Raise({}); // whoever takes the lock next
+    EXPECT_EQ((*TheMachine().Snapshot())["hostName"], "WRITTEN");
     Set("/hostName", "AFTER");
     EXPECT_EQ((*TheMachine().Snapshot())["hostName"], "AFTER");
 }

@@ -364,6 +364,30 @@ TEST_F(WmiObject, IsFoundByPathAndSaysWhatIsWrongWithAPath)
     EXPECT_EQ(get(L"not a path"), static_cast<HRESULT>(WBEM_E_INVALID_OBJECT_PATH));
 }
 
+TEST(WmiLifetime, TheDllLoadsServesItsClassAndNoOtherAndCanBeUnloaded)
+{
+    const HMODULE dll = LoadLibraryW(WMI_DLL);
+    ASSERT_NE(dll, nullptr) << "error " << GetLastError();
+    using GetClassObject = HRESULT(STDAPICALLTYPE*)(REFCLSID, REFIID, void**);
+    using CanUnload = HRESULT(STDAPICALLTYPE*)();
+    const auto get =
+        reinterpret_cast<GetClassObject>(reinterpret_cast<void*>(GetProcAddress(dll, "DllGetClassObject")));
+    const auto canUnload = reinterpret_cast<CanUnload>(reinterpret_cast<void*>(GetProcAddress(dll, "DllCanUnloadNow")));
+    ASSERT_NE(get, nullptr);
+    ASSERT_NE(canUnload, nullptr);
+    {
+        _com_ptr_t<_com_IIID<IClassFactory, &__uuidof(IClassFactory)>> factory;
+        ASSERT_EQ(get(wmi::locatorClass, __uuidof(IClassFactory), reinterpret_cast<void**>(&factory)), S_OK);
+        IWbemLocatorPtr locator;
+        EXPECT_EQ(factory->CreateInstance(nullptr, __uuidof(IWbemLocator), reinterpret_cast<void**>(&locator)), S_OK);
+        EXPECT_EQ(canUnload(), S_FALSE);
+        void* other = nullptr;
+        EXPECT_EQ(get(__uuidof(IUnknown), __uuidof(IClassFactory), &other), CLASS_E_CLASSNOTAVAILABLE);
+    }
+    EXPECT_EQ(canUnload(), S_OK);
+    EXPECT_TRUE(FreeLibrary(dll));
+}
+
 TEST(WmiLifetime, NothingIsLeftWhenTheClientIsDone)
 {
     // Notification sinks keep the module for good; this client uses none.
