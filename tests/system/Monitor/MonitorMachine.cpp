@@ -1,0 +1,31 @@
+#include "Monitor/MonitorMachine.h"
+
+std::string Lab(const std::wstring& arguments)
+{
+    const FinishedProcess done = RunProcess(L"\"C:\\Program Files\\HalcydLab\\labctl.exe\" " + arguments);
+    EXPECT_TRUE(done.started && !done.timedOut && done.exitCode == 0) << done.output;
+    return done.output;
+}
+
+void MonitorTest::SetUp()
+{
+    ASSERT_TRUE(apartment.Initialized());
+    Lab(L"load laptop");
+    ASSERT_TRUE(service.StartAndWait());
+}
+
+INetMonSvPtr MonitorTest::Monitor()
+{
+    HRESULT result = E_FAIL;
+    INetMonSvPtr monitor = ActivateMonitor(&result);
+    EXPECT_EQ(result, S_OK);
+    return monitor;
+}
+
+INetMonSvPtr MonitorTest::OpenMonitor()
+{
+    INetMonSvPtr monitor = Monitor();
+    EXPECT_EQ(monitor->Open(), S_OK);
+    EXPECT_EQ(monitor->StartNotificationProcessing(), S_OK);
+    return monitor;
+}
