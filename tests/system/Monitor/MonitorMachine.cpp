@@ -11,8 +11,10 @@ void MonitorTest::SetUp()
 {
     ASSERT_TRUE(apartment.Initialized());
     Lab(L"load laptop");
-    // The service starts with Windows: starting it here as well would get in its way.
-    ASSERT_TRUE(service.WaitForState(SERVICE_RUNNING, 30'000) || service.StartAndWait());
+    // The service starts with Windows; the activation waits until its class objects are there.
+    HRESULT result = E_FAIL;
+    const INetMonSvPtr first = ActivateMonitor(&result);
+    ASSERT_EQ(result, S_OK);
 }
 
 INetMonSvPtr MonitorTest::Monitor()

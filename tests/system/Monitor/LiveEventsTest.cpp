@@ -1,0 +1,168 @@
+// Notifications of the machine on their way to a client, in the order that clients rely on. The waits for a gateway are
+// long, so these run in accelerated time.
+
+#include "Monitor/MonitorMachine.h"
+
+#include <algorithm>
+#include <atomic>
+#include <memory>
+
+namespace
+{
+class Fast10_LiveEvents : public MonitorTest
+{
+protected:
+    void SetUp() override
+    {
+        MonitorTest::SetUp();
+        if (HasFatalFailure())
+        {
+            return;
+        }
+        monitor = OpenMonitor();
+        sink = std::make_unique<EventConnection>(monitor);
+        ASSERT_EQ(sink->Result(), S_OK);
+    }
+    void TearDown() override
+    {
+        sink.reset();
+        if (monitor != nullptr)
+        {
+            EXPECT_EQ(monitor->Close(), S_OK);
+        }
+    }
+    // Waits for an event about an adapter.
+    [[nodiscard]] std::optional<RecordedEvent> WaitFor(std::int32_t event, const wchar_t* adapter, DWORD limit = 60'000)
+    {
+        return sink->Recorder().WaitFor([&](const RecordedEvent& told)
+                                        { return told.event == event && told.deviceId == adapter; }, limit);
+    }
+    [[nodiscard]] int Count(std::int32_t event, const wchar_t* adapter)
+    {
+        const auto events = sink->Recorder().Events();
+        return static_cast<int>(std::count_if(events.begin(), events.end(), [&](const RecordedEvent& told)
+                                              { return told.event == event && told.deviceId == adapter; }));
+    }
+    [[nodiscard]] std::optional<AdapterRecord> Adapter(const wchar_t* id)
+    {
+        const std::vector<AdapterRecord> list = ReadAdapterList(monitor);
+        const AdapterRecord* const found = FindAdapter(list, id);
+        return found != nullptr ? std::optional(*found) : std::nullopt;
+    }
+
+    INetMonSvPtr monitor;
+    std::unique_ptr<EventConnection> sink;
+};
+
+TEST_F(Fast10_LiveEvents, WiredDisconnectIsToldAtOnceWithoutMacAndClearsTheAddresses)
+{
+    Lab(L"cable out eth0");
+    const auto told = WaitFor(enumEventMediaDisconnect, kEthernet);
+    ASSERT_TRUE(told.has_value());
+    EXPECT_EQ(told->secondType, VT_BSTR);
+    EXPECT_EQ(told->adjacentMac, L""); // empty, not null
+    const auto adapter = Adapter(kEthernet);
+    ASSERT_TRUE(adapter.has_value());
+    EXPECT_EQ(adapter->connectStatus, 1);
+    EXPECT_EQ(adapter->ipAddress, std::nullopt);
+    EXPECT_EQ(adapter->dnsServers, std::nullopt);
+}
+
+TEST_F(Fast10_LiveEvents, WiredConnectIsToldWithTheGatewaysMacWhenThereIsAGateway)
+{
+    Lab(L"cable out eth0");
+    ASSERT_TRUE(WaitFor(enumEventMediaDisconnect, kEthernet).has_value());
+    Lab(L"cable in eth0");
+    const auto told = WaitFor(enumEventMediaConnect, kEthernet);
+    ASSERT_TRUE(told.has_value());
+    const auto adapter = Adapter(kEthernet);
+    ASSERT_TRUE(adapter.has_value());
+    EXPECT_EQ(adapter->connectStatus, 0);
+    EXPECT_EQ(adapter->ipGateway, L"192.0.2.1");
+    EXPECT_EQ(told->adjacentMac, adapter->gatewayMac);
+}
+
+TEST_F(Fast10_LiveEvents, DisconnectWithinTheWaitComesFirstAndTheConnectStillFollows)
+{
+    Lab(L"cable out eth0");
+    ASSERT_TRUE(WaitFor(enumEventMediaDisconnect, kEthernet).has_value());
+    sink->Recorder().Clear();
+    Lab(L"set adapters.eth0.dhcp.lease.gateways []");
+    Lab(L"cable in eth0");
+    Lab(L"cable out eth0");
+    ASSERT_TRUE(WaitFor(enumEventMediaDisconnect, kEthernet).has_value());
+    EXPECT_EQ(Count(enumEventMediaConnect, kEthernet), 0);
+    EXPECT_TRUE(WaitFor(enumEventMediaConnect, kEthernet).has_value());
+}
+
+TEST_F(Fast10_LiveEvents, AdapterRemovedDuringTheWaitDropsTheConnect)
+{
+    Lab(L"cable out eth0");
+    ASSERT_TRUE(WaitFor(enumEventMediaDisconnect, kEthernet).has_value());
+    Lab(L"set adapters.eth0.dhcp.lease.gateways []");
+    Lab(L"cable in eth0");
+    Lab(L"adapter remove eth0");
+    const auto told = WaitFor(enumEventAdapterRemove, kEthernet);
+    ASSERT_TRUE(told.has_value());
+    EXPECT_EQ(told->adjacentMac, L"");
+    EXPECT_FALSE(Adapter(kEthernet).has_value());
+    // The wait of ten seconds is over when a later connect on another adapter has waited as long.
+    EXPECT_EQ(monitor->Close(), S_OK); // waits for the pool
+    EXPECT_EQ(Count(enumEventMediaConnect, kEthernet), 0);
+    EXPECT_EQ(monitor->Open(), S_OK);
+}
+
+TEST_F(Fast10_LiveEvents, AdapterThatComesBackIsToldAsAddedWithItsDataReadAnew)
+{
+    Lab(L"adapter remove eth0");
+    ASSERT_TRUE(WaitFor(enumEventAdapterRemove, kEthernet).has_value());
+    Lab(L"adapter add eth0");
+    ASSERT_TRUE(WaitFor(enumEventAdapterAdd, kEthernet).has_value());
+    const auto adapter = Adapter(kEthernet);
+    ASSERT_TRUE(adapter.has_value());
+    EXPECT_EQ(adapter->description, L"Brevik GX210 Gigabit Ethernet");
+    EXPECT_EQ(adapter->macAddress, L"02:00:5E:00:53:07");
+}
+
+TEST_F(Fast10_LiveEvents, WithoutStartNotificationProcessingNothingIsTold)
+{
+    ASSERT_EQ(monitor->StopNotificationProcessing(), S_OK);
+    Lab(L"cable out eth0");
+    ASSERT_EQ(monitor->StartNotificationProcessing(), S_OK);
+    Lab(L"cable out usb0");
+    ASSERT_TRUE(sink->Recorder().WaitForEvent(enumEventMediaDisconnect, 60'000).has_value());
+    EXPECT_EQ(Count(enumEventMediaDisconnect, kEthernet), 0);
+    const auto adapter = Adapter(kEthernet);
+    ASSERT_TRUE(adapter.has_value());
+    EXPECT_EQ(adapter->connectStatus, 0);
+}
+
+TEST_F(Fast10_LiveEvents, SinkMayCallBackIntoTheMonitorFromTheEvent)
+{
+    std::atomic<std::size_t> seen{0};
+    sink->Recorder().OnEvent(
+        [&](const RecordedEvent&)
+        {
+            seen = ReadAdapterList(monitor).size();
+            return S_OK;
+        });
+    Lab(L"cable out eth0");
+    ASSERT_TRUE(WaitFor(enumEventMediaDisconnect, kEthernet).has_value());
+    Lab(L"cable in eth0");
+    ASSERT_TRUE(WaitFor(enumEventMediaConnect, kEthernet).has_value());
+    EXPECT_GT(seen.load(), 0u);
+}
+
+TEST_F(Fast10_LiveEvents, FailingSinkKeepsGettingEventsAndTheOtherSinkTheSame)
+{
+    sink->Recorder().OnEvent([](const RecordedEvent&) { return E_FAIL; });
+    const EventConnection other(monitor);
+    ASSERT_EQ(other.Result(), S_OK);
+    Lab(L"cable out eth0");
+    Lab(L"cable in eth0");
+    ASSERT_TRUE(WaitFor(enumEventMediaDisconnect, kEthernet).has_value());
+    ASSERT_TRUE(WaitFor(enumEventMediaConnect, kEthernet).has_value());
+    EXPECT_TRUE(other->WaitForEvent(enumEventMediaDisconnect).has_value());
+    EXPECT_TRUE(other->WaitForEvent(enumEventMediaConnect).has_value());
+}
+} // namespace
