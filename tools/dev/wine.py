@@ -137,7 +137,7 @@ class Prefix:
         if self.speed != 1:
             # All processes of the prefix share one fast clock, the server included.
             environment.update(LD_PRELOAD=_faketime_library(), FAKETIME=f'+0 x{self.speed}',
-                               FAKETIME_DONT_RESET='1')
+                               FAKETIME_DONT_RESET='1', NO_FAKE_STAT='1')
         environment.update(extra or {})
         return environment
 

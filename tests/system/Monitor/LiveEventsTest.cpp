@@ -129,7 +129,7 @@ TEST_F(Fast10_LiveEvents, WithoutStartNotificationProcessingNothingIsTold)
     ASSERT_EQ(monitor->StopNotificationProcessing(), S_OK);
     Lab(L"cable out eth0");
     ASSERT_EQ(monitor->StartNotificationProcessing(), S_OK);
-    Lab(L"cable out usb0");
+    Lab(L"cable out dock0");
     ASSERT_TRUE(sink->Recorder().WaitForEvent(enumEventMediaDisconnect, 60'000).has_value());
     EXPECT_EQ(Count(enumEventMediaDisconnect, kEthernet), 0);
     const auto adapter = Adapter(kEthernet);
