@@ -74,6 +74,11 @@ std::wstring_view WithoutBracketedIndex(std::wstring_view text) noexcept
 
 bool SameTextAnyCase(std::wstring_view left, std::wstring_view right) noexcept
 {
-    return left.size() == right.size() && CompareStringOrdinal(left.data(), static_cast<int>(left.size()), right.data(),
-                                                               static_cast<int>(right.size()), TRUE) == CSTR_EQUAL;
+    if (left.size() != right.size())
+    {
+        return false;
+    }
+    // The platform takes an empty text without an address for an error.
+    return left.empty() || CompareStringOrdinal(left.data(), static_cast<int>(left.size()), right.data(),
+                                                static_cast<int>(right.size()), TRUE) == CSTR_EQUAL;
 }
