@@ -94,7 +94,7 @@ TEST_F(ServiceProxy, UnknownServiceReturnsTheManagersError)
 TEST_F(ServiceProxy, QueryFillsTheNumbersOfVariantsThatTheCallerTyped)
 {
     // Late bound, where the caller's variants reach the service with their types.
-    IDispatchPtr dispatch = services;
+    IDispatch* const dispatch = services;
     _variant_t mode(0L);
     _variant_t startType(0L);
     VARIANT arguments[3];
