@@ -18,29 +18,30 @@ public:
     COM_INTERFACE_ENTRY(IDispatch)
     END_COM_MAP()
 
-    STDMETHOD(CreateRouteEntry)(VARIANT vDest, VARIANT vNetMask, VARIANT vGateway, VARIANT vInterface, VARIANT vMetric,
-                                VARIANT vIfIndex, VARIANT vIfMask) override;
-    STDMETHOD(DeleteRouteEntry)(VARIANT vDest) override;
-    STDMETHOD(EnableVNICAdapter)() override;
-    STDMETHOD(EnableVNICAdapterAsynch)() override;
-    STDMETHOD(DisableVNICAdapter)() override;
-    STDMETHOD(DisableVNICAdapterAsynch)() override;
-    STDMETHOD(ResetVNICAdapterAsynch)() override;
-    STDMETHOD(ResetVNICAdapter)() override;
-    STDMETHOD(GetVNICStatus)() override;
-    STDMETHOD(TunvexSetIpForwardEntry)(VARIANT vVnicIpAddr, VARIANT vInterfaceIndex) override;
-    STDMETHOD(RouteCommand)(BSTR bstrCommand) override;
-    STDMETHOD(TunvexUpdateVnicState)(VARIANT vVnicState) override;
-    STDMETHOD(CleanUpVnicStateIfNecessary)() override;
-    STDMETHOD(TunvexInitVnicForVista)(VARIANT vVnicMetric, BSTR* Alias, LONG bIPv6) override;
-    STDMETHOD(TunvexGetInterfaceMetric)(VARIANT vIpv6, VARIANT vIndex, VARIANT* vMetric) override;
-    STDMETHOD(ConfigureVnic)(_VNIC_CONFIG_INFO* pVnicConfigInfo) override;
-    STDMETHOD(CreateMultipleRouteEntries)(VARIANT vRouteList, VARIANT vNumRoutes, VARIANT vGateway, VARIANT vInterface,
-                                          VARIANT vMetric, VARIANT vIfIndex, VARIANT vIfMask) override;
-    STDMETHOD(CreateMultipleIPv6RouteEntries)(ULONG NumRoutes, _ip_transfer* IPv6Acl, byte Gateway[16],
-                                              byte Interface[16], ULONG Metric, ULONG IfIndex,
-                                              BSTR FriendlyName) override;
-    STDMETHOD(DeleteMultipleIPv6RouteEntries)(ULONG ulNumACLEntries, _ip_transfer* pACL, BSTR FriendlyName,
-                                              BSTR GatewayIpAddress) override;
-    STDMETHOD(PerformGenericAction)(ULONG Action) override;
+    STDMETHODIMP CreateRouteEntry(VARIANT vDest, VARIANT vNetMask, VARIANT vGateway, VARIANT vInterface,
+                                  VARIANT vMetric, VARIANT vIfIndex, VARIANT vIfMask) override;
+    STDMETHODIMP DeleteRouteEntry(VARIANT vDest) override;
+    STDMETHODIMP EnableVNICAdapter() override;
+    STDMETHODIMP EnableVNICAdapterAsynch() override;
+    STDMETHODIMP DisableVNICAdapter() override;
+    STDMETHODIMP DisableVNICAdapterAsynch() override;
+    STDMETHODIMP ResetVNICAdapterAsynch() override;
+    STDMETHODIMP ResetVNICAdapter() override;
+    STDMETHODIMP GetVNICStatus() override;
+    STDMETHODIMP TunvexSetIpForwardEntry(VARIANT vVnicIpAddr, VARIANT vInterfaceIndex) override;
+    STDMETHODIMP RouteCommand(BSTR bstrCommand) override;
+    STDMETHODIMP TunvexUpdateVnicState(VARIANT vVnicState) override;
+    STDMETHODIMP CleanUpVnicStateIfNecessary() override;
+    STDMETHODIMP TunvexInitVnicForVista(VARIANT vVnicMetric, BSTR* Alias, LONG bIPv6) override;
+    STDMETHODIMP TunvexGetInterfaceMetric(VARIANT vIpv6, VARIANT vIndex, VARIANT* vMetric) override;
+    STDMETHODIMP ConfigureVnic(_VNIC_CONFIG_INFO* pVnicConfigInfo) override;
+    STDMETHODIMP CreateMultipleRouteEntries(VARIANT vRouteList, VARIANT vNumRoutes, VARIANT vGateway,
+                                            VARIANT vInterface, VARIANT vMetric, VARIANT vIfIndex,
+                                            VARIANT vIfMask) override;
+    STDMETHODIMP CreateMultipleIPv6RouteEntries(ULONG NumRoutes, _ip_transfer* IPv6Acl, byte Gateway[16],
+                                                byte Interface[16], ULONG Metric, ULONG IfIndex,
+                                                BSTR FriendlyName) override;
+    STDMETHODIMP DeleteMultipleIPv6RouteEntries(ULONG ulNumACLEntries, _ip_transfer* pACL, BSTR FriendlyName,
+                                                BSTR GatewayIpAddress) override;
+    STDMETHODIMP PerformGenericAction(ULONG Action) override;
 };
