@@ -28,9 +28,14 @@ void RegisterProxies()
     ASSERT_EQ(run.exitCode, 0u);
 }
 
+bool StopService()
+{
+    return WaitUntil([] { return ServiceControl().StopAndWait(5'000); });
+}
+
 void BecomePlainServer()
 {
-    ASSERT_TRUE(ServiceControl().StopAndWait());
+    ASSERT_TRUE(StopService());
     ASSERT_EQ(RunWord(L"-RegServer"), 0u);
     RegisterProxies();
 }

@@ -20,6 +20,10 @@ inline constexpr wchar_t LibraryId[] = L"{250CEEF9-EB41-46A8-98D4-6C7FA8C5FEB1}"
 // Runs the service's executable with these arguments to its end and gives its exit code.
 [[nodiscard]] DWORD RunWord(const std::wstring& arguments);
 
+// Stops the service and waits for the end of its process. A service that the machine has just begun to start refuses at
+// first, so this asks again until it works.
+[[nodiscard]] bool StopService();
+
 // Stops the service, runs the word that makes a plain server of it, and registers the proxies again.
 void BecomePlainServer();
 // The same for the word that makes a service of it.

@@ -15,7 +15,7 @@ using namespace HostSupport;
 
 TEST(ServiceProcess, ActivationStartsTheServiceThroughTheServiceManager)
 {
-    ASSERT_TRUE(ServiceControl().StopAndWait());
+    ASSERT_TRUE(StopService());
     HRESULT result = S_OK;
     const INetRegistryPtr object = ActivateLocal<INetRegistryPtr>(CLSID_NetRegistry, &result);
     ASSERT_EQ(result, S_OK);
@@ -37,11 +37,11 @@ TEST(ServiceProcess, OutlivesItsClients)
 
 TEST(ServiceProcess, StartReportsRunningOnlyAfterTheRestoreAndStopClosesTheMonitorFirst)
 {
-    ASSERT_TRUE(ServiceControl().StopAndWait());
+    ASSERT_TRUE(StopService());
     const int starts = CountInTrace(L"Service Halcyd Starting");
     ASSERT_TRUE(ServiceControl().StartAndWait());
     ASSERT_TRUE(WaitForTrace(L"waiting indefinitely for the service stop event", starts + 1));
-    ASSERT_TRUE(ServiceControl().StopAndWait());
+    ASSERT_TRUE(StopService());
     ASSERT_TRUE(WaitForTrace(L"Service Halcyd Stopped", starts + 1));
 
     const std::wstring trace = TraceText();
@@ -82,7 +82,7 @@ TEST(ServiceProcess, StartReportsRunningOnlyAfterTheRestoreAndStopClosesTheMonit
 
 TEST(ServiceProcess, TwoClientsActivatingAtOnceGetOneMonitor)
 {
-    ASSERT_TRUE(ServiceControl().StopAndWait());
+    ASSERT_TRUE(StopService());
     const int before = CountInTrace(L"completed netmon object construction");
     INetMonSvPtr monitors[2];
     {
@@ -124,7 +124,7 @@ TEST(ServiceProcess, PlainClassesMakeAnObjectPerActivation)
 
 TEST(ServiceProcess, StartedByHandItFailsInTheDispatcherAndServesAsAPlainServer)
 {
-    ASSERT_TRUE(ServiceControl().StopAndWait());
+    ASSERT_TRUE(StopService());
     const UniqueHandle process = StartProcess(L"\"" + ServiceExecutable() + L"\"");
     ASSERT_TRUE(process);
     ASSERT_TRUE(
