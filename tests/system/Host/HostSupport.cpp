@@ -1,4 +1,4 @@
-#include "HostSupport.h"
+#include "Host/HostSupport.h"
 
 #include <gtest/gtest.h>
 

@@ -7,7 +7,7 @@
 #include <barrier>
 #include <thread>
 
-#include "HostSupport.h"
+#include "Host/HostSupport.h"
 #include "NetUtilities/ComApartment.h"
 #include "tests/support/ComPointers.h"
 

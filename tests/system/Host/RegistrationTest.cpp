@@ -7,7 +7,7 @@
 #include <algorithm>
 #include <set>
 
-#include "HostSupport.h"
+#include "Host/HostSupport.h"
 #include "NetUtilities/Handles.h"
 #include "tests/support/RegistryExport.h"
 

@@ -7,7 +7,7 @@
 
 #include <map>
 
-#include "HostSupport.h"
+#include "Host/HostSupport.h"
 #include "tests/support/ComPointers.h"
 
 _COM_SMARTPTR_TYPEDEF(ITypeLib, __uuidof(ITypeLib));
