@@ -2,6 +2,8 @@
 
 #include <cfgmgr32.h>
 
+#include <algorithm>
+
 #include <gtest/gtest.h>
 
 #include "DeviceTreeStandIn.h"
@@ -91,6 +93,13 @@ TEST_F(DeviceTreeTest, ClimbStopsAtAParentWithoutIdentity)
     EXPECT_TRUE(recorder.HasMessage(L"Stop here, No VID/PID for parent"));
 }
 
+TEST_F(DeviceTreeTest, ParentOfTheSameVendorWithAnotherProductStopsTheClimb)
+{
+    const int dock = tree.Add(hub, L"USB\\dock", L"USB", L"USB\\VID_0BDA&PID_5411");
+    tree.Add(dock, L"USB\\net", L"Net", L"USB\\VID_0BDA&PID_8153");
+    EXPECT_EQ((std::vector<std::wstring>{L"USB\\net"}), Ids(Info(L"USB\\net")));
+}
+
 TEST_F(DeviceTreeTest, ClimbStopsAtTheRoot)
 {
     DeviceTreeStandIn::Device& top = tree[root];
@@ -124,6 +133,8 @@ TEST_F(DeviceTreeTest, NodeWithoutIdentityTakesThatOfAUsbParentByTheSameManufact
     EXPECT_TRUE(recorder.HasMessage(L"Current node is not USB, parent node is USB, and manufacturer match, so "
                                     L"attempting to get PID/VID from parent node"));
     EXPECT_TRUE(recorder.HasMessage(L"Found PID/VID from parent node, setting current node to parent node"));
+    const auto messages = recorder.Messages();
+    EXPECT_EQ(1, std::count(messages.begin(), messages.end(), L"Analyzing parent")) << "the climb begins at the parent";
 }
 
 TEST_F(DeviceTreeTest, ParentByAnotherManufacturerGivesNothing)
