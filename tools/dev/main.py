@@ -37,6 +37,11 @@ def command_bench(options):
     return benchmarks.main(options.name, options.json)
 
 
+def command_fuzz(options):
+    import fuzzing
+    return fuzzing.main(options.target, options.seconds)
+
+
 def parser():
     top = argparse.ArgumentParser(prog='./dev', description=__doc__)
     commands = top.add_subparsers(dest='command', required=True, metavar='COMMAND')
@@ -65,6 +70,11 @@ def parser():
     one.add_argument('--scenario', default='laptop')
     one.add_argument('program', nargs='+', metavar='PROGRAM', help='behind --, with its arguments')
     one.set_defaults(action=command_exec)
+
+    one = commands.add_parser('fuzz', help='random input for what needs no platform, natively, with sanitizers')
+    one.add_argument('target', nargs='?', help='part of a name, e.g. IniText')
+    one.add_argument('--seconds', type=int, default=20, help='for each target (default 20)')
+    one.set_defaults(action=command_fuzz)
     return top
 
 

@@ -9,6 +9,7 @@ from concurrent.futures import ThreadPoolExecutor
 from os import cpu_count
 
 import build
+import fuzzing
 import googletest
 import lint
 import packages
@@ -83,6 +84,22 @@ def run_script_tests(tally, pattern):
         if (result.returncode != 0 or not found) and _matches(f'script: {path.stem}', pattern) and \
                 all(verdict == 'ok' for _, verdict in found):
             tally.add(Outcome(f'script: {path.stem}', 'failed', result.stderr[-3000:]))
+
+
+def run_fuzz(tally, pattern):
+    """A short run of each fuzz target; ./dev fuzz is for the long ones."""
+    names = [p.stem.removesuffix('Fuzz') for p in sorted((build.ROOT / 'tests' / 'fuzz').glob('*Fuzz.cpp'))]
+    wanted = [n for n in names if _matches(f'fuzz: {n}', pattern)]
+    if not wanted:
+        return
+    programs = fuzzing.compile_targets()
+    step = Step('fuzz targets')
+    for name in wanted:
+        held, count, said = fuzzing.run_target(name, programs[name], f'-runs={fuzzing.SMOKE_RUNS}')
+        held = held and count >= fuzzing.SMOKE_RUNS
+        tally.add(Outcome(f'fuzz: {name}', 'passed' if held else 'failed', said[-4000:]),
+                  fuzzing.FOLDER.relative_to(build.ROOT) / 'found')
+    step.done(f'{len(wanted)} targets, {fuzzing.SMOKE_RUNS} inputs each')
 
 
 def run_unit(tally, built, preset, pattern):
@@ -215,6 +232,7 @@ def main(pattern=None, quick=False):
         return tally.summary(time.monotonic() - started)
     run_runner_checks(tally, built, pattern)
     run_unit(tally, built, 'gcc', pattern)
+    run_fuzz(tally, pattern)
     run_system(tally, built, pattern)
     if not quick and not pattern:
         try:
