@@ -23,8 +23,8 @@ void BeforeLock(LockRank wanted) noexcept
     {
         if (!MayFollow(held, wanted))
         {
-            std::fprintf(stderr, "lock order broken: rank %d wanted while rank %d is held\n", static_cast<int>(wanted),
-                         static_cast<int>(held));
+            (void)std::fprintf(stderr, "lock order broken: rank %d wanted while rank %d is held\n",
+                               static_cast<int>(wanted), static_cast<int>(held));
             std::abort();
         }
     }
@@ -57,7 +57,7 @@ namespace
 // A broken promise to the lock analysis: only debug builds look.
 [[noreturn, maybe_unused]] void NotHeld() noexcept
 {
-    std::fputs("a mutex is not held by the thread that says so\n", stderr);
+    (void)std::fputs("a mutex is not held by the thread that says so\n", stderr);
     std::abort();
 }
 } // namespace

@@ -93,6 +93,8 @@ DWORD RegistryKey::Create(const std::wstring& fullPath, REGSAM access, DWORD opt
     return Create(parts.valid ? RootFromHiveName(parts.hive) : nullptr, std::wstring(parts.subkey), access, options);
 }
 
+// `subkey` is a copy in both: it may be a text of this object, which closing clears.
+// NOLINTBEGIN(performance-unnecessary-value-param)
 DWORD RegistryKey::CreateAt(HKEY root, std::wstring displayName, std::wstring subkey, REGSAM access, DWORD options)
 {
     Close();
@@ -153,6 +155,8 @@ DWORD RegistryKey::OpenAt(HKEY root, std::wstring displayName, std::wstring subk
     }
     return code;
 }
+
+// NOLINTEND(performance-unnecessary-value-param)
 
 void RegistryKey::Close() noexcept
 {
