@@ -195,6 +195,28 @@ TEST_F(Bindings, KilledServiceLeavesBindingsOffKeysWithoutValueAndNoLock)
     EXPECT_TRUE(key->second.empty());
 }
 
+TEST_F(Bindings, ServiceKilledInsideApplyLeavesBindingsOnKeysWithoutValueAndNoLock)
+{
+    Lab(L"slow INetCfg::Apply --ms 60000");
+    std::future<HRESULT> disable = DisableOnAThread();
+    const std::wstring last = std::wstring(L"ms_tcpip\\") + WiFi;
+    const ULONGLONG end = GetTickCount64() + 60'000;
+    while (ExportRegistry(HKEY_LOCAL_MACHINE, RecordRoot).count(last) == 0 && GetTickCount64() < end)
+    {
+        ::Sleep(10);
+    }
+    ASSERT_TRUE(KillProcess(ServiceControl().ProcessId()));
+    ASSERT_TRUE(Comes(disable));
+    EXPECT_TRUE(FAILED(disable.get()));
+    const std::string shown = ShowBindings();
+    EXPECT_EQ(0, Count(shown, "off")) << shown;
+    EXPECT_EQ(std::string::npos, shown.find("write lock:")) << shown;
+    const RegistryExport record = ExportRegistry(HKEY_LOCAL_MACHINE, RecordRoot);
+    const auto key = record.find(last);
+    ASSERT_NE(record.end(), key);
+    EXPECT_TRUE(key->second.empty());
+}
+
 TEST_F(Bindings, PreferenceIsNotChangedBecauseItsPermissionCannotBeRead)
 {
     ASSERT_EQ(0, RegSetKeyValueW(HKEY_LOCAL_MACHINE, RecordRoot, L"UserControlAllowed", REG_SZ, L"yes", 8));
