@@ -256,10 +256,7 @@ private:
 class Configuration : public Object<INetCfg>, public INetCfgLock
 {
 public:
-    Configuration()
-    {
-        static_cast<void>(CoCreateFreeThreadedMarshaler(static_cast<INetCfg*>(this), &marshaler));
-    }
+    Configuration() { static_cast<void>(CoCreateFreeThreadedMarshaler(static_cast<INetCfg*>(this), &marshaler)); }
     ~Configuration() override
     {
         if (marshaler != nullptr)
