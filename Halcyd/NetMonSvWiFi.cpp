@@ -119,8 +119,11 @@ HRESULT CNetMonSv::CreateWiFiExtension(_DEVICE_ELEMENT* node)
     *extension = {};
     node->u.pWiFiAdapter = extension;
     HANDLE timer = nullptr;
-    if (CreateTimerQueueTimer(&timer, timerQueue, &CNetMonSv::WiFiTimerCallback, node, timerDue, timerPeriod,
-                              WT_EXECUTELONGFUNCTION))
+    // Without a queue of the monitor's own there is no timer: a null handle means the process's default queue, whose
+    // timers outlive the list.
+    SetLastError(ERROR_INVALID_HANDLE);
+    if (timerQueue != nullptr && CreateTimerQueueTimer(&timer, timerQueue, &CNetMonSv::WiFiTimerCallback, node,
+                                                       timerDue, timerPeriod, WT_EXECUTELONGFUNCTION) != FALSE)
     {
         extension->hTimer = static_cast<long*>(timer);
         MonitorTrace::Note(L"created wifi timer ({}, {})", MonitorTrace::Address(node), MonitorTrace::Address(timer));
