@@ -58,6 +58,13 @@ public:
         return *services;
     }
     void Fire(const std::list<FireAdapterChangeEventData>& events) { FireDeferred(events); }
+    // Open as far as the counter goes.
+    void PretendOpen(std::uint32_t users) NO_THREAD_SAFETY_ANALYSIS
+    {
+        openReferenceCount = users;
+        closedFlag = false;
+    }
+    PlainMutex& OpenCloseMutex() { return serializeOpenCloseMutex; }
     void StartPool() { threadPool.Start(); }
     void StopPool() { threadPool.Stop(20000); }
 
