@@ -124,10 +124,10 @@ extern "C"
 {
     decltype(&HookedCreateFileW) __imp_CreateFileW = &HookedCreateFileW;
     decltype(&HookedDeviceIoControl) __imp_DeviceIoControl = &HookedDeviceIoControl;
-    
-// Declared without an import slot: the function itself takes the place of the import library's.
-DWORD WINAPI SendARP(IPAddr destination, IPAddr source, PVOID mac, PULONG length)
-{
-    return HookedSendARP(destination, source, mac, length);
-}
+
+    // Declared without an import slot: the function itself takes the place of the import library's.
+    DWORD WINAPI SendARP(IPAddr destination, IPAddr source, PVOID mac, PULONG length)
+    {
+        return HookedSendARP(destination, source, mac, length);
+    }
 }
