@@ -23,11 +23,12 @@ std::uintptr_t Number(HANDLE handle) noexcept
 }
 
 // The id of the first client process from the snapshot's current entry on; 0 when there is none.
-DWORD FindClientProcess(HANDLE snapshot, PROCESSENTRY32W& entry) noexcept
+DWORD FindClientProcess(HANDLE snapshot, PROCESSENTRY32W& entry, std::wstring_view first,
+                        std::wstring_view second) noexcept
 {
     do
     {
-        if (ClientLookup::IsClientProcessName(entry.szExeFile))
+        if (ClientLookup::IsClientProcessName(entry.szExeFile, first, second))
         {
             return entry.th32ProcessID;
         }
@@ -58,9 +59,9 @@ void WriteTokenUser(HANDLE token, wchar_t* buffer, DWORD bufferSize)
 
 namespace ClientLookup
 {
-bool IsClientProcessName(std::wstring_view fileName) noexcept
+bool IsClientProcessName(std::wstring_view fileName, std::wstring_view first, std::wstring_view second) noexcept
 {
-    return EqualsIgnoringCase(fileName, L"Sorvane.exe") || EqualsIgnoringCase(fileName, L"Probehost.exe");
+    return EqualsIgnoringCase(fileName, first) || EqualsIgnoringCase(fileName, second);
 }
 
 std::wstring SidText(const SID_IDENTIFIER_AUTHORITY& authority, std::span<const DWORD> subAuthorities)
@@ -101,7 +102,7 @@ HANDLE GetSorvaneTokenHandle()
         LogMessageDefault(4, L"GetSorvaneTokenHandle: could not get info about the first process");
         return nullptr;
     }
-    const DWORD processId = FindClientProcess(snapshot.get(), entry);
+    const DWORD processId = FindClientProcess(snapshot.get(), entry, L"Sorvane.exe", L"Probehost.exe");
     if (processId == 0)
     {
         return nullptr;
@@ -130,7 +131,7 @@ wchar_t* GetSorvaneUserSid(wchar_t* buffer, DWORD bufferSize)
     {
         return nullptr;
     }
-    const DWORD processId = FindClientProcess(snapshot.get(), entry);
+    const DWORD processId = FindClientProcess(snapshot.get(), entry, L"SORVANE.EXE", L"PROBEHOST.EXE");
     if (processId != 0)
     {
         const UniqueHandle process(OpenProcess(PROCESS_ALL_ACCESS, FALSE, processId));

@@ -21,8 +21,9 @@ BOOL GetTextualSid(PSID sid, wchar_t* buffer, DWORD* bufferSize);
 
 namespace ClientLookup
 {
-// Whether an executable's file name is one of the client's, in any case and by its whole length.
-[[nodiscard]] bool IsClientProcessName(std::wstring_view fileName) noexcept;
+// Whether an executable's file name is one of the client's two, in any case and by its whole length.
+[[nodiscard]] bool IsClientProcessName(std::wstring_view fileName, std::wstring_view first = L"Sorvane.exe",
+                                       std::wstring_view second = L"Probehost.exe") noexcept;
 
 // Characters that GetTextualSid asks for.
 [[nodiscard]] constexpr DWORD TextualSidSize(DWORD subAuthorityCount) noexcept

@@ -30,7 +30,13 @@ void RegisterProxies()
 
 bool StopService()
 {
-    return WaitUntil([] { return ServiceControl().StopAndWait(5'000); });
+    const ServiceControl service;
+    const auto settled = [&]
+    {
+        const auto state = service.State();
+        return !state || *state == SERVICE_RUNNING || *state == SERVICE_STOPPED;
+    };
+    return WaitUntil(settled, 30'000) && (!service.Exists() || service.StopAndWait());
 }
 
 void BecomePlainServer()

@@ -20,8 +20,8 @@ inline constexpr wchar_t LibraryId[] = L"{250CEEF9-EB41-46A8-98D4-6C7FA8C5FEB1}"
 // Runs the service's executable with these arguments to its end and gives its exit code.
 [[nodiscard]] DWORD RunWord(const std::wstring& arguments);
 
-// Stops the service and waits for the end of its process. A service that the machine has just begun to start refuses at
-// first, so this asks again until it works.
+// Stops the service and waits for the end of its process. A start that the machine has begun is waited for first:
+// service managers refuse a control until then, and one of them does not but hands it to a service that is not ready.
 [[nodiscard]] bool StopService();
 
 // Stops the service, runs the word that makes a plain server of it, and registers the proxies again.
