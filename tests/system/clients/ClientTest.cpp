@@ -228,7 +228,7 @@ TEST_F(ClientTest, InterfacesClaimedByTheTypeLibraryAreToldBeforeACallCouldHang)
 TEST_F(ClientTest, UnregisteredServiceIsToldWithItsCure)
 {
     ASSERT_TRUE(ServiceControl().StopAndWait());
-    RunProcess(L"\"" + ProductFolder() + L"Halcyd.exe\" -UnregServer");
+    EXPECT_EQ(RunProcess(L"\"" + ProductFolder() + L"Halcyd.exe\" -UnregServer").exitCode, 0u);
     const FinishedProcess process = Client(L"list");
     EXPECT_EQ(process.exitCode, 3u);
     EXPECT_NE(process.output.find("Halcyd.exe -Service"), std::string::npos) << process.output;

@@ -131,7 +131,12 @@ FinishedProcess RunClient(const wchar_t* test)
 class TraceStoreTest : public testing::Test
 {
 protected:
-    void SetUp() override { ASSERT_TRUE(ServiceControl().StopAndWait()); }
+    void SetUp() override
+    {
+        // It starts with Windows and takes no control before it runs.
+        ASSERT_TRUE(ServiceControl().StartAndWait());
+        ASSERT_TRUE(ServiceControl().StopAndWait());
+    }
 
     ComApartment apartment;
 };
