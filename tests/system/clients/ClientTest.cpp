@@ -236,16 +236,21 @@ TEST_F(ClientTest, UnregisteredServiceIsToldWithItsCure)
 
 TEST_F(ClientTest, MissingTraceServiceIsToldWithItsCure)
 {
+    ASSERT_TRUE(ServiceControl().StopAndWait());
     ASSERT_EQ(RunProcess(L"\"" + ProductFolder() + L"TraceStore.exe\" -UnregServer").exitCode, 0u);
     const FinishedProcess process = Client(L"trace");
     EXPECT_EQ(process.exitCode, 7u);
     EXPECT_NE(process.output.find("TraceStore.exe -RegServer"), std::string::npos) << process.output;
-    ASSERT_TRUE(ServiceControl().StopAndWait());
     EXPECT_EQ(Client(L"list").exitCode, 7u);
 }
 
 TEST_F(ClientTest, TraceGivesTheServicesLinesAndFiltersThem)
 {
+    {
+        // The service hands its lines over when it gets to it; this returns once they have come.
+        const RunningClient follower(L"trace --follow --json --source ConfigServer");
+        ASSERT_TRUE(follower.WaitForText("m_szDisplayName")) << follower.Output();
+    }
     const FinishedProcess process = Client(L"trace --json --source ConfigServer --level 4 -n 5");
     EXPECT_EQ(process.exitCode, 0u);
     std::istringstream lines(process.output);
