@@ -6,11 +6,11 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <filesystem>
 #include <system_error>
 #include <utility>
 
 #include "NetUtilities/Clock.h"
+#include "NetUtilities/Files.h"
 #include "NetUtilities/PathData.h"
 #include "NetUtilities/Trace.h"
 #include "NetUtilities/TraceStamp.h"
@@ -196,13 +196,12 @@ void FileLogger::DailyCheck()
         return; // required: the day of the month alone is compared
     }
     day = now.wDay;
-    std::error_code ignored;
-    if (std::filesystem::exists(currentPath, ignored))
+    if (FileExists(currentPath))
     {
         Push(FormatText(L"End Log - {}\n", moduleName));
     }
     currentPath = logFolder + L"\\" + FileLogText::FileName(baseName, now);
-    if (std::filesystem::exists(currentPath, ignored))
+    if (FileExists(currentPath))
     {
         Push(L"\n");
     }

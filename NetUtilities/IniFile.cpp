@@ -1,7 +1,6 @@
 #include "NetUtilities/IniFile.h"
 
-#include <filesystem>
-
+#include "NetUtilities/Files.h"
 #include "NetUtilities/Handles.h"
 #include "NetUtilities/IniText.h"
 #include "NetUtilities/PathData.h"
@@ -37,17 +36,10 @@ IniFile::File& IniFile::Refresh(const std::wstring& path)
 {
     File& file = files[path];
     file.path = path;
-    std::error_code ignored;
-    if (std::filesystem::exists(path, ignored))
+    if (FileExists(path))
     {
         file.exists = true;
-        std::error_code failure;
-        const auto modified = std::filesystem::last_write_time(path, failure);
-        if (failure)
-        {
-            throw std::filesystem::filesystem_error("last_write_time", path, failure);
-        }
-        const std::int64_t stamp = modified.time_since_epoch().count();
+        const std::int64_t stamp = LastWriteTime(path);
         if (stamp != file.modified)
         {
             file.modified = stamp;

@@ -19,7 +19,7 @@ public:
     [[nodiscard]] static std::shared_ptr<IniFile> Instance();
 
     // The value of a key (no regard to case) in a section (exact), or the default. Raises
-    // std::filesystem::filesystem_error "last_write_time" if the file is there and its time cannot be read.
+    // std::system_error "last_write_time" if the file is there and its time cannot be read.
     [[nodiscard]] std::wstring GetString(const std::wstring& section, const std::wstring& key,
                                          const std::wstring& defaultValue, const std::wstring& file = {});
     // The value as an unsigned decimal, or the default if there is none. Raises std::invalid_argument for a text

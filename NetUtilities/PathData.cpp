@@ -6,9 +6,8 @@
 
 #include <algorithm>
 #include <cwctype>
-#include <filesystem>
-#include <system_error>
 
+#include "NetUtilities/Files.h"
 #include "NetUtilities/Handles.h"
 #include "NetUtilities/ModuleHandle.h"
 #include "NetUtilities/RegistryKey.h"
@@ -36,11 +35,9 @@ std::wstring KnownFolder(const GUID& id, DWORD flags, std::wstring_view failureT
 // Makes the folder if it is not there, or if that cannot be told. A failure shows when the folder is used.
 void EnsureFolder(const std::wstring& path)
 {
-    std::error_code failure;
-    const bool there = std::filesystem::exists(path, failure);
-    if (failure || !there)
+    if (FindFilePresence(path) != FilePresence::Present)
     {
-        std::filesystem::create_directory(path, failure);
+        CreateDirectoryW(path.c_str(), nullptr);
     }
 }
 

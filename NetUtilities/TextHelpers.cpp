@@ -5,12 +5,12 @@
 #include <inaddr.h>
 
 #include <cstring>
-#include <filesystem>
 #include <memory>
 #include <span>
 #include <system_error>
 
 #include "NetUtilities/FileLogger.h"
+#include "NetUtilities/Files.h"
 #include "NetUtilities/PathData.h"
 #include "NetUtilities/Trace.h"
 
@@ -90,8 +90,7 @@ bool GetFileVersionString(const std::wstring& path, const std::wstring& itemName
         return false;
     }
     const FileSystemRedirectionOff redirectionOff;
-    std::error_code ignored;
-    if (!std::filesystem::exists(path, ignored))
+    if (!FileExists(path))
     {
         return false;
     }
