@@ -52,19 +52,33 @@ class Stage:
             sys.stdout.flush()
 
 
-def _tell(prefix, stage, scenes, stop):
+def _noter(process, stage):
+    """Where the story's words go. A view that draws over its own lines has to know of every line below its table."""
+    def print_it(words, detail=''):
+        stage.say(paint(f'  lab  {words}', '36') + dim(f'   {detail}'))
+
+    def note_it(words, detail=''):
+        try:
+            process.stdin.write(f'  lab  {words}   {detail}\n'.encode())
+            process.stdin.flush()
+        except OSError:
+            pass    # the view has ended
+    return note_it if COLOUR else print_it
+
+
+def _tell(prefix, say, scenes, stop):
     """Plays the story until it ends or the view does."""
     if stop.wait(STORY_STARTS):
         return
     for words, verb in scenes:
-        stage.say(paint(f'  lab  {words}', '36') + dim(f'   labctl {" ".join(verb)}'))
+        say(words, f'labctl {" ".join(verb)}')
         done = prefix.run([product.windows(f'{product.LAB}/labctl.exe'), *verb])
         if done.returncode != 0:
-            stage.say(bad(f'  lab  {done.stdout.strip()}'))
+            say(done.stdout.strip())
         if stop.wait(STORY_PAUSE):
             return
     if scenes:
-        stage.say(paint('  lab  The story is over; the view goes on until its time is up.', '36'))
+        say('The story is over; the view goes on until its time is up.')
 
 
 @contextmanager
@@ -92,12 +106,12 @@ def _view(prefix, seconds, scenes, stage):
     """The live view; the lines that it printed and whether it ended well."""
     columns = os.get_terminal_size().columns if COLOUR else 120
     command = [product.windows(f'{product.PRODUCT}/halcydctl.exe'), '--color', 'always' if COLOUR else 'never',
-               'watch', '--seconds', str(seconds)]
-    process = prefix.popen(command, extra={'COLUMNS': str(columns)}, stdin=subprocess.DEVNULL,
+               'watch', '--seconds', str(seconds), *(['--notes'] if COLOUR else [])]
+    process = prefix.popen(command, extra={'COLUMNS': str(columns)}, stdin=subprocess.PIPE if COLOUR else subprocess.DEVNULL,
                            stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
     lines, over = [], threading.Event()
     reader = threading.Thread(target=_show, args=(process, stage, lines), daemon=True)
-    teller = threading.Thread(target=_tell, args=(prefix, stage, scenes, over), daemon=True)
+    teller = threading.Thread(target=_tell, args=(prefix, _noter(process, stage), scenes, over), daemon=True)
     reader.start()
     teller.start()
     by_key = False
