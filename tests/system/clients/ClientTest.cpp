@@ -208,7 +208,9 @@ TEST_F(ClientTest, StoppedServiceIsAnErrorWithItsCureUnlessItMayBeStarted)
 
 TEST_F(ClientTest, MissingProxiesAreToldBeforeACallCouldHang)
 {
-    ASSERT_EQ(RunProcess(L"regsvr32 /u /s \"" + ProductFolder() + L"HalcydPS.dll\"").exitCode, 0u);
+    // Not RunProcess: a windowed program may start the desktop, which would keep the pipe of its output open for ever.
+    const UniqueHandle regsvr = StartProcess(L"regsvr32 /u /s \"" + ProductFolder() + L"HalcydPS.dll\"");
+    ASSERT_EQ(WaitForSingleObject(regsvr.get(), 60'000), WAIT_OBJECT_0);
     const FinishedProcess process = Client(L"list");
     EXPECT_EQ(process.exitCode, 6u);
     EXPECT_NE(process.output.find("regsvr32 HalcydPS.dll"), std::string::npos) << process.output;
