@@ -2,6 +2,7 @@
 import fcntl
 import hashlib
 import shutil
+import time
 from pathlib import Path
 
 import wine
@@ -67,10 +68,15 @@ def installed(built):
     return place
 
 
-def _forget_old(keep=4):
-    places = sorted(wine.CACHE.glob('installed-*'), key=lambda p: p.stat().st_mtime, reverse=True)
-    for place in [p for p in places if p.is_dir()][keep:]:
-        shutil.rmtree(place, ignore_errors=True)
+def _forget_old(keep=4, hours=2):
+    """Removes prepared prefixes of earlier builds; one that another run may be cloning from stays."""
+    def last_use(place):
+        mark = place / 'ready'
+        return (mark if mark.exists() else place).stat().st_mtime
+    places = sorted((p for p in wine.CACHE.glob('installed-*') if p.is_dir()), key=last_use, reverse=True)
+    for place in places[keep:]:
+        if time.time() - last_use(place) > hours * 3600:
+            shutil.rmtree(place, ignore_errors=True)
 
 
 def _install(prefix, built, scenarios, step):
