@@ -3,19 +3,44 @@
 #include <tlhelp32.h>
 
 #include <cwchar>
-#include <thread>
 
 namespace
 {
 
-std::string ReadAll(HANDLE pipe)
+// Moves what the pipe holds now into `text`.
+void Drain(HANDLE pipe, std::string& text)
 {
-    std::string text;
     char buffer[4096];
-    DWORD read = 0;
-    while (ReadFile(pipe, buffer, sizeof buffer, &read, nullptr) && read > 0)
+    DWORD available = 0;
+    while (PeekNamedPipe(pipe, nullptr, 0, nullptr, &available, nullptr) && available > 0)
+    {
+        DWORD read = 0;
+        if (!ReadFile(pipe, buffer, sizeof buffer, &read, nullptr) || read == 0)
+        {
+            return;
+        }
         text.append(buffer, read);
-    return text;
+    }
+}
+
+// Collects output until the process has ended; false when the time runs out first. The end of the pipe is no mark
+// to wait for: a desktop that the process starts inherits the other end and keeps it open for good.
+bool CollectUntilEnd(HANDLE process, HANDLE pipe, DWORD timeoutMs, std::string& text)
+{
+    const ULONGLONG limit = GetTickCount64() + timeoutMs;
+    for (;;)
+    {
+        const bool ended = WaitForSingleObject(process, 5) == WAIT_OBJECT_0;
+        Drain(pipe, text);
+        if (ended)
+        {
+            return true;
+        }
+        if (GetTickCount64() > limit)
+        {
+            return false;
+        }
+    }
 }
 
 bool Launch(const std::wstring& commandLine, HANDLE output, PROCESS_INFORMATION& process)
@@ -53,14 +78,12 @@ FinishedProcess RunProcess(const std::wstring& commandLine, DWORD timeoutMs)
     const UniqueHandle process{info.hProcess};
     const UniqueHandle thread{info.hThread};
     result.started = true;
-    std::thread reader([&] { result.output = ReadAll(readEnd); });
-    if (WaitForSingleObject(process.get(), timeoutMs) != WAIT_OBJECT_0)
+    if (!CollectUntilEnd(process.get(), readEnd, timeoutMs, result.output))
     {
         result.timedOut = true;
         TerminateProcess(process.get(), 0xDEAD);
         WaitForSingleObject(process.get(), INFINITE);
     }
-    reader.join();
     GetExitCodeProcess(process.get(), &result.exitCode);
     return result;
 }
