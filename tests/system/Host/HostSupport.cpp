@@ -5,6 +5,9 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <sstream>
+
+#include "NetUtilities/Format.h"
 
 namespace HostSupport
 {
@@ -79,6 +82,18 @@ int CountInTrace(const std::wstring& text)
     for (std::size_t at = all.find(text); at != std::wstring::npos; at = all.find(text, at + text.size()))
     {
         ++count;
+    }
+    return count;
+}
+
+int CountInTraceOf(DWORD processId, const std::wstring& text)
+{
+    std::wistringstream lines(TraceText());
+    const std::wstring stamp = FormatText(L" {:05x}-", processId);
+    int count = 0;
+    for (std::wstring line; std::getline(lines, line);)
+    {
+        count += line.find(stamp) != std::wstring::npos && line.find(text) != std::wstring::npos ? 1 : 0;
     }
     return count;
 }

@@ -35,6 +35,8 @@ void RegisterProxies();
 // Waits until the stored trace holds the text so many times.
 [[nodiscard]] bool WaitForTrace(const std::wstring& text, int times = 1, DWORD timeoutMs = 20'000);
 [[nodiscard]] int CountInTrace(const std::wstring& text);
+// The same in the lines of one process only: those of one that has ended can reach the file late.
+[[nodiscard]] int CountInTraceOf(DWORD processId, const std::wstring& text);
 
 // Waits until the condition holds.
 [[nodiscard]] bool WaitUntil(const std::function<bool()>& condition, DWORD timeoutMs = 20'000);
