@@ -20,7 +20,7 @@ class Figures:
         self.rows = []
 
     def add(self, name, value, limit, detail, unit='x'):
-        self.rows.append({'name': name, 'value': value, 'limit': limit, 'unit': unit, 'detail': detail,
+        self.rows.append({'name': name, 'value': value, 'unit': unit, 'detail': detail,
                           'within': None if limit is None else bool(limit(value))})
 
     def show(self):
