@@ -177,6 +177,7 @@ TEST(LockOrder, BrokenOrderEndsTheProcess)
     EXPECT_NE(0, RunChildTest(L"LockOrderChild.DISABLED_BrokenOrder"));
 }
 
+// The bodies of the child processes that the test above starts: a broken order ends its process.
 TEST(LockOrderChild, DISABLED_KeptOrder)
 {
     LockOrder::BeforeLock(LockRank::SerializeOpenClose);
