@@ -20,8 +20,6 @@ from ui import Failure, Step, bad, bold, dim, good
 
 RESULTS = build.ROOT / 'build' / 'test-results'
 SPEED = 10          # of the clock in suites that are named Fast10_...
-# Built but not run, and said so in the summary.
-NOT_RUN = {('clang', 'UnitTestslab'): 'the lab\'s device tests hang when clang built them; cause not found yet'}
 WORKERS = max(2, cpu_count() or 2)
 
 
@@ -111,10 +109,6 @@ def run_unit(tally, built, preset, pattern):
     before = len(tally.outcomes)
 
     def one(program):
-        if (preset, program.stem) in NOT_RUN:
-            if _matches(f'unit: {program.stem}', pattern):
-                tally.add(Outcome(f'unit ({preset}): {program.stem}', 'skipped', NOT_RUN[preset, program.stem]))
-            return
         with wine.Prefix.clone_of(base, name='unit') as prefix:
             names = googletest.list_tests(prefix, program)
             wanted = [n for n in names if _matches(f'unit: {n}', pattern)]
