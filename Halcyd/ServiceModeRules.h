@@ -2,6 +2,7 @@
 // The decisions of service control, apart from the service control manager. Free of the platform.
 
 #include <cstdint>
+#include <string>
 #include <string_view>
 
 #include "Halcyd/LatinCase.h"
@@ -60,16 +61,7 @@ inline ModeAction ActionOf(std::int32_t mode)
 // is the last field of an entry, so a semicolon stands before it.
 inline bool DescriptorNames(std::wstring_view sddl, std::wstring_view entity)
 {
-    std::size_t from = 0;
-    while ((from = sddl.find(L';', from)) != std::wstring_view::npos)
-    {
-        ++from;
-        if (sddl.substr(from).starts_with(entity))
-        {
-            return true;
-        }
-    }
-    return false;
+    return sddl.find(std::wstring(1, L';').append(entity)) != std::wstring_view::npos;
 }
 
 // Entries that give the service account, administrators, power users and signed-in users their rights on a service.
