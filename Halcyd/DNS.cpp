@@ -28,9 +28,10 @@ HRESULT SetBlanket(IUnknown* proxy)
                              RPC_C_IMP_LEVEL_IMPERSONATE, nullptr, EOAC_NONE);
 }
 
+// Nothing when `path` is null, for want of memory: an empty path would stay for the life of the process.
 void AddToTable(const wchar_t* guid, const wchar_t* path)
 {
-    if (GlobalDeviceTable().Add(guid, path) == AdapterPathTable::AddResult::Added)
+    if (path != nullptr && GlobalDeviceTable().Add(guid, path) == AdapterPathTable::AddResult::Added)
     {
         LogFormat(Source, 4, L"Added to global device table: {}, {}", guid, path);
     }
@@ -61,10 +62,10 @@ STDMETHODIMP CDNS::ConnectNetCfg(BSTR bstrGuid) noexcept
             {
                 return Fail(result, L"could not an instance of WbemLocator");
             }
-            ComPointer<IWbemServices> connected;
+            // Taking a member's address releases what an earlier connect left in it.
             result = locator->ConnectServer(_bstr_t(L"root\\cimv2"), nullptr, nullptr, nullptr, 0, nullptr, nullptr,
-                                            &connected);
-            if (SUCCEEDED(result) && connected == nullptr)
+                                            &services);
+            if (SUCCEEDED(result) && services == nullptr)
             {
                 result = E_POINTER;
             }
@@ -72,20 +73,17 @@ STDMETHODIMP CDNS::ConnectNetCfg(BSTR bstrGuid) noexcept
             {
                 return Fail(result, L"could not connect to WMI");
             }
-            services = connected;
             result = SetBlanket(services);
             if (FAILED(result))
             {
                 return Fail(result, L"could not set the proxy blanket");
             }
-            ComPointer<IWbemClassObject> classObject;
-            result =
-                services->GetObject(_bstr_t(L"Win32_NetWorkAdapterConfiguration"), 0, nullptr, &classObject, nullptr);
+            result = services->GetObject(_bstr_t(L"Win32_NetWorkAdapterConfiguration"), 0, nullptr, &configurationClass,
+                                         nullptr);
             if (FAILED(result))
             {
                 return Fail(result, L"could not get the object class");
             }
-            configurationClass = classObject;
             // An adapter that is not found leaves the session open.
             return GetInstancePathByGuid(TextOrEmpty(bstrGuid), nullptr);
         });
@@ -186,7 +184,7 @@ HRESULT CDNS::LookForAdapter(const wchar_t* guid, wchar_t** path)
         {
             LogMessage(Source, 4, L"Found match");
             *path = BuildInstancePath(&index);
-            AddToTable(guid, TextOrEmpty(*path));
+            AddToTable(guid, *path);
             matched = true;
             result = S_OK;
             break;
@@ -202,7 +200,7 @@ HRESULT CDNS::LookForAdapter(const wchar_t* guid, wchar_t** path)
         matched = true;
         result = S_OK;
         const _bstr_t instancePath(BuildInstancePath(&index), false);
-        AddToTable(guid, TextOrEmpty(instancePath));
+        AddToTable(guid, instancePath);
     }
     if (!matched)
     {
@@ -220,13 +218,13 @@ BSTR CDNS::BuildInstancePath(const VARIANT* index)
 
 HRESULT CDNS::CheckWMIReturnCode(IWbemClassObject* outParams)
 {
+    // An unreadable value is no failure of its own: it counts as 0. Looked at only when it was read, because a variant
+    // that is merely empty has an undefined number in it.
     _variant_t value;
-    if (outParams != nullptr)
-    {
-        // An unreadable value leaves the variant empty and counts as success.
-        static_cast<void>(outParams->Get(L"ReturnValue", 0, &value, nullptr, nullptr));
-    }
-    const HRESULT result = NumberOf(value);
+    const bool readable = outParams != nullptr &&
+                          SUCCEEDED(outParams->Get(L"ReturnValue", 0, &value, nullptr, nullptr)) &&
+                          value.vt != VT_NULL && value.vt != VT_EMPTY;
+    const HRESULT result = readable ? NumberOf(value) : S_OK;
     if (result != 0)
     {
         LogErrorSource(Source, static_cast<std::uint32_t>(result), L"Bad return value from last method call");

@@ -2,6 +2,7 @@
 
 #include "Halcyd/DNS.h"
 #include "Halcyd/MethodGuard.h"
+#include "Halcyd/StringArrayAccess.h"
 #include "Halcyd/VariantPayload.h"
 #include "NetUtilities/RegistryKey.h"
 #include "NetUtilities/Trace.h"
@@ -297,13 +298,10 @@ HRESULT CDNS::GetFirstOfArray(const wchar_t* guid, const wchar_t* property, BSTR
     {
         return Fail(DISP_E_BADINDEX, L"Could not access safearray");
     }
-    BSTR* entries = nullptr;
-    result = SafeArrayAccessData(value.parray, reinterpret_cast<void**>(&entries));
-    if (FAILED(result))
+    const StringArrayAccess access(value.parray);
+    if (FAILED(access.Result()))
     {
-        return Fail(result, L"Could not access safearray");
+        return Fail(access.Result(), L"Could not access safearray");
     }
-    result = ReplaceText(output, TextOrEmpty(entries[0]));
-    static_cast<void>(SafeArrayUnaccessData(value.parray));
-    return result;
+    return ReplaceText(output, TextOrEmpty(access.Entries().front()));
 }

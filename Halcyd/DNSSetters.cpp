@@ -1,9 +1,10 @@
 // CDNS: the setters. Each runs one WMI method on the adapter's instance.
 
-#include <iterator>
+#include <cstddef>
 
 #include "Halcyd/DNS.h"
 #include "Halcyd/MethodGuard.h"
+#include "Halcyd/StringArrayAccess.h"
 #include "Halcyd/VariantPayload.h"
 #include "NetUtilities/Trace.h"
 
@@ -314,26 +315,11 @@ HRESULT CDNS::OutputDNSArray(const VARIANT* array)
         LogMessage(Source, 2, L"Pass a one - dimensional DNS safearray");
         return E_UNEXPECTED;
     }
-    LONG lower = 0;
-    LONG upper = 0;
-    HRESULT result = SafeArrayGetLBound(entries, 1, &lower);
-    if (SUCCEEDED(result))
+    const StringArrayAccess access(entries);
+    std::size_t index = 0;
+    for (const BSTR entry : access.Entries())
     {
-        result = SafeArrayGetUBound(entries, 1, &upper);
+        LogFormat(Source, 4, L"array[{}]\t:{}", index++, TextOrEmpty(entry));
     }
-    BSTR* data = nullptr;
-    if (SUCCEEDED(result))
-    {
-        result = SafeArrayAccessData(entries, reinterpret_cast<void**>(&data));
-    }
-    if (FAILED(result))
-    {
-        return result;
-    }
-    const std::int64_t count = std::int64_t{upper} - lower + 1;
-    for (std::int64_t index = 0; index < count; ++index)
-    {
-        LogFormat(Source, 4, L"array[{}]\t:{}", index, TextOrEmpty(data[index]));
-    }
-    return SafeArrayUnaccessData(entries);
+    return access.Result();
 }
