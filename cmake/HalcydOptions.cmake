@@ -19,6 +19,11 @@ if(CMAKE_BUILD_TYPE STREQUAL "Release")
   set(CMAKE_C_FLAGS_RELEASE "-O2 -DNDEBUG")
 endif()
 
+# Test programs are compiled many times and run once; what they test keeps its own flags.
+add_library(halcyd_test_options INTERFACE)
+target_link_libraries(halcyd_test_options INTERFACE halcyd_options)
+target_compile_options(halcyd_test_options INTERFACE -O0 -U_FORTIFY_SOURCE)
+
 find_program(CCACHE_PROGRAM ccache)
 if(CCACHE_PROGRAM)
   set(CMAKE_C_COMPILER_LAUNCHER "${CMAKE_COMMAND}" -E env
@@ -31,5 +36,9 @@ endif()
 function(halcyd_pch target)
   if(HALCYD_PCH)
     target_precompile_headers(${target} PRIVATE ${ARGN})
+    # What the compiler cache asks for to keep objects that were built with them.
+    target_compile_options(${target} PRIVATE
+      $<$<COMPILE_LANG_AND_ID:CXX,GNU>:-fpch-preprocess>
+      "$<$<COMPILE_LANG_AND_ID:CXX,Clang>:SHELL:-Xclang -fno-pch-timestamp>")
   endif()
 endfunction()
