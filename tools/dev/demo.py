@@ -12,7 +12,7 @@ from contextlib import contextmanager
 
 import machine
 import product
-from ui import COLOUR, Failure, bold, dim, good, bad, paint
+from ui import COLOUR, bold, dim, good, bad, paint
 
 STORY_STARTS = 3.0      # seconds after the view
 STORY_PAUSE = 2.5       # between two scenes
@@ -117,12 +117,15 @@ def _view(prefix, seconds, scenes, stage):
     by_key = False
     with _keys() as keyboard:
         limit = time.monotonic() + seconds + 30
-        while process.poll() is None and time.monotonic() < limit:
-            if keyboard and select.select([sys.stdin], [], [], 0.1)[0]:
-                sys.stdin.read(1)
-                by_key = True
-                break
-            time.sleep(0.05)
+        try:
+            while process.poll() is None and time.monotonic() < limit:
+                if keyboard and select.select([sys.stdin], [], [], 0.1)[0]:
+                    sys.stdin.read(1)
+                    by_key = True
+                    break
+                time.sleep(0.05)
+        except KeyboardInterrupt:
+            by_key = True   # ends the view, not the summary
     over.set()
     teller.join(timeout=30)
     if process.poll() is None:
@@ -140,17 +143,26 @@ def _records(prefix):
     return len(journal), traced
 
 
+def _keep(prefix, lines):
+    """What a view that went wrong leaves behind: the lab's and the product's files, and what the view said."""
+    place = machine.keep_evidence(prefix, 'run')
+    (machine.build.ROOT / place / 'view.txt').write_text('\n'.join(lines) + '\n')
+    return place
+
+
 def main(scenario, seconds):
     stage = Stage()
     with machine.running('run', scenario) as (_, prefix):
         state = json.loads(prefix.must([product.windows(f'{product.LAB}/labctl.exe'), 'dump', '--json']))
         scenes = [] if scenario == 'host' else story(state)
         print(f'{bold("Halcyd at work")}: {len(state.get("adapters", []))} adapters in scenario "{scenario}", {seconds} s'
-              + ('; any key ends it' if sys.stdin.isatty() else ''))
+              + ('; any key ends it' if sys.stdin.isatty() else '; Ctrl+C ends it'))
         print()
         lines, good_end = _view(prefix, seconds, scenes, stage)
+        good_end = good_end and bool(lines)
         machine.stop_service(prefix)
         calls, traced = _records(prefix)
+        kept = None if good_end else _keep(prefix, lines)
         folder = prefix
     left = folder.processes()
     print()
@@ -159,6 +171,6 @@ def main(scenario, seconds):
     print(f'  calls to the lab {calls} in its journal')
     print(f'  trace            {traced} lines')
     print(f'  service          stopped; {good("no process left behind") if not left else bad(f"left behind: {left}")}')
-    if not lines:
-        raise Failure('the live view showed nothing')
+    if kept:
+        print(f'  files            {kept}: journal, trace, dumps, and what the view said')
     return 0 if good_end and not left else 1

@@ -15,6 +15,14 @@ SCRIPTS = {'.vbs': ['cscript', '//nologo'], '.js': ['cscript', '//nologo'], '.ba
            '.msi': ['msiexec', '/i']}
 
 
+def check_program(words):
+    """A script is found before anything is started: its interpreter under Wine says nothing of a missing file."""
+    program = words[0]
+    named_by_windows = ':' in program or '\\' in program
+    if Path(program.replace('\\', '/')).suffix.lower() in SCRIPTS and not named_by_windows and not Path(program).is_file():
+        raise Failure(f'there is no file {program}')
+
+
 def command_line(words):
     """A script gets its interpreter; files of the host get the names under which Windows sees them."""
     words = [wine.windows_path(w) if '/' in w and not w.startswith('/') and Path(w).exists() or
@@ -71,6 +79,7 @@ def run_attached(prefix, launcher, words):
 def main(scenario, words):
     if words[:1] == ['--']:
         words = words[1:]
+    check_program(words)
     with redirect_stdout(sys.stderr), machine.running('exec', scenario) as (built, prefix):
         code = run_attached(prefix, built / 'tests' / 'runner' / 'Launch.exe', command_line(words))
     # The host keeps eight bits of an exit code: what would read as success there must not.

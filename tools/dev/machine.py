@@ -1,5 +1,6 @@
 """A prepared Windows for the commands that show, measure or run something: lab loaded, service and trace service up."""
 import re
+import shutil
 import subprocess
 import sys
 import time
@@ -25,23 +26,51 @@ def prepare():
     return built, product.installed(built)
 
 
+def scenarios():
+    """The names that a scenario can have."""
+    return sorted(p.stem for p in (build.ROOT / 'lab' / 'scenarios').glob('*.json')) + ['host']
+
+
+def check_scenario(scenario):
+    """Before anything is built or started: a wrong name is told at once."""
+    if scenario not in scenarios():
+        raise Failure(f'there is no scenario "{scenario}"; there are {", ".join(scenarios())}')
+
+
 @contextmanager
 def running(name, scenario):
-    """A clone with this scenario loaded and the service running. Nothing of it is left afterwards."""
+    """A clone with this scenario loaded and the service running. Nothing of it is left afterwards, except after a
+    failure: trace, journal and dumps then lie in the folder that the failure names."""
+    check_scenario(scenario)
     built, base = prepare()
     with wine.Prefix.clone_of(base, name=name) as prefix:
-        step = Step(f'starting Windows, scenario {scenario}')
-        prefix.boot()
-        load(prefix, scenario)
-        start_service(prefix)
-        step.done()
-        follower = follow_host(prefix) if scenario == 'host' else None
         try:
-            yield built, prefix
-        finally:
-            if follower:
-                follower.terminate()
-                follower.wait()
+            step = Step(f'starting Windows, scenario {scenario}')
+            try:
+                prefix.boot()
+                load(prefix, scenario)
+                start_service(prefix)
+            except Failure:
+                step.done(ok=False)
+                raise
+            step.done()
+            follower = follow_host(prefix) if scenario == 'host' else None
+            try:
+                yield built, prefix
+            finally:
+                if follower:
+                    follower.terminate()
+                    follower.wait()
+        except Failure as failure:
+            raise Failure(f'{failure}\nleft behind: {keep_evidence(prefix, name)}') from failure
+
+
+def keep_evidence(prefix, name):
+    """Trace, journal and dumps of a run that went wrong; the folder, as seen from the root of the tree."""
+    place = build.ROOT / 'build' / f'{name}-failed'
+    shutil.rmtree(place, ignore_errors=True)
+    product.keep_evidence(prefix, place)
+    return place.relative_to(build.ROOT)
 
 
 def follow_host(prefix):
@@ -61,8 +90,7 @@ def load(prefix, scenario):
         scenario = 'C:\\host.json'
     done = prefix.run([product.windows(f'{product.LAB}/labctl.exe'), 'load', scenario])
     if done.returncode != 0:
-        known = ', '.join(sorted(p.stem for p in (build.ROOT / 'lab' / 'scenarios').glob('*.json')))
-        raise Failure(f'{done.stdout.strip()}\nscenarios: {known}, host')
+        raise Failure(done.stdout.strip())
 
 
 def service_state(prefix):

@@ -23,6 +23,18 @@ SPEED = 10          # of the clock in suites that are named Fast10_...
 WORKERS = max(2, cpu_count() or 2)
 
 
+class TestStep(Step):
+    """A step that failed when a test of it did."""
+
+    def __init__(self, name, tally):
+        self.tally = tally
+        self.before = tally.count('failed')
+        super().__init__(name)
+
+    def end(self, text):
+        self.done(text, ok=self.tally.count('failed') == self.before)
+
+
 class Tally:
     """Outcomes as they come, printed when they are bad."""
 
@@ -39,6 +51,9 @@ class Tally:
                     print('    ' + line)
                 if where:
                     print('    ' + dim(f'left behind: {where}'))
+
+    def step(self, name):
+        return TestStep(name, self)
 
     def count(self, verdict):
         return sum(1 for o in self.outcomes if o.verdict == verdict)
@@ -93,19 +108,19 @@ def run_fuzz(tally, pattern):
     if not wanted:
         return
     programs = fuzzing.compile_targets()
-    step = Step('fuzz targets')
+    step = tally.step('fuzz targets')
     for name in wanted:
         held, count, said = fuzzing.run_target(name, programs[name], f'-runs={fuzzing.SMOKE_RUNS}')
         held = held and count >= fuzzing.SMOKE_RUNS
         tally.add(Outcome(f'fuzz: {name}', 'passed' if held else 'failed', said[-4000:]),
                   fuzzing.FOLDER.relative_to(build.ROOT) / 'found')
-    step.done(f'{len(wanted)} targets, {fuzzing.SMOKE_RUNS} inputs each')
+    step.end(f'{len(wanted)} targets, {fuzzing.SMOKE_RUNS} inputs each')
 
 
 def run_unit(tally, built, preset, pattern):
     programs = sorted((built / 'tests' / 'unit').glob('UnitTests*.exe'))
     base = wine.template()
-    step = Step(f'unit tests ({preset})')
+    step = tally.step(f'unit tests ({preset})')
     before = len(tally.outcomes)
 
     def one(program):
@@ -124,7 +139,7 @@ def run_unit(tally, built, preset, pattern):
 
     with ThreadPoolExecutor(WORKERS) as pool:
         list(pool.map(one, programs))
-    step.done(f'{len(tally.outcomes) - before} tests')
+    step.end(f'{len(tally.outcomes) - before} tests')
 
 
 def run_runner_checks(tally, built, pattern):
@@ -135,7 +150,7 @@ def run_runner_checks(tally, built, pattern):
                 'Probe.TerminatesItselfWithZero': 'failed', 'Probe.Hangs': 'failed', 'Probe.CrashesOnTheWayOut': 'failed'}
     if not probe.exists() or not any(_matches(f'runner: {n}', pattern) for n in expected):
         return
-    step = Step('the test runner itself')
+    step = tally.step('the test runner itself')
 
     def one(item):
         name, verdict = item
@@ -148,7 +163,7 @@ def run_runner_checks(tally, built, pattern):
 
     with ThreadPoolExecutor(WORKERS) as pool:
         list(pool.map(one, expected.items()))
-    step.done(f'{len(expected)} checks')
+    step.end(f'{len(expected)} checks')
 
 
 def run_system(tally, built, pattern):
@@ -162,7 +177,7 @@ def run_system(tally, built, pattern):
     if not work:
         return
     base = product.installed(built)
-    step = Step('system tests')
+    step = tally.step('system tests')
     finished = [0]
 
     def one(item):
@@ -175,7 +190,7 @@ def run_system(tally, built, pattern):
 
     with ThreadPoolExecutor(WORKERS) as pool:
         list(pool.map(one, work))
-    step.done(f'{len(work)} in prefixes of their own')
+    step.end(f'{len(work)} in prefixes of their own')
 
 
 def _system_test(base, program, name):

@@ -143,15 +143,18 @@ class Prefix:
 
     def start(self):
         # Stays for a minute after its last process: services would otherwise be ended between two commands.
+        # In a session of its own: Ctrl+C would otherwise end it, and every program with it, before we can.
         subprocess.run([_tool('wineserver'), '-p60'], env=self.environment(), stdin=subprocess.DEVNULL,
-                       stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+                       stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, start_new_session=True)
 
     def boot(self):
         """Starts Windows' own services now. They inherit the output of whatever program comes first: here, none."""
         self.run(['cmd', '/c', 'exit'])
 
     def popen(self, arguments, extra=None, **options):
-        return subprocess.Popen([_tool('wine64'), *map(str, arguments)], env=self.environment(extra), **options)
+        # In a session of its own: Ctrl+C is for us, who then end the prefix in good order.
+        return subprocess.Popen([_tool('wine64'), *map(str, arguments)], env=self.environment(extra),
+                                start_new_session=True, **options)
 
     def run(self, arguments, timeout=120, extra=None):
         """Runs a program to its end. The result has returncode and stdout (with stderr in it), -1 after the time."""
