@@ -331,10 +331,9 @@ void AdapterConfig::DeleteOldBindingInfo()
         }
         std::wstring guid;
         FILETIME lastWrite{};
-        DWORD error = ERROR_SUCCESS;
         // Required: goes on until no subkey is left, without a guard against one that cannot be deleted. Giving up
         // would leave a record behind that enables bindings at some later start.
-        while ((error = key.EnumSubkey(0, guid, lastWrite)) == ERROR_SUCCESS)
+        while (key.EnumSubkey(0, guid, lastWrite) == ERROR_SUCCESS)
         {
             if (key.DeleteKey(guid) == ERROR_SUCCESS)
             {
@@ -343,7 +342,7 @@ void AdapterConfig::DeleteOldBindingInfo()
         }
         // Required: asks the key's own handle for the whole path, which lies nowhere below it. So this fails with 2 and
         // the empty key stays, harmless, for the next disable.
-        error = key.DeleteKey(path);
+        const DWORD error = key.DeleteKey(path);
         if (error == ERROR_SUCCESS)
         {
             LogFormat(Source, 4, L"deleted registry key {}", path);

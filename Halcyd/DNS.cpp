@@ -150,10 +150,14 @@ HRESULT CDNS::LookForAdapter(const wchar_t* guid, wchar_t** path)
     {
         Fail(step, L"Could not create the enumerator");
     }
-    else if (enumerator != nullptr && FAILED(step = SetBlanket(enumerator)))
+    else if (enumerator != nullptr)
     {
-        // The walk goes on: its first call fails by itself if the blanket mattered.
-        Fail(step, L"Could not set the proxy blanket");
+        step = SetBlanket(enumerator);
+        if (FAILED(step))
+        {
+            // The walk goes on: its first call fails by itself if the blanket mattered.
+            Fail(step, L"Could not set the proxy blanket");
+        }
     }
 
     ULONG returned = 0;

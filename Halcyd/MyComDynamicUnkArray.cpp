@@ -26,7 +26,7 @@ MyComDynamicUnkArray::~MyComDynamicUnkArray()
             slots[index]->Release();
         }
     }
-    std::free(slots);
+    std::free(static_cast<void*>(slots));
 }
 
 bool MyComDynamicUnkArray::Grow() noexcept
@@ -38,7 +38,7 @@ bool MyComDynamicUnkArray::Grow() noexcept
     }
     const int newCount = slotCount == 0 ? firstSize : slotCount * 2;
     const std::size_t bytes = sizeof(IUnknown*) * static_cast<std::size_t>(newCount);
-    auto* const grown = static_cast<IUnknown**>(std::realloc(slots, bytes));
+    auto* const grown = static_cast<IUnknown**>(std::realloc(static_cast<void*>(slots), bytes));
     if (grown == nullptr)
     {
         return false;

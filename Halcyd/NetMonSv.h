@@ -178,7 +178,7 @@ public:
     bool GetDeviceInfoFromNetworkAdapterConfiguration(IWbemClassObject* object, NetUtilities::DeviceInfo& info,
                                                       IEnumWbemClassObject* adapters);
     // Asks for the gateway's MAC address by ARP, which blocks. The text of `mac`, or null with `mac` empty.
-    const wchar_t* GetGatewayMacAddress(_bstr_t source, _bstr_t gateway, _bstr_t& mac);
+    const wchar_t* GetGatewayMacAddress(const _bstr_t& source, const _bstr_t& gateway, _bstr_t& mac);
     static void UpdateBstrField(BSTR* field, const wchar_t* value);
     static void UpdateBstrFromVariant(BSTR* field, VARIANT* value);
 

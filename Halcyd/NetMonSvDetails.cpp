@@ -369,7 +369,7 @@ HRESULT CNetMonSv::GetEthernetAdapterInfo(_DEVICE_ELEMENT* node, IWbemClassObjec
     return S_OK;
 }
 
-const wchar_t* CNetMonSv::GetGatewayMacAddress(_bstr_t source, _bstr_t gateway, _bstr_t& mac)
+const wchar_t* CNetMonSv::GetGatewayMacAddress(const _bstr_t& source, const _bstr_t& gateway, _bstr_t& mac)
 {
     ScopeTrace scope(Log::Source::NetMon, AlwaysOnTraceFlag);
     mac = L"";

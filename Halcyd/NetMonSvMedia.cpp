@@ -103,7 +103,7 @@ void CNetMonSv::WaitForDefaultGatewayThread(WAIT_FOR_DCHP_EVENT context)
         MonitorTrace::FailureResult(apartment.Result(), L"WaitForDefaultGatewayThread: COM initialization failed");
     }
     // The object goes before the apartment does.
-    IWbemClassObjectPtr object = std::move(context.object);
+    IWbemClassObjectPtr object = context.object;
     context.object = nullptr;
     if (object == nullptr)
     {

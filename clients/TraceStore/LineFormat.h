@@ -23,7 +23,7 @@ struct Line
 };
 
 // Characters that are kept of one text; what is longer is cut and ends in CutMark.
-inline constexpr std::size_t MaximumText = 256 * 1024;
+inline constexpr std::size_t MaximumText = std::size_t{256} * 1024;
 inline constexpr std::wstring_view CutMark = L" [cut]";
 
 [[nodiscard]] std::string ToUtf8(std::wstring_view text);

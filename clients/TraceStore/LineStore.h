@@ -45,12 +45,12 @@ struct StoreStatistics
 class LineStore
 {
 public:
-    static constexpr DWORD FlushInterval = 100;                     // milliseconds
-    static constexpr std::size_t KeptLines = 32768;                 // in memory, this run's
-    static constexpr std::size_t KeptCharacters = 16 * 1024 * 1024; // in memory, this run's
-    static constexpr std::size_t KeptHistory = 20000;          // lines of earlier runs, read from the files on demand
-    static constexpr std::size_t WriteAtOnceBytes = 64 * 1024; // this much does not wait for the interval
-    static constexpr std::size_t MaximumPendingBytes = 64 * 1024 * 1024;
+    static constexpr DWORD FlushInterval = 100;                                  // milliseconds
+    static constexpr std::size_t KeptLines = 32768;                              // in memory, this run's
+    static constexpr std::size_t KeptCharacters = std::size_t{16} * 1024 * 1024; // in memory, this run's
+    static constexpr std::size_t KeptHistory = 20000; // lines of earlier runs, read from the files on demand
+    static constexpr std::size_t WriteAtOnceBytes = std::size_t{64} * 1024; // this much does not wait for the interval
+    static constexpr std::size_t MaximumPendingBytes = std::size_t{64} * 1024 * 1024;
 
     LineStore(std::filesystem::path folder, FileLimits limits);
     // Writes what is left.

@@ -20,7 +20,7 @@ namespace TraceFile
 {
 struct FileLimits
 {
-    std::uint64_t maximumFileBytes = 4 * 1024 * 1024;
+    std::uint64_t maximumFileBytes = std::uint64_t{4} * 1024 * 1024;
     std::uint32_t maximumFiles = 8;
 };
 

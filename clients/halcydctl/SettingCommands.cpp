@@ -30,6 +30,18 @@ public:
         }
     }
 
+    static Failure Explained(HRESULT result, const wchar_t* action)
+    {
+        Failure failure = Explain(action, result, ReadInstallation());
+        if (const std::wstring words = SettingResultWords(static_cast<std::uint32_t>(result)); !words.empty())
+        {
+            failure.exitCode = ExitCode::Failed;
+            failure.reason = words;
+            failure.cure.clear();
+        }
+        return failure;
+    }
+
     // These methods answer with HRESULTs and with small positive numbers: everything but 0 is an error.
     static void Test(HRESULT result, const wchar_t* action)
     {
@@ -37,15 +49,7 @@ public:
         {
             return;
         }
-        const std::wstring words = SettingResultWords(static_cast<std::uint32_t>(result));
-        Failure failure = Explain(action, result, ReadInstallation());
-        if (!words.empty())
-        {
-            failure.exitCode = ExitCode::Failed;
-            failure.reason = words;
-            failure.cure.clear();
-        }
-        throw failure;
+        throw Explained(result, action);
     }
 
     IDNS* operator->() const noexcept { return dns.GetInterfacePtr(); }

@@ -44,6 +44,11 @@ def command_fuzz(options):
     return fuzzing.main(options.target, options.seconds)
 
 
+def command_tidy(options):
+    import tidy
+    return tidy.main(options.name)
+
+
 def pattern(text):
     try:
         re.compile(text)
@@ -101,6 +106,10 @@ def parser():
     one.add_argument('target', nargs='?', help='part of a name, e.g. IniText')
     one.add_argument('--seconds', type=seconds, default=20, help='for each target (default 20)')
     one.set_defaults(action=command_fuzz)
+
+    one = commands.add_parser('tidy', help='clang-tidy over what ships (minutes)')
+    one.add_argument('name', nargs='?', type=pattern, help='regular expression over file names')
+    one.set_defaults(action=command_tidy)
 
     one = commands.add_parser('help', help='this text')
     one.set_defaults(action=lambda _: top.print_help() or 0)

@@ -9,6 +9,7 @@ BUILD = ['g++-mingw-w64-x86-64-posix', 'mingw-w64-tools', 'binutils-mingw-w64', 
          'libwine-dev', 'libwine', 'libfmt-dev', 'nlohmann-json3-dev', 'libcli11-dev', 'libspdlog-dev', 'googletest']
 RUN = ['wine', 'wine64', 'iproute2']
 TEST = ['clang-19', 'clang-format-19', 'faketime', 'git']
+TIDY = ['clang-tidy-19']
 FUZZ = ['clang-19', 'libclang-rt-19-dev']
 PACKAGE = ['msitools', 'zip']
 
