@@ -3,6 +3,8 @@
 #include <atomic>
 #include <string_view>
 
+#include "Halcyd/ResourceIds.h"
+#include "NetUtilities/Clock.h"
 #include "NetUtilities/CrashGuard.h"
 #include "NetUtilities/Logger.h"
 #include "NetUtilities/RegistryKey.h"
@@ -13,6 +15,8 @@
 namespace
 {
 _COM_SMARTPTR_TYPEDEF(IUnknown, __uuidof(IUnknown));
+
+constexpr DWORD LoggerDrainTime = 100; // milliseconds that let the logger thread deliver what is queued
 
 // Set while the dispatcher's thread is inside _ServiceMain.
 std::atomic<bool> serviceMainRunning{false};
@@ -45,8 +49,7 @@ void CServiceModule::Init(CComObjectMapEntry* objectMap, HINSTANCE instance, UIN
     LogFormatDefault(4, L"m_bService = {}", m_bService);
     LoadStringW(instance, serviceNameId, m_szServiceName, ARRAYSIZE(m_szServiceName));
     LogFormatDefault(4, L"m_szServiceName = {}", std::wstring_view(m_szServiceName));
-    // The display name is the string behind the service's name.
-    LoadStringW(instance, serviceNameId + 1, m_szDisplayName, ARRAYSIZE(m_szDisplayName));
+    LoadStringW(instance, IDS_DISPLAYNAME, m_szDisplayName, ARRAYSIZE(m_szDisplayName));
     LogFormatDefault(4, L"m_szDisplayName = {}", std::wstring_view(m_szDisplayName));
 
     m_serviceStatusHandle = nullptr;
@@ -105,7 +108,7 @@ void WINAPI CServiceModule::_ServiceMain(DWORD argc, LPWSTR* argv)
     LogBanner(4, L"Service Halcyd Starting");
     _Module.ServiceMain(argc, argv);
     LogBanner(4, L"Service Halcyd Stopped");
-    Sleep(100); // lets the logger thread drain
+    Clock::Current().Sleep(LoggerDrainTime);
     if (const auto logger = Logger::Instance())
     {
         logger->Stop();
@@ -190,7 +193,7 @@ void CServiceModule::Run()
     }
     RevokeClassObjects();
     LogBanner(4, L"Stopping Halcyd Service");
-    Sleep(100); // lets the logger thread drain
+    Clock::Current().Sleep(LoggerDrainTime);
 }
 
 // Heals what a crashed run left disabled. The line about a configuration names no condition: nothing is read.
@@ -261,6 +264,7 @@ HRESULT CServiceModule::ActivateMonitor(INetMonSvPtr& monitor)
 
 LONG CServiceModule::Unlock() noexcept
 {
+    const ScopeTrace scope(Log::Source::ConfigServer, 19);
     const LONG count = CComModule::Unlock();
     if (count == 0 && !m_bService)
     {

@@ -6,83 +6,17 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-
+#include "FakeMonitor.h"
 #include "Halcyd/ServiceModule.h"
+#include "HostHooks.h"
 #include "NetUtilities/ComApartment.h"
 #include "NetUtilities/RegistryKey.h"
 #include "NetUtilities/Trace.h"
-#include "TestModule.h"
 #include "TraceLines.h"
 #include "tests/unit/support/TraceRecorder.h"
 
 namespace
 {
-// Stands in for the monitor under its own class id: notes what it is asked.
-class FakeMonitor : public CComObjectRootEx<CComMultiThreadModel>,
-                    public CComCoClass<FakeMonitor, &CLSID_NetMonSv>,
-                    public IDispatchImpl<INetMonSv>
-{
-public:
-    BEGIN_COM_MAP(FakeMonitor)
-    COM_INTERFACE_ENTRY(INetMonSv)
-    COM_INTERFACE_ENTRY(IDispatch)
-    END_COM_MAP()
-
-    static inline std::atomic<int> closed{0};
-    static inline std::atomic<int> reset{0};
-
-    STDMETHOD(Open)() override { return E_NOTIMPL; }
-    STDMETHOD(Close)() override
-    {
-        // At this moment the stop event is not signalled yet.
-        EXPECT_FALSE(TraceRecorder::Get().HasMessage(L"setting stop event"));
-        ++closed;
-        return E_FAIL; // the handler does not look at it
-    }
-    STDMETHOD(get_FilterMask)(LONG*) override { return E_NOTIMPL; }
-    STDMETHOD(put_FilterMask)(LONG) override { return E_NOTIMPL; }
-    STDMETHOD(GetDeviceInfoList)(_DEVICE_ELEMENT**) override { return E_NOTIMPL; }
-    STDMETHOD(StartNotificationProcessing)() override { return E_NOTIMPL; }
-    STDMETHOD(StopNotificationProcessing)() override { return E_NOTIMPL; }
-    STDMETHOD(WiFiSurvey)() override { return E_NOTIMPL; }
-    STDMETHOD(DisableIpBindings)(BSTR, LONG) override { return E_NOTIMPL; }
-    STDMETHOD(RestoreIpBindings)() override { return E_NOTIMPL; }
-    STDMETHOD(ChangeMultiHomingPreferenceIfAllowed)(LONG) override { return E_NOTIMPL; }
-    STDMETHOD(RestoreIpBindingsSync)() override { return E_NOTIMPL; }
-    STDMETHOD(ResetSsidList)() override
-    {
-        ++reset;
-        return S_OK;
-    }
-    STDMETHOD(IsOpen)(VARIANT_BOOL*) override { return E_NOTIMPL; }
-};
-
-// The fake monitor's class object for the life of this object.
-class FakeMonitorRegistration
-{
-public:
-    FakeMonitorRegistration()
-    {
-        EnsureTestModule();
-        FakeMonitor::closed = FakeMonitor::reset = 0;
-        IUnknown* factory = nullptr;
-        EXPECT_EQ(FakeMonitor::_ClassFactoryCreatorClass::CreateInstance(
-                      reinterpret_cast<void*>(&FakeMonitor::_CreatorClass::CreateInstance), __uuidof(IUnknown),
-                      reinterpret_cast<void**>(&factory)),
-                  S_OK);
-        EXPECT_EQ(CoRegisterClassObject(CLSID_NetMonSv, factory, CLSCTX_LOCAL_SERVER, REGCLS_MULTIPLEUSE, &cookie),
-                  S_OK);
-        factory->Release();
-    }
-    ~FakeMonitorRegistration() { CoRevokeClassObject(cookie); }
-    FakeMonitorRegistration(const FakeMonitorRegistration&) = delete;
-    FakeMonitorRegistration& operator=(const FakeMonitorRegistration&) = delete;
-
-private:
-    DWORD cookie = 0;
-};
-
 constexpr wchar_t NotifyKey[] = L"Software\\QRLS\\Sorvane\\Notify";
 
 class ControlHandler : public ::testing::Test
@@ -243,6 +177,8 @@ TEST_F(ControlHandler, SuspendResetsTheMonitorsWiFiListAndResumeDoesNothing)
 TEST_F(ControlHandler, StopClosesTheMonitorBeforeItSignalsTheEvent)
 {
     const FakeMonitorRegistration monitor;
+    // At the moment of the close the stop event is not signalled yet.
+    FakeMonitor::onClose = [] { EXPECT_FALSE(TraceRecorder::Get().HasMessage(L"setting stop event")); };
     Send(SERVICE_CONTROL_STOP);
     EXPECT_EQ(FakeMonitor::closed, 1);
     EXPECT_TRUE(TraceRecorder::Get().Has(10, 4, L"closing netmon because stop message was sent to halcyd"));
