@@ -21,6 +21,8 @@ extern "C"
     IMPORT_SLOT(CoSuspendClassObjects)
     IMPORT_SLOT(CoCreateInstance)
     IMPORT_SLOT(CreateEventW)
+    IMPORT_SLOT(OutputDebugStringW)
+    IMPORT_SLOT(LoadStringW)
     IMPORT_SLOT(GetSystemPowerStatus)
     IMPORT_SLOT(OpenProcess)
 
