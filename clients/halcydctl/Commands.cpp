@@ -1,5 +1,7 @@
 #include "clients/halcydctl/Commands.h"
 
+#include <algorithm>
+
 #include "clients/halcydctl/Failure.h"
 #include "clients/halcydctl/Text.h"
 
@@ -76,6 +78,31 @@ void Print(const Session& session, const Failure& failure)
 void Session::Print(const nlohmann::ordered_json& json) const
 {
     console.Line(Text::FromUtf8(json.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace)));
+}
+
+int Commands::Refuse(const ParseOutcome& outcome, bool json)
+{
+    Console console(ColorChoice::Never);
+    const std::wstring text = Text::FromUtf8(outcome.text);
+    if (outcome.exitCode == 0)
+    {
+        console.Line(text);
+    }
+    else if (json)
+    {
+        Options options;
+        options.json = true;
+        Failure failure;
+        failure.exitCode = ExitCode::Usage;
+        failure.reason = text.substr(0, text.find(L'\n'));
+        failure.cure = text.substr(std::min(text.size(), failure.reason.size() + 1));
+        Print(Session{options, console}, failure);
+    }
+    else
+    {
+        console.ErrorLine(L"halcydctl: " + text);
+    }
+    return outcome.exitCode;
 }
 
 int Commands::Run(const Options& options)

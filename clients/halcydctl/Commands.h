@@ -38,6 +38,10 @@ ExitCode Service(const Session& session);
 // bindings disable, restore, show
 ExitCode Bindings(const Session& session);
 
+// Prints help, version or what is wrong with the command line; the process's exit code. `json`: a mistake goes to
+// standard output as an object, like every other failure.
+int Refuse(const ParseOutcome& outcome, bool json);
+
 // Runs what the options ask for and prints failures; the process's exit code.
 int Run(const Options& options);
 } // namespace Commands

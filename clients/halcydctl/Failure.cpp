@@ -18,6 +18,8 @@ constexpr const wchar_t* LostCure = L"See whether it still runs (halcydctl statu
                                     L"trace) and whether it left a crash dump; "
                                     L"restart it as administrator: net stop Halcyd, net start Halcyd.";
 
+constexpr const wchar_t* TellMoreCure = L"The trace tells more: halcydctl trace --level 3.";
+
 constexpr HRESULT ServerUnavailable = static_cast<HRESULT>(0x800706BA);
 constexpr HRESULT CallFailed = static_cast<HRESULT>(0x800706BE);
 constexpr HRESULT CallFailedNotExecuted = static_cast<HRESULT>(0x800706BF);
@@ -134,8 +136,7 @@ Failure Explain(std::wstring action, HRESULT result, const InstallationFacts& fa
     else
     {
         const std::wstring text = Text::SystemText(static_cast<std::uint32_t>(result));
-        Set(failure, ExitCode::Failed, text.empty() ? L"The service answered with an error." : text,
-            L"The trace tells more: halcydctl trace --level 3.");
+        Set(failure, ExitCode::Failed, text.empty() ? L"The service answered with an error." : text, TellMoreCure);
     }
     return failure;
 }
@@ -145,8 +146,27 @@ Failure ExplainStatus(std::wstring action, std::uint32_t status)
     Failure failure;
     failure.action = std::move(action);
     failure.code = status;
-    const std::wstring text = Text::SystemText(status);
-    failure.exitCode = status == ERROR_ACCESS_DENIED ? ExitCode::AccessDenied : ExitCode::Failed;
-    failure.reason = text.empty() ? L"The service answered with an error number." : text;
+    switch (status)
+    {
+    case ERROR_FILE_NOT_FOUND:
+        Set(failure, ExitCode::Failed, L"There is no such key or value.", L"Look at what is there: reg query KEY.");
+        break;
+    case ERROR_ACCESS_DENIED:
+        Set(failure, ExitCode::AccessDenied, L"Access was denied.", TellMoreCure);
+        break;
+    case ERROR_BAD_ARGUMENTS:
+        Set(failure, ExitCode::Failed, L"The path does not begin with a root that the service knows.",
+            L"Begin it with HKEY_LOCAL_MACHINE\\, HKEY_CURRENT_USER\\ or HKEY_CLASSES_ROOT\\.");
+        break;
+    case ERROR_SERVICE_DOES_NOT_EXIST:
+        Set(failure, ExitCode::Failed, L"There is no service of this name.",
+            L"Give its key name, not the one that is displayed: sc query.");
+        break;
+    default:
+        const std::wstring text = Text::SystemText(status);
+        Set(failure, ExitCode::Failed, text.empty() ? L"The service answered with an error number." : text,
+            TellMoreCure);
+        break;
+    }
     return failure;
 }

@@ -22,7 +22,7 @@ void Test(HRESULT result, const wchar_t* action, const wchar_t* deniedCure)
         throw Explain(action, result, ReadInstallation());
     }
     Failure failure = ExplainStatus(action, static_cast<std::uint32_t>(result));
-    if (result == ERROR_ACCESS_DENIED)
+    if (result == ERROR_ACCESS_DENIED && *deniedCure != L'\0')
     {
         failure.cure = deniedCure;
     }
@@ -183,48 +183,81 @@ ExitCode Commands::Registry(const Session& session)
     return ExitCode::Success;
 }
 
-ExitCode Commands::Service(const Session& session)
+namespace
+{
+struct ServiceNumbers
+{
+    std::uint32_t state = 0;
+    std::uint32_t startType = 0;
+};
+
+ServiceNumbers QueryNumbers(IServiceControlEx* control, BSTR name)
+{
+    // The numbers come back in variants whose type the caller chooses.
+    _variant_t mode(0L);
+    _variant_t startType(0L);
+    Test(control->QueryServiceMode(name, &mode, &startType), L"Querying the service", L"");
+    return {static_cast<std::uint32_t>(mode.lVal), static_cast<std::uint32_t>(startType.lVal)};
+}
+
+void ShowNumbers(const Session& session, const ServiceNumbers& numbers)
+{
+    const std::wstring state = ServiceStateWords(numbers.state);
+    const std::wstring start = StartTypeWords(numbers.startType);
+    if (session.options.json)
+    {
+        session.Print({{"service", session.options.service},
+                       {"state", numbers.state},
+                       {"stateName", Text::ToUtf8(state)},
+                       {"startType", numbers.startType},
+                       {"startTypeName", Text::ToUtf8(start)}});
+        return;
+    }
+    session.console.Line(state + L", start " + start);
+}
+
+void StopOrStart(IServiceControlEx* control, BSTR name, bool stop)
 {
     constexpr long StopMode = 1;
     constexpr long StartMode = 4;
     constexpr long KeepStartType = -1; // SERVICE_NO_CHANGE
     constexpr HRESULT NotTaken = -1;   // the service's answer for a name outside its set
+    const wchar_t* const action = stop ? L"Stopping the service" : L"Starting the service";
+    const HRESULT result = control->SetServiceMode(name, stop ? StopMode : StartMode, KeepStartType);
+    if (result != NotTaken)
+    {
+        return Test(result, action, L"");
+    }
+    Failure failure;
+    failure.action = action;
+    failure.code = static_cast<std::uint32_t>(result);
+    failure.reason = L"The service does this for PolicyAgent, IkeExt and WZCSVC only.";
+    failure.cure = stop ? L"Run as administrator: net stop NAME." : L"Run as administrator: net start NAME.";
+    throw failure;
+}
+} // namespace
+
+ExitCode Commands::Service(const Session& session)
+{
     const Options& options = session.options;
     const IServiceControlExPtr control = ActivateService<IServiceControlExPtr>(CLSID_ServiceControlEx, options.start);
     const _bstr_t name = Automation::String(options.service);
-    if (options.verb == Verb::ServiceQuery)
+    const bool stop = options.verb == Verb::ServiceStop;
+    if (options.verb != Verb::ServiceQuery)
     {
-        // The numbers come back in variants whose type the caller chooses.
-        _variant_t mode(0L);
-        _variant_t startType(0L);
-        Test(control->QueryServiceMode(name, &mode, &startType), L"Querying the service", L"");
-        const std::uint32_t state = static_cast<std::uint32_t>(mode.lVal);
-        const std::uint32_t start = static_cast<std::uint32_t>(startType.lVal);
-        if (options.json)
-        {
-            session.Print({{"service", options.service},
-                           {"state", state},
-                           {"stateName", Text::ToUtf8(ServiceStateWords(state))},
-                           {"startType", start},
-                           {"startTypeName", Text::ToUtf8(StartTypeWords(start))}});
-        }
-        else
-        {
-            session.console.Line(ServiceStateWords(state) + L", start " + StartTypeWords(start));
-        }
-        return ExitCode::Success;
+        StopOrStart(control.GetInterfacePtr(), name, stop);
     }
-    const HRESULT result =
-        control->SetServiceMode(name, options.verb == Verb::ServiceStop ? StopMode : StartMode, KeepStartType);
-    if (result == NotTaken)
+    const ServiceNumbers numbers = QueryNumbers(control.GetInterfacePtr(), name);
+    // A stop or a start that the service manager refuses is no error to the service: what counts is what came of it.
+    if (options.verb != Verb::ServiceQuery && !ServiceStateFollows(numbers.state, stop))
     {
         Failure failure;
-        failure.action = options.verb == Verb::ServiceStop ? L"Stopping the service" : L"Starting the service";
-        failure.code = static_cast<std::uint32_t>(result);
-        failure.reason = L"The service does this for PolicyAgent, IkeExt and WZCSVC only.";
+        failure.action = stop ? L"Stopping the service" : L"Starting the service";
+        failure.reason =
+            L"It is " + ServiceStateWords(numbers.state) + L", start " + StartTypeWords(numbers.startType) + L".";
+        failure.cure = L"The trace tells why: halcydctl trace --level 3.";
         throw failure;
     }
-    Test(result, options.verb == Verb::ServiceStop ? L"Stopping the service" : L"Starting the service", L"");
-    PrintDone(session);
+    ShowNumbers(session, numbers);
     return ExitCode::Success;
 }

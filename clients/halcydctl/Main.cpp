@@ -3,6 +3,7 @@
 #include <windows.h>
 #include <objbase.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -20,10 +21,7 @@ int wmain(int count, wchar_t** arguments)
     const ParseOutcome outcome = ParseCommandLine(words);
     if (!outcome.options)
     {
-        Console console(ColorChoice::Never);
-        const std::wstring text = Text::FromUtf8(outcome.text);
-        outcome.exitCode == 0 ? console.Line(text) : console.ErrorLine(text);
-        return outcome.exitCode;
+        return Commands::Refuse(outcome, std::ranges::find(words, "--json") != words.end());
     }
     const ComApartment apartment(COINIT_MULTITHREADED);
     // The service acts in its client's name where it must, so it is allowed to impersonate.

@@ -28,6 +28,13 @@ constexpr std::array<EventWord, 12> Events{{
     {L"enumEventWiFiAddedSSIDs", L"networks appeared", Text::Style::Cyan},
 }};
 constexpr std::size_t WordsWidth = 23;
+// The device id of an address event, whichever adapter's address it was.
+constexpr const wchar_t* NoAdapterNamed = L"no node";
+
+std::wstring ShownName(const std::wstring& name)
+{
+    return name.empty() ? L"-" : name == NoAdapterNamed ? L"(one of the adapters)" : name;
+}
 
 const EventWord* Find(std::int32_t event)
 {
@@ -108,7 +115,7 @@ std::wstring EventLine(const MonitorEvent& event, const std::wstring& name, std:
     const EventWord* const known = Find(event.event);
     std::wstring line = Text::Styled(TimeOfDay(event.time), Text::Style::Faint);
     line += L"  ";
-    line += Padded(Text::Cut(Text::Printable(name.empty() ? L"-" : name), nameWidth), nameWidth);
+    line += Padded(Text::Cut(Text::Printable(ShownName(name)), nameWidth), nameWidth);
     line += L"  ";
     line +=
         Text::Styled(Padded(EventWords(event.event), WordsWidth), known != nullptr ? known->style : Text::Style::Plain);

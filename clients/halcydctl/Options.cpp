@@ -4,6 +4,8 @@
 #include <array>
 #include <cctype>
 #include <charconv>
+#include <memory>
+#include <sstream>
 #include <string_view>
 
 #include <CLI/CLI.hpp>
@@ -39,19 +41,49 @@ constexpr const char* Footer =
     "Exit codes: 0 done, 1 the service answered with an error, 2 wrong usage, 3 service not installed, 4 service not\n"
     "running, 5 access denied, 6 proxies (HalcydPS.dll) missing, 7 trace service missing, 8 service lost.";
 
+// Help in the words of this program: verbs, and names without the parser's own marks.
+class HelpText : public CLI::Formatter
+{
+public:
+    HelpText()
+    {
+        label("SUBCOMMAND", "VERB");
+        column_width(34);
+    }
+    std::string make_option_name(const CLI::Option* option, bool positional) const override
+    {
+        const std::string name = CLI::Formatter::make_option_name(option, positional);
+        return name.substr(0, name.find('{'));
+    }
+    std::string make_option_usage(const CLI::Option* option) const override
+    {
+        const std::string name = make_option_name(option, true) + (option->get_expected_max() > 1 ? "..." : "");
+        return option->get_required() ? name : "[" + name + "]";
+    }
+    // What stands behind an option: its value, as its definition words it. An argument explains itself.
+    std::string make_option_opts(const CLI::Option* option) const override
+    {
+        const bool argument = option->get_positional();
+        return argument || option->get_option_text().empty() ? std::string() : " " + option->get_option_text();
+    }
+};
+
 // Gathers the options while CLI11 walks the line.
 class Parser
 {
 public:
     Parser() : app("Console client of the network configuration service Halcyd.", "halcydctl")
     {
+        app.formatter(std::make_shared<HelpText>());
         app.footer(Footer);
-        app.set_version_flag("--version", Version);
+        app.set_version_flag("--version", Version, "Tell the version");
+        app.set_help_flag("-h,--help", "Show this help; with a verb, that verb's");
         app.require_subcommand(1);
         app.fallthrough();
         app.add_flag("--json", options.json, "Output for scripts: one JSON object, or one per line where things go on");
         app.add_option("--color", color, "Colours: auto (on a console), always, never")
-            ->check(CLI::IsMember({"auto", "always", "never"}));
+            ->check(CLI::IsMember({"auto", "always", "never"}))
+            ->option_text("WHEN");
         app.add_flag("--no-color", noColor, "The same as --color never");
         app.add_flag("--start", options.start, "Let COM start the service if it is stopped");
         AddMonitorVerbs();
@@ -71,6 +103,16 @@ public:
             Finish();
             outcome.options = options;
         }
+        catch (const CLI::RequiredError& error)
+        {
+            outcome.text = MissingVerb();
+            if (outcome.text.empty())
+            {
+                outcome.text = std::string(error.what()) + ".";
+            }
+            outcome.text += "\nRun with --help for more information."; // as the parser ends its own texts
+            outcome.exitCode = static_cast<int>(ExitCode::Usage);
+        }
         catch (const CLI::ParseError& error)
         {
             std::ostringstream out;
@@ -87,9 +129,33 @@ public:
     }
 
 private:
-    CLI::App* Add(CLI::App* parent, const char* name, const char* description, Verb verb)
+    // What is wrong where a verb has to stand; empty if one stands there and something else is missing.
+    std::string MissingVerb()
     {
-        CLI::App* const command = parent->add_subcommand(name, description);
+        CLI::App* place = &app;
+        while (!place->get_subcommands().empty())
+        {
+            place = place->get_subcommands().front();
+        }
+        if (place->get_require_subcommand_min() == 0)
+        {
+            return {};
+        }
+        std::string known;
+        for (const CLI::App* verb : place->get_subcommands(nullptr))
+        {
+            known += (known.empty() ? "" : ", ") + verb->get_name();
+        }
+        const std::vector<std::string> words = app.remaining(true);
+        const auto word = std::ranges::find_if(words, [](const std::string& text) { return !text.starts_with('-'); });
+        const std::string where = place == &app ? "" : " of " + place->get_name();
+        return word == words.end() ? "A verb" + where + " is missing: " + known + "."
+                                   : "'" + *word + "' is no verb" + where + ". There are: " + known + ".";
+    }
+
+    CLI::App* Add(CLI::App* parent, const char* name, const std::string& description, Verb verb)
+    {
+        CLI::App* const command = parent->add_subcommand(name, description)->group("Verbs");
         command->callback(
             [this, command, verb]
             {
@@ -101,9 +167,9 @@ private:
         return command;
     }
 
-    CLI::App* AddGroup(const char* name, const char* description)
+    CLI::App* AddGroup(const char* name, const std::string& description)
     {
-        CLI::App* const group = app.add_subcommand(name, description);
+        CLI::App* const group = app.add_subcommand(name, description)->group("Verbs");
         group->require_subcommand(1);
         return group;
     }
@@ -117,8 +183,8 @@ private:
         list->add_flag("--as-is", options.asIs, "Do not open the monitor: a closed one has an empty list");
         CLI::App* const watch =
             Add(&app, "watch", "Shows events as they come, and the adapters below; ends with Ctrl+C", Verb::Watch);
-        watch->add_option("--count", options.count, "End after this many events");
-        watch->add_option("--seconds", options.seconds, "End after this time");
+        watch->add_option("--count", options.count, "End after this many events")->option_text("N");
+        watch->add_option("--seconds", options.seconds, "End after this time")->option_text("N");
         watch->add_flag("!--no-table", options.table, "Events only");
         watch->add_flag("--notes", options.notes, "Show lines of standard input among the events");
         Add(&app, "open", "Opens the monitor and leaves it open (counted)", Verb::Open);
@@ -131,19 +197,21 @@ private:
         trace->require_subcommand(0, 1);
         trace->add_flag("-f,--follow", options.follow, "Go on with new lines as they come; ends with Ctrl+C");
         trace->add_option("--source", source, "Only this source: a name such as NetMon, or a number 0 to 36")
-            ->check(ValidSource());
+            ->check(ValidSource())
+            ->option_text("SOURCE");
         trace
             ->add_option("--level", options.level,
                          "Only lines up to this level (1 worst, 2 failures, 4 normal, 6 least)")
-            ->check(CLI::Range(0, 9));
-        trace->add_option("-n,--lines", options.lines, "How many lines to begin with")->capture_default_str();
+            ->check(CLI::Range(0, 9))
+            ->option_text("N");
+        trace->add_option("-n,--lines", options.lines, "How many lines to begin with (200)")->option_text("N");
         Add(trace, "levels", "Shows the levels in force and what the trace service holds", Verb::TraceLevels);
         CLI::App* const set =
             Add(trace, "set-level", "Sets the global level, or with --source that source's own", Verb::TraceSetLevel);
         set->add_option("LEVEL", options.newLevel, "0 to 9; a source's level 0 makes it follow the global one")
             ->required()
             ->check(CLI::Range(0, 9));
-        set->add_option("--source", source, "The source: name or number")->check(ValidSource());
+        set->add_option("--source", source, "The source: name or number")->check(ValidSource())->option_text("SOURCE");
     }
 
     void AddGuid(CLI::App* command)
@@ -156,7 +224,7 @@ private:
         struct Setting
         {
             const char* name;
-            const char* description;
+            const char* noun;
             Verb get;
             Verb set;
             const char* values;
@@ -165,16 +233,17 @@ private:
         };
         for (const Setting& setting : {Setting{"dns", "DNS servers of an adapter", Verb::DnsGet, Verb::DnsSet,
                                                "Servers in search order; none: back to DHCP's", 0, 64},
-                                       Setting{"dns-suffix", "DNS suffix list of the machine", Verb::DnsSuffixGet,
+                                       Setting{"dns-suffix", "DNS suffixes of the machine", Verb::DnsSuffixGet,
                                                Verb::DnsSuffixSet, "Suffixes in search order", 0, 64},
                                        Setting{"dns-domain", "DNS domain of an adapter", Verb::DnsDomainGet,
                                                Verb::DnsDomainSet, "The domain", 1, 1},
                                        Setting{"wins", "WINS servers of an adapter", Verb::WinsGet, Verb::WinsSet,
                                                "Primary and secondary server", 1, 2}})
         {
-            CLI::App* const group = AddGroup(setting.name, setting.description);
-            AddGuid(Add(group, "get", "Shows the setting", setting.get));
-            CLI::App* const set = Add(group, "set", "Changes the setting", setting.set);
+            const std::string noun = setting.noun;
+            CLI::App* const group = AddGroup(setting.name, noun);
+            AddGuid(Add(group, "get", "Shows the " + noun, setting.get));
+            CLI::App* const set = Add(group, "set", "Changes the " + noun, setting.set);
             AddGuid(set);
             set->add_option("VALUE", options.values, setting.values)
                 ->required(setting.fewest != 0)
@@ -206,9 +275,9 @@ private:
         addKey(set);
         set->add_option("VALUE", options.value, "The value's name")->required();
         set->add_option("DATA", options.data, "Its data; items of a multi-string joined with commas")->required();
-        set->add_option("--type", options.type, "sz, dword, qword or multi")
+        set->add_option("--type", options.type, "sz (a text, as without this option), dword, qword or multi")
             ->check(CLI::IsMember({"sz", "dword", "qword", "multi"}))
-            ->capture_default_str();
+            ->option_text("TYPE");
         CLI::App* const remove =
             Add(registry, "delete", "Deletes a value, or with --key a whole key", Verb::RegistryDelete);
         addKey(remove);
@@ -262,6 +331,8 @@ private:
         {
             options.source = SourceFromText(source);
         }
+        options.guid = AdapterIdFromText(options.guid);
+        options.key = RegistryPathFromText(options.key);
         if (options.verb == Verb::RegistryDelete && options.value.empty() && !options.wholeKey)
         {
             throw CLI::RequiredError("VALUE or --key");
@@ -298,6 +369,35 @@ std::string SourceName(std::uint16_t source)
 {
     const auto found = std::ranges::find(Sources, source, &NamedSource::number);
     return found != Sources.end() ? found->name : std::to_string(source);
+}
+
+std::string AdapterIdFromText(const std::string& text)
+{
+    constexpr std::size_t bare = 36;
+    std::string id = text.size() == bare && text.front() != '{' ? "{" + text + "}" : text;
+    std::ranges::transform(id, id.begin(),
+                           [](char c) { return static_cast<char>(std::toupper(static_cast<unsigned char>(c))); });
+    return id;
+}
+
+std::string RegistryPathFromText(const std::string& text)
+{
+    struct Root
+    {
+        const char* name;
+        const char* alias;
+    };
+    constexpr Root roots[] = {
+        {"HKEY_LOCAL_MACHINE", "HKLM"}, {"HKEY_CURRENT_USER", "HKCU"}, {"HKEY_CLASSES_ROOT", "HKCR"}};
+    const std::size_t end = std::min(text.find('\\'), text.size());
+    for (const Root& root : roots)
+    {
+        if (SameText(text.substr(0, end), root.name) || SameText(text.substr(0, end), root.alias))
+        {
+            return root.name + text.substr(end);
+        }
+    }
+    return text;
 }
 
 ParseOutcome ParseCommandLine(const std::vector<std::string>& arguments)

@@ -98,6 +98,13 @@ struct ParseOutcome
 // `arguments` are UTF-8, without the program's name. Pure.
 [[nodiscard]] ParseOutcome ParseCommandLine(const std::vector<std::string>& arguments);
 
+// An adapter's id as the service spells it: in braces and capitals. A text that is none goes through in capitals. Pure.
+[[nodiscard]] std::string AdapterIdFromText(const std::string& text);
+
+// A registry path whose root is spelled as the service takes it everywhere: HKEY_LOCAL_MACHINE for "hklm" and the like.
+// An unknown root stays as it is. Pure.
+[[nodiscard]] std::string RegistryPathFromText(const std::string& text);
+
 // A source given by name ("NetMon", any case) or number 0 to 36. Pure.
 [[nodiscard]] std::optional<std::uint16_t> SourceFromText(const std::string& text);
 // "NetMon", or the number for a source that has no name here. Pure.

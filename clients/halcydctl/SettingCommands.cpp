@@ -37,7 +37,7 @@ public:
         {
             failure.exitCode = ExitCode::Failed;
             failure.reason = words;
-            failure.cure.clear();
+            failure.cure = SettingResultCure(static_cast<std::uint32_t>(result));
         }
         return failure;
     }

@@ -72,11 +72,31 @@ std::wstring SettingResultWords(std::uint32_t result)
     case 100:
         return L"DHCP is not enabled on the adapter.";
     case 0x80041017:
-        return L"No adapter has this id, or more than one has. It is written with braces and in upper case: halcydctl "
-               L"list "
-               L"--json.";
+        return L"No adapter has this id, or more than one has.";
     default:
         return {};
+    }
+}
+
+std::wstring SettingResultCure(std::uint32_t result)
+{
+    switch (result)
+    {
+    case 1:
+        return L"Restart the machine.";
+    case 66:
+    case 68:
+    case 70:
+    case 71:
+        return L"Look at what was typed: --help tells the form.";
+    case 84:
+        return L"Plug the adapter in, or bind TCP/IP to it.";
+    case 100:
+        return L"First: halcydctl dhcp enable.";
+    case 0x80041017:
+        return L"The ids stand in: halcydctl list --json.";
+    default:
+        return L"The trace tells more: halcydctl trace --level 3.";
     }
 }
 
@@ -130,6 +150,15 @@ std::wstring ServiceStateWords(std::uint32_t state)
     constexpr const wchar_t* Words[] = {L"stopped",          L"start pending", L"stop pending", L"running",
                                         L"continue pending", L"pause pending", L"paused"};
     return state >= 1 && state <= 7 ? Words[state - 1] : L"state " + std::to_wstring(state);
+}
+
+bool ServiceStateFollows(std::uint32_t state, bool stop)
+{
+    constexpr std::uint32_t stopped = 1;
+    constexpr std::uint32_t startPending = 2;
+    constexpr std::uint32_t stopPending = 3;
+    constexpr std::uint32_t running = 4;
+    return stop ? state == stopped || state == stopPending : state == running || state == startPending;
 }
 
 std::wstring StartTypeWords(std::uint32_t startType)

@@ -8,6 +8,8 @@
 // What a result of the adapter settings means: the positive numbers of WMI's methods, "adapter not found". Empty for
 // others.
 [[nodiscard]] std::wstring SettingResultWords(std::uint32_t result);
+// What to do about it; never empty.
+[[nodiscard]] std::wstring SettingResultCure(std::uint32_t result);
 
 struct AddressAndMask
 {
@@ -20,6 +22,9 @@ struct AddressAndMask
 
 // The number that a text holds, decimal or 0x-hexadecimal, up to `highest`.
 [[nodiscard]] std::optional<std::uint64_t> NumberFromText(const std::string& text, std::uint64_t highest);
+
+// Whether a service in this state has been stopped (or started), or is about to.
+[[nodiscard]] bool ServiceStateFollows(std::uint32_t state, bool stop);
 
 // "stopped", "running", ... for a service's state; "automatic", ... for its start type. The number for unknown values.
 [[nodiscard]] std::wstring ServiceStateWords(std::uint32_t state);
