@@ -25,7 +25,7 @@ registry.QueryRegistry "number", OwnPath, kind, data
 Check "number comes back", kind = 4 And data = 77, kind & " " & data
 registry.SetRegistry "list", OwnPath, 7, "one,two,three"
 registry.QueryRegistry "list", OwnPath, kind, data
-Check "comma separated text is a list of strings", kind = 7 And UBound(data) = 2, kind
+Check "comma separated text is a list of strings", kind = 7 And VarType(data) = 8200, kind
 registry.SetRegistry "text", OutsidePath, 1, "hello"
 data = "untouched"
 registry.QueryRegistry "text", OutsidePath, kind, data

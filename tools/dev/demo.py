@@ -150,12 +150,16 @@ def _keep(prefix, lines):
     return place
 
 
+def _count(number, noun):
+    return f'{number} {noun}{"" if number == 1 else "s"}'
+
+
 def main(scenario, seconds):
     stage = Stage()
     with machine.running('run', scenario) as (_, prefix):
         state = json.loads(prefix.must([product.windows(f'{product.LAB}/labctl.exe'), 'dump', '--json']))
         scenes = [] if scenario == 'host' else story(state)
-        print(f'{bold("Halcyd at work")}: {len(state.get("adapters", []))} adapters in scenario "{scenario}", {seconds} s'
+        print(f'{bold("Halcyd at work")}: {_count(len(state.get("adapters", [])), "adapter")} in scenario "{scenario}", {seconds} s'
               + ('; any key ends it' if sys.stdin.isatty() else '; Ctrl+C ends it'))
         print()
         lines, good_end = _view(prefix, seconds, scenes, stage)
