@@ -1,8 +1,12 @@
 """What ./dev answers before it builds or starts anything: help, wrong words, names that do not exist."""
+import io
 import subprocess
 import sys
+import tempfile
 import unittest
+from contextlib import ExitStack, contextmanager, redirect_stdout
 from pathlib import Path
+from unittest import mock
 
 sys.path.insert(0, str(Path(__file__).parent))
 
@@ -75,6 +79,54 @@ class Names(unittest.TestCase):
     def test_programs_and_names_of_windows_are_left_to_windows(self):
         for name in ('halcydctl', 'cmd', 'C:\\scripts\\a.vbs', 'reg.exe', str(MAIN)):
             execute.check_program([name, 'nosuch.vbs'])
+
+
+class FakePrefix:
+    """A Windows that is only a folder."""
+
+    def __init__(self, path):
+        self.path = path
+
+    def c(self, *parts):
+        return self.path / 'drive_c' / Path(*parts)
+
+    def boot(self):
+        journal = self.c('ProgramData/HalcydLab/journal.jsonl')
+        journal.parent.mkdir(parents=True)
+        journal.write_text('what was called')
+
+
+class Evidence(unittest.TestCase):
+    def running(self, start_service):
+        """The run of a command in a Windows whose service starts, or not, as told."""
+        @contextmanager
+        def clone(_base, name):
+            yield FakePrefix(self.root / name)
+
+        with ExitStack() as stack:
+            self.root = Path(stack.enter_context(tempfile.TemporaryDirectory()))
+            for patch in (mock.patch.multiple(machine, prepare=lambda: ('built', 'base'), load=lambda *_: None,
+                                              start_service=start_service, check_scenario=lambda _: None),
+                          mock.patch.object(machine.wine.Prefix, 'clone_of', clone),
+                          mock.patch.object(machine.build, 'ROOT', self.root),
+                          redirect_stdout(io.StringIO())):
+                stack.enter_context(patch)
+            try:
+                with machine.running('run', 'laptop'):
+                    pass
+                return None, []
+            except Failure as failure:
+                return str(failure), sorted(p.name for p in (self.root / 'build').glob('**/*') if p.is_file())
+
+    def test_failed_start_keeps_its_files_and_says_where(self):
+        def never(_prefix):
+            raise Failure('the service did not come up')
+        said, kept = self.running(never)
+        self.assertEqual(said, 'the service did not come up\nleft behind: build/run-failed')
+        self.assertEqual(kept, ['journal.jsonl'])
+
+    def test_run_that_goes_well_leaves_nothing(self):
+        self.assertEqual(self.running(lambda _: None), (None, []))
 
 
 class Words(unittest.TestCase):
