@@ -71,6 +71,7 @@ public:
     SimpleMutex& operator=(const SimpleMutex&) = delete;
 
     void Lock() noexcept ACQUIRE() override { EnterCriticalSection(&section); }
+    [[nodiscard]] bool TryLock() noexcept TRY_ACQUIRE(true) { return TryEnterCriticalSection(&section) != FALSE; }
     void Unlock() noexcept RELEASE() override { LeaveCriticalSection(&section); }
 
 private:
@@ -81,7 +82,13 @@ private:
 class SCOPED_CAPABILITY LockGuard
 {
 public:
+    enum Ownership
+    {
+        Locked // by this thread already: only to be unlocked
+    };
+
     explicit LockGuard(ILock* guarded) ACQUIRE(guarded) : lock(guarded) { lock->Lock(); }
+    LockGuard(ILock* guarded, Ownership) REQUIRES(guarded) : lock(guarded) {}
     ~LockGuard() RELEASE()
     {
         if (lock != nullptr)

@@ -210,14 +210,26 @@ void CWorkItemThreadPool::Start()
     stoppedEvent.Reset();
 }
 
-bool CWorkItemThreadPool::Add(CWorkItem* item)
+// The lock is asked for again and again rather than waited for: a stop that came in between has the lock for as long as
+// its threads take to end, and one of those may be waiting for what the caller of Add holds.
+bool CWorkItemThreadPool::Add(CWorkItem* item) NO_THREAD_SAFETY_ANALYSIS
 {
-    if (stoppedEvent.Wait(0))
+    bool locked = false;
+    while (!stoppedEvent.Wait(0) && !(locked = poolLock.TryLock()))
+    {
+        SwitchToThread();
+    }
+    if (!locked)
     {
         delete item;
         return false;
     }
-    const LockGuard lock(&poolLock);
+    const LockGuard lock(&poolLock, LockGuard::Locked);
+    return AddLocked(item);
+}
+
+bool CWorkItemThreadPool::AddLocked(CWorkItem* item)
+{
     if (!running)
     {
         delete item;

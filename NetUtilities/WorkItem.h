@@ -7,8 +7,8 @@
 // Nothing catches an exception from Execute.
 //
 // Lock order: pool lock, then a thread's lock or a queue's items lock. A queue's life lock comes before its items
-// lock. The pool lock is held while the pool stops, and that joins threads: an item that calls the pool's Add
-// while a stop is under way waits until the stop has finished.
+// lock. The pool lock is held while the pool stops, and that joins threads; Add does not wait for it then but refuses
+// the item, so that it may be called with a lock in hand that an item wants too.
 
 #include <windows.h>
 
@@ -160,6 +160,7 @@ public:
     [[nodiscard]] std::uint32_t ThreadCount() EXCLUDES(poolLock);
 
 private:
+    bool AddLocked(CWorkItem* item) REQUIRES(poolLock);
     SThrdInfo& AddThread() REQUIRES(poolLock);
     [[nodiscard]] SThrdInfo* ChooseThread() REQUIRES(poolLock);
     template <class StopThread>

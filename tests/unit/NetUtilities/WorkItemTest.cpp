@@ -1,8 +1,11 @@
 #include "NetUtilities/WorkItem.h"
 
 #include <atomic>
+#include <cstdio>
+#include <cstdlib>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -456,6 +459,59 @@ TEST(WorkItemThreadPool, StopTimeOutOnOneThreadStopsItAllTheSameAndSaysFalse)
     EXPECT_EQ((std::vector<int>{1}), account.Order()) << "the second item is deleted unrun";
     EXPECT_EQ(0, account.alive);
     EXPECT_EQ(0U, pool.ThreadCount());
+}
+
+// Takes a lock that somebody else has, once that somebody says so.
+class WantingItem : public CWorkItem
+{
+public:
+    WantingItem(SimpleMutex& lock, Event& lockIsTaken) : wanted(lock), taken(lockIsTaken) {}
+    void Execute() override
+    {
+        taken.Wait(Patience);
+        const LockGuard lock(&wanted);
+    }
+
+private:
+    SimpleMutex& wanted;
+    Event& taken;
+};
+
+TEST(WorkItemThreadPool, StopIsNotHeldUpByAnAddThatHoldsALockWhichARunningItemWants)
+{
+    // The stop has to fall between two instructions of Add: many tries.
+    for (int round = 0; round < 100; ++round)
+    {
+        SimpleMutex shared;
+        Event taken(true, false);
+        Event stopped(true, false);
+        CWorkItemThreadPool pool(1, 1);
+        pool.Start();
+        ASSERT_TRUE(pool.Add(new WantingItem(shared, taken)));
+        std::thread adder(
+            [&]
+            {
+                const LockGuard lock(&shared);
+                taken.Set();
+                while (pool.Add(new WantingItem(shared, taken)))
+                {
+                }
+            });
+        taken.Wait(Patience);
+        std::thread stopper(
+            [&]
+            {
+                pool.Stop();
+                stopped.Set();
+            });
+        if (!stopped.Wait(Patience))
+        {
+            (void)std::fputs("the stop waits for an add that waits for the stop\n", stderr);
+            std::abort(); // nothing here could be taken down any more
+        }
+        stopper.join();
+        adder.join();
+    }
 }
 
 TEST(GlobalObjectName, ReplacesTheTextOfTheCallBefore)
