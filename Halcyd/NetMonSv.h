@@ -297,7 +297,8 @@ protected:
     std::unique_ptr<std::thread> WmiEventThread;
     Event wmiEventThreadStop; // manual-reset, made at thread start
     PlainMutex wmiEventQueueMutex{LockRank::WmiEventQueue};
-    UniqueHandle nativeWifiEvent; // "NetCfgWifiEvent", manual-reset
+    PlainMutex wmiEventHandleMutex; // a late notification may signal wmiEventAvailable while a close takes it away
+    UniqueHandle nativeWifiEvent;   // "NetCfgWifiEvent", manual-reset
     std::unique_ptr<std::thread> NativeWifiMonitorThread;
     Event nativeWifiStopEvent;                                                 // manual-reset
     HANDLE ipChangeNotification GUARDED_BY(serializeOpenCloseMutex) = nullptr; // ended by CancelMibChangeNotify2

@@ -78,6 +78,7 @@ void CNetMonSv::EnqueueWmiEvent(IWbemClassObject* object)
         wmiEventQueue.Push(object, wmiEventQueueMutex);
         MonitorTrace::Note(L"queued wmi event {:#08x}", MonitorTrace::Address(object));
     }
+    MutexLock handle(wmiEventHandleMutex);
     wmiEventAvailable.Set();
 }
 
@@ -143,7 +144,10 @@ void CNetMonSv::StopWmiEventMonitorThread()
         WmiEventThread.reset();
     }
     wmiEventThreadStop.Close();
-    wmiEventAvailable.Close();
+    {
+        MutexLock handle(wmiEventHandleMutex);
+        wmiEventAvailable.Close();
+    }
     wmiEventQueue.DropAll();
 }
 

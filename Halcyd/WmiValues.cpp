@@ -79,6 +79,10 @@ std::wstring Join(const std::vector<std::wstring>& strings, std::wstring_view se
 
 HRESULT Query(IWbemServices* services, std::wstring_view text, long flags, IEnumWbemClassObjectPtr& results)
 {
+    if (services == nullptr)
+    {
+        return E_POINTER; // the connection was taken down
+    }
     const _bstr_t language(L"WQL");
     const _bstr_t query(std::wstring(text).c_str());
     return services->ExecQuery(language, query, flags, nullptr, &results);
