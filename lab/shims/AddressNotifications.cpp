@@ -8,6 +8,7 @@
 #include <netioapi.h>
 
 #include <algorithm>
+#include <exception>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -51,12 +52,32 @@ private:
             m_callback(m_context, nullptr, MibInitialNotification);
         while (WaitForSingleObject(m_stop, 0) == WAIT_TIMEOUT)
         {
+            DeliverWhatComes();
+        }
+    }
+
+    // The thread belongs to the program that registered, and an exception would end that: the journal is told instead.
+    void DeliverWhatComes()
+    {
+        std::string why = "an exception without a text";
+        try
+        {
             for (const Json& event : m_cursor.Next(INFINITE, m_stop))
             {
                 if (WaitForSingleObject(m_stop, 0) == WAIT_TIMEOUT)
                     Deliver(event);
             }
+            return;
         }
+        catch (const std::exception& failure)
+        {
+            why = failure.what();
+        }
+        catch (...)
+        {
+        }
+        lab::Call call{"UnicastIpAddressChangeCallback"};
+        call.Arg("failure", why).Result(static_cast<unsigned>(RPC_E_SERVERFAULT));
     }
 
     void Deliver(const Json& event)

@@ -35,13 +35,13 @@ void Machine::Impl::AppendEvents(Events& events)
     const Handle file{CreateFileW((folder / eventsFile).c_str(), GENERIC_WRITE,
                                   FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_ALWAYS,
                                   FILE_ATTRIBUTE_NORMAL, nullptr)};
+    if (text.size() > eventsRoom)
+    {
+        Fail("too many events at a time");
+    }
     const std::uint64_t end = shared->eventsEnd.load();
-    OVERLAPPED position{};
-    position.Offset = static_cast<DWORD>(end);
-    position.OffsetHigh = static_cast<DWORD>(end >> 32);
-    DWORD written = 0;
-    if (!file || !WriteFile(file.get(), text.data(), static_cast<DWORD>(text.size()), &written, &position) ||
-        written != text.size())
+    shared->eventsWanted.store(end + text.size());
+    if (!file || !WriteRing(file.get(), eventsRoom, end, text))
     {
         Fail("cannot write the events");
     }
@@ -142,8 +142,16 @@ Events EventCursor::Next(std::uint32_t milliseconds, void* stop)
         }
     }
     const std::uint64_t end = shared.eventsEnd.load(std::memory_order_acquire);
-    const std::string text = ReadRange(m_impl->machine.folder / eventsFile, m_impl->position, end);
+    const std::uint64_t start = m_impl->position;
     m_impl->position = end;
+    const std::string text = end - start > eventsRoom
+                                 ? std::string{}
+                                 : ReadRing(m_impl->machine.folder / eventsFile, eventsRoom, start, end);
+    // Asked after the reading: what was overwritten meanwhile is no text of events any more.
+    if (shared.eventsWanted.load() - start > eventsRoom)
+    {
+        return {{{"channel", "lab"}, {"type", "lost"}, {"bytes", end - start}}};
+    }
     Events events;
     for (std::size_t from = 0; from < text.size();)
     {

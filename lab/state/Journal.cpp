@@ -1,7 +1,10 @@
 #include "lab/state/MachineImpl.h"
+#include "lab/state/Model.h"
 #include "lab/state/Text.h"
 
 #include <algorithm>
+#include <charconv>
+#include <cstdio>
 
 namespace lab
 {
@@ -15,6 +18,42 @@ std::string ProcessName()
     const DWORD length = GetModuleFileNameW(nullptr, path, MAX_PATH);
     const std::wstring_view text{path, length};
     return Utf8(text.substr(text.find_last_of(L'\\') + 1));
+}
+
+constexpr std::size_t longestPart = journalRoom / 8; // of the arguments or the outcome of one call
+constexpr std::size_t stampLength = 24;              // {"at":"0000000000000000"
+
+bool StandsAt(const Json& line, std::uint64_t place)
+{
+    const std::string text = TextField(line, "at");
+    std::uint64_t at = 0;
+    return std::from_chars(text.data(), text.data() + text.size(), at, 16).ptr == text.data() + text.size() &&
+           at == place && !text.empty();
+}
+
+// Lines of the journal that stand at their own place; `start` is the place of the text's first byte, in the middle of
+// a line if `cut`. `whole` tells whether there was nothing else in the text.
+std::vector<Json> LinesAtTheirPlace(const std::string& text, std::uint64_t start, bool cut, bool& whole)
+{
+    std::vector<Json> lines;
+    whole = true;
+    for (std::size_t from = cut ? std::min(text.find('\n'), text.size() - 1) + 1 : 0; from < text.size();)
+    {
+        const std::size_t to = std::min(text.find('\n', from), text.size());
+        Json line = Json::parse(text.begin() + static_cast<std::ptrdiff_t>(from),
+                                text.begin() + static_cast<std::ptrdiff_t>(to), nullptr, false);
+        if (line.is_object() && StandsAt(line, start + from))
+        {
+            line.erase("at");
+            lines.push_back(std::move(line));
+        }
+        else
+        {
+            whole = false;
+        }
+        from = to + 1;
+    }
+    return lines;
 }
 
 Json FromRecord(const LabDriverRecord& record)
@@ -59,26 +98,27 @@ try
         return;
     }
     static const std::string process = ProcessName();
-    std::string text = "{\"time\":\"" + TimeText(Now()) + "\",\"process\":\"" + process +
+    std::string text = ",\"time\":\"" + TimeText(Now()) + "\",\"process\":\"" + process +
                        "\",\"pid\":" + std::to_string(GetCurrentProcessId()) +
                        ",\"tid\":" + std::to_string(GetCurrentThreadId()) + ",\"call\":\"" + std::string{call} + '"';
     // Text from outside may be anything; a journal line may not fail for that.
-    if (!arguments.is_null())
+    const auto add = [&](const char* name, const Json& part)
     {
-        text += ",\"args\":" + arguments.dump(-1, ' ', false, Json::error_handler_t::replace);
-    }
-    if (!out.is_null())
-    {
-        text += ",\"out\":" + out.dump(-1, ' ', false, Json::error_handler_t::replace);
-    }
+        if (!part.is_null())
+        {
+            const std::string shown = part.dump(-1, ' ', false, Json::error_handler_t::replace);
+            text += name + (shown.size() <= longestPart ? shown : "\"(too long to keep)\"");
+        }
+    };
+    add(",\"args\":", arguments);
+    add(",\"out\":", out);
     text += ",\"result\":\"" + Hex32(result) + "\"}\n";
-    // The place is reserved first, so writers never meet. One that dies in between leaves zeros, which readers skip.
-    const std::uint64_t place = m_impl->shared->journalEnd.fetch_add(text.size());
-    OVERLAPPED position{};
-    position.Offset = static_cast<DWORD>(place);
-    position.OffsetHigh = static_cast<DWORD>(place >> 32);
-    DWORD written = 0;
-    WriteFile(m_impl->journalFile.get(), text.data(), static_cast<DWORD>(text.size()), &written, &position);
+    // The place is reserved first, so writers never meet. Each line says at which place it stands, in a form of fixed
+    // length: that tells it from what a writer that died left there, zeros or an older line.
+    char stamp[stampLength + 1];
+    std::uint64_t place = m_impl->shared->journalEnd.fetch_add(stampLength + text.size());
+    std::snprintf(stamp, sizeof stamp, "{\"at\":\"%016llx\"", static_cast<unsigned long long>(place));
+    WriteRing(m_impl->journalFile.get(), journalRoom, place, stamp + text);
 }
 catch (...)
 {
@@ -94,31 +134,35 @@ void Machine::ClearJournal()
 std::vector<Json> Machine::ReadJournal(JournalPosition& position)
 {
     const SharedBlock& shared = *m_impl->shared;
-    position.bytes = std::max(position.bytes, shared.journalStart.load());
     const std::uint64_t end = shared.journalEnd.load();
-    std::string text;
-    // A line whose writer is still at work reads as zeros for a moment: wait for it, but not for a dead writer.
+    const std::uint64_t from = std::max(position.bytes, shared.journalStart.load());
+    // The newest lines have overwritten older ones; of the rest the first may be cut.
+    const std::uint64_t oldest = end > journalRoom ? end - journalRoom : 0;
+    const std::uint64_t start = std::max(from, oldest);
+    std::vector<Json> lines;
+    // A line whose writer is still at work is not at its place for a moment: wait for it, but not for a dead writer.
     for (int attempt = 0; attempt < 50; ++attempt)
     {
-        text = ReadRange(m_impl->folder / L"journal.jsonl", position.bytes, end);
-        if (text.size() == end - position.bytes && text.find('\0') == std::string::npos)
+        bool whole = false;
+        lines = LinesAtTheirPlace(ReadRing(m_impl->folder / L"journal.jsonl", journalRoom, start, end), start,
+                                  start > from, whole);
+        if (whole)
         {
             break;
         }
         Sleep(2);
     }
-    position.bytes = end;
-    std::erase(text, '\0');
-    std::vector<Json> lines;
-    for (std::size_t from = 0; from < text.size();)
+    if (start > from && !lines.empty())
     {
-        const std::size_t to = std::min(text.find('\n', from), text.size());
-        if (Json line = Json::parse(text.substr(from, to - from), nullptr, false); line.is_object())
-        {
-            lines.push_back(std::move(line));
-        }
-        from = to + 1;
+        lines.insert(lines.begin(), Json{{"time", lines.front()["time"]},
+                                         {"process", "lab"},
+                                         {"pid", 0},
+                                         {"tid", 0},
+                                         {"call", "(older calls were overwritten)"},
+                                         {"args", {{"bytes", start - from}}},
+                                         {"result", Hex32(0)}});
     }
+    position.bytes = end;
     // The driver's ring holds the newest LAB_DRIVER_RECORDS records.
     const LabDriverTable& table = *m_impl->table;
     const std::uint64_t count = table.recordCount;

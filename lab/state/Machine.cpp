@@ -3,6 +3,7 @@
 #include "lab/state/MachineImpl.h"
 #include "lab/state/Text.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <stdexcept>
 
@@ -76,6 +77,37 @@ std::string ReadRange(const std::filesystem::path& path, std::uint64_t from, std
     }
     text.resize(done);
     return text;
+}
+
+std::string ReadRing(const std::filesystem::path& path, std::uint64_t room, std::uint64_t from, std::uint64_t to)
+{
+    const std::uint64_t first = from % room;
+    const std::uint64_t length = to - from;
+    if (first + length <= room)
+    {
+        return ReadRange(path, first, first + length);
+    }
+    return ReadRange(path, first, room) + ReadRange(path, 0, length - (room - first));
+}
+
+bool WriteRing(HANDLE file, std::uint64_t room, std::uint64_t place, std::string_view text) noexcept
+{
+    while (!text.empty())
+    {
+        const std::uint64_t start = place % room;
+        const auto length = static_cast<DWORD>(std::min<std::uint64_t>(text.size(), room - start));
+        OVERLAPPED position{};
+        position.Offset = static_cast<DWORD>(start);
+        position.OffsetHigh = static_cast<DWORD>(start >> 32);
+        DWORD written = 0;
+        if (!WriteFile(file, text.data(), length, &written, &position) || written != length)
+        {
+            return false;
+        }
+        text.remove_prefix(length);
+        place += length;
+    }
+    return true;
 }
 
 Machine::Impl::Impl(const std::filesystem::path& folderPath) : folder(folderPath), objectPrefix(PrefixFor(folderPath))

@@ -3,9 +3,11 @@
 // What there is
 //   - The state: one JSON document (adapters, addresses, devices, Wi-Fi, bindings, ...; lab/README.md tells its form).
 //     It lives in `state.json` of the lab's folder, readable by a person, replaced as a whole at each change.
-//   - Events: what Windows would have told its listeners ("media connected", "address changed"). An endless list in
-//     `events.jsonl`; every listener walks it with a cursor of its own, so nobody can lose one.
-//   - The journal: one line for each call into the lab, in `journal.jsonl`.
+//   - Events: what Windows would have told its listeners ("media connected", "address changed"). A list in
+//     `events.jsonl`; every listener walks it with a cursor of its own, so a slow one loses nothing. The newest ones
+//     are kept (SharedBlock.h says how many); a listener that is further behind hears of it once: channel "lab", type
+//     "lost".
+//   - The journal: one line for each call into the lab, in `journal.jsonl`, as long as it is among the newest.
 //   - Fault rules: "the Nth call of C fails with E", with their counters.
 //   - The driver's table (DriverTable.h), derived from the state at each change.
 //

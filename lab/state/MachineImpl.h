@@ -56,6 +56,10 @@ struct Machine::Impl
 
 // The whole file as bytes from `from` to `to`, with every sharing right given.
 std::string ReadRange(const std::filesystem::path& path, std::uint64_t from, std::uint64_t to);
+// The same of a file whose places wrap at `room`; `to - from` may not exceed that.
+std::string ReadRing(const std::filesystem::path& path, std::uint64_t room, std::uint64_t from, std::uint64_t to);
+// False if not all of the text could be written. The text may not be longer than `room`.
+bool WriteRing(HANDLE file, std::uint64_t room, std::uint64_t place, std::string_view text) noexcept;
 [[nodiscard]] std::uint64_t Now() noexcept; // 100 ns units since 1601
 [[noreturn]] void Fail(const std::string& what);
 

@@ -8,7 +8,11 @@ namespace lab
 {
 
 constexpr std::uint32_t sharedMagic = 0x5348424C;
-constexpr std::uint32_t sharedLayout = 1;
+constexpr std::uint32_t sharedLayout = 2;
+// Room of the two lists. Their places count on for ever; a place lies in its file at the place modulo the room, so the
+// newest lines overwrite the oldest.
+constexpr std::uint64_t eventsRoom = 8ULL << 20;
+constexpr std::uint64_t journalRoom = 32ULL << 20;
 constexpr std::size_t maximumRules = 64;
 constexpr std::size_t maximumListeners = 256;
 
@@ -30,9 +34,10 @@ struct SharedBlock
     std::uint32_t magic;
     std::uint32_t layout;
     std::atomic<std::uint64_t> version;      // of state.json
-    std::atomic<std::uint64_t> eventsEnd;    // bytes of events.jsonl that count
+    std::atomic<std::uint64_t> eventsEnd;    // events.jsonl counts up to this place
+    std::atomic<std::uint64_t> eventsWanted; // and may be written up to this one at the moment
     std::atomic<std::uint64_t> eventCount;   // sequence number of the last event
-    std::atomic<std::uint64_t> journalEnd;   // bytes reserved in journal.jsonl
+    std::atomic<std::uint64_t> journalEnd;   // journal.jsonl is reserved up to this place
     std::atomic<std::uint64_t> journalStart; // where the last clear left it
     std::atomic<std::uint64_t> driverStart;  // the same in the driver's ring
     std::atomic<std::uint32_t> journalOff;

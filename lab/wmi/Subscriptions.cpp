@@ -4,6 +4,8 @@
 #include "lab/state/Model.h"
 #include "lab/state/Text.h"
 
+#include <algorithm>
+#include <exception>
 #include <map>
 #include <thread>
 
@@ -92,15 +94,27 @@ private:
     using Batch = std::vector<Reference<ClassObject>>;
 
     void Run();
+    void DeliverWhatComes();
     void Deliver(const Events& events);
+    // Puts the events that are to come late aside and leaves the others.
+    void PutAsideLate(Events& events);
+    [[nodiscard]] Events TakeDue();
+    [[nodiscard]] DWORD TimeToNextDue() const;
     void Indicate(const ClassPointer& type, Batch& batch);
     void EndCancelled();
     // The first subscription from `from` on that this event meets, or null. The result stays valid on this thread,
     // which alone takes subscriptions out.
     Subscription* Match(const Json& event, const ClassObject& object, std::size_t& from);
 
+    struct Late
+    {
+        ULONGLONG due; // GetTickCount64
+        Json event;
+    };
+
     Reference<IWbemObjectSink> m_sink;
     EventCursor m_cursor;
+    std::vector<Late> m_late; // by due time; this thread's own
     Handle m_changed;
     std::mutex m_mutex;
     std::vector<std::unique_ptr<Subscription>> m_subscriptions; // guarded by m_mutex
@@ -130,6 +144,43 @@ Subscription* SinkPump::Match(const Json& event, const ClassObject& object, std:
     return nullptr;
 }
 
+void SinkPump::PutAsideLate(Events& events)
+{
+    for (Json& event : events)
+    {
+        if (const auto delay = NumberField(event, "delayMs", 0); delay > 0)
+        {
+            event.erase("delayMs");
+            m_late.push_back({GetTickCount64() + static_cast<ULONGLONG>(delay), std::move(event)});
+            event = nullptr;
+        }
+    }
+    std::erase_if(events, [](const Json& event) { return event.is_null(); });
+    std::ranges::stable_sort(m_late, {}, &Late::due);
+}
+
+Events SinkPump::TakeDue()
+{
+    Events due;
+    const ULONGLONG now = GetTickCount64();
+    while (!m_late.empty() && m_late.front().due <= now)
+    {
+        due.push_back(std::move(m_late.front().event));
+        m_late.erase(m_late.begin());
+    }
+    return due;
+}
+
+DWORD SinkPump::TimeToNextDue() const
+{
+    if (m_late.empty())
+    {
+        return INFINITE;
+    }
+    const ULONGLONG now = GetTickCount64();
+    return m_late.front().due <= now ? 0 : static_cast<DWORD>(m_late.front().due - now);
+}
+
 void SinkPump::Deliver(const Events& events)
 {
     Batch batch;
@@ -150,16 +201,11 @@ void SinkPump::Deliver(const Events& events)
         std::size_t from = 0;
         while (Subscription* const subscription = Match(event, *object.get(), from))
         {
-            const auto delay = static_cast<DWORD>(NumberField(event, "delayMs", 0));
-            if (subscription != batchOwner || batch.size() >= maximumPerIndicate || delay != 0)
+            if (subscription != batchOwner || batch.size() >= maximumPerIndicate)
             {
                 Indicate(batchType, batch);
                 batchOwner = subscription;
                 batchType = type;
-            }
-            if (delay != 0)
-            {
-                Sleep(delay);
             }
             for (std::int64_t copies = NumberField(event, "copies", 1); copies > 0; --copies)
             {
@@ -220,13 +266,36 @@ void SinkPump::EndCancelled()
     }
 }
 
+// The thread belongs to the program that subscribed, and an exception would end that. What could not be delivered is
+// lost, as with a broken connection to the real thing; the journal says so.
+void SinkPump::DeliverWhatComes()
+{
+    std::string why = "an exception without a text";
+    try
+    {
+        Events events = m_cursor.Next(TimeToNextDue(), m_changed.get());
+        PutAsideLate(events);
+        Deliver(events);
+        Deliver(TakeDue());
+        return;
+    }
+    catch (const std::exception& failure)
+    {
+        why = failure.what();
+    }
+    catch (...)
+    {
+    }
+    Call call{"SinkPump::Deliver"};
+    call.Arg("failure", why).Result(RPC_E_SERVERFAULT);
+}
+
 void SinkPump::Run()
 {
     const bool initialised = SUCCEEDED(CoInitializeEx(nullptr, COINIT_MULTITHREADED));
     for (;;)
     {
-        const Events events = m_cursor.Next(INFINITE, m_changed.get());
-        Deliver(events);
+        DeliverWhatComes();
         EndCancelled();
         const std::scoped_lock lock{pumpsMutex};
         if (IsIdle())

@@ -4,8 +4,10 @@
 #include "lab/state/Handles.h"
 #include "lab/state/Model.h"
 
+#include <atomic>
 #include <condition_variable>
 #include <mutex>
+#include <stdexcept>
 
 namespace lab::test
 {
@@ -34,6 +36,10 @@ public:
         if (blocker != nullptr)
         {
             WaitForSingleObject(blocker, INFINITE);
+        }
+        if (throwNext.exchange(false))
+        {
+            throw std::runtime_error("out of a sink");
         }
         const std::scoped_lock lock{m_mutex};
         for (long i = 0; i < count; ++i)
@@ -82,7 +88,8 @@ public:
         return m_threads;
     }
 
-    HANDLE blocker = nullptr; // Indicate waits for it
+    HANDLE blocker = nullptr;           // Indicate waits for it
+    std::atomic<bool> throwNext{false}; // out of the next Indicate
 
 private:
     ULONG Count(int change)
@@ -255,6 +262,50 @@ TEST_F(WmiEvents, ConditionAndDuplicatesAreHonoured)
     {
         EXPECT_EQ(_bstr_t{Get(object, L"InstanceName")}, _bstr_t{L"Larkspur Wireless"});
     }
+    services->CancelAsyncCall(&sink);
+    sink.WaitUntilReleased();
+}
+
+TEST_F(WmiEvents, LateEventComesAfterOthersThatWereRaisedBehindIt)
+{
+    Recorder sink;
+    const IWbemServicesPtr services = Connect(L"root\\wmi");
+    ASSERT_EQ(Subscribe(services, disconnects, sink), S_OK);
+    const auto raise = [](const char* name, int delay)
+    {
+        TheMachine().Raise({{{"channel", "wmi"},
+                             {"type", "MSNdis_StatusMediaDisconnect"},
+                             {"InstanceName", name},
+                             {"delayMs", delay}}});
+    };
+    raise("latest", 400);
+    raise("late", 100);
+    raise("at once", 0);
+    const auto objects = sink.WaitForObjects(3);
+    ASSERT_EQ(objects.size(), 3U);
+    EXPECT_EQ(_bstr_t{Get(objects[0], L"InstanceName")}, _bstr_t{L"at once"});
+    EXPECT_EQ(_bstr_t{Get(objects[1], L"InstanceName")}, _bstr_t{L"late"});
+    EXPECT_EQ(_bstr_t{Get(objects[2], L"InstanceName")}, _bstr_t{L"latest"});
+    services->CancelAsyncCall(&sink);
+    sink.WaitUntilReleased();
+}
+
+TEST_F(WmiEvents, DeliveryThatThrowsIsJournalledAndTheNextOneComes)
+{
+    Recorder sink;
+    const IWbemServicesPtr services = Connect(L"root\\wmi");
+    ASSERT_EQ(Subscribe(services, disconnects, sink), S_OK);
+    ASSERT_EQ(Subscribe(services, connects, sink), S_OK);
+    sink.throwNext = true;
+    Pull("eth0");
+    Plug("eth0");
+    // The two may have come in one batch: then both are lost, and this one is not.
+    Pull("eth0");
+    const auto objects = sink.WaitForObjects(1);
+    EXPECT_FALSE(objects.empty());
+    const auto failures = Calls("SinkPump::Deliver");
+    ASSERT_EQ(failures.size(), 1U);
+    EXPECT_EQ(failures[0]["args"]["failure"], "out of a sink");
     services->CancelAsyncCall(&sink);
     sink.WaitUntilReleased();
 }
