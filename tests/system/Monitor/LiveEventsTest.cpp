@@ -1,58 +1,13 @@
 // Notifications of the machine on their way to a client, in the order that clients rely on. The waits for a gateway are
 // long, so these run in accelerated time.
 
-#include "Monitor/MonitorMachine.h"
+#include "Monitor/LiveMonitor.h"
 
-#include <algorithm>
 #include <atomic>
-#include <memory>
 
 namespace
 {
-class Fast10_LiveEvents : public MonitorTest
-{
-protected:
-    void SetUp() override
-    {
-        MonitorTest::SetUp();
-        if (HasFatalFailure())
-        {
-            return;
-        }
-        monitor = OpenMonitor();
-        sink = std::make_unique<EventConnection>(monitor);
-        ASSERT_EQ(sink->Result(), S_OK);
-    }
-    void TearDown() override
-    {
-        sink.reset();
-        if (monitor != nullptr)
-        {
-            EXPECT_EQ(monitor->Close(), S_OK);
-        }
-    }
-    // Waits for an event about an adapter.
-    [[nodiscard]] std::optional<RecordedEvent> WaitFor(std::int32_t event, const wchar_t* adapter, DWORD limit = 60'000)
-    {
-        return sink->Recorder().WaitFor([&](const RecordedEvent& told)
-                                        { return told.event == event && told.deviceId == adapter; }, limit);
-    }
-    [[nodiscard]] int Count(std::int32_t event, const wchar_t* adapter)
-    {
-        const auto events = sink->Recorder().Events();
-        return static_cast<int>(std::count_if(events.begin(), events.end(), [&](const RecordedEvent& told)
-                                              { return told.event == event && told.deviceId == adapter; }));
-    }
-    [[nodiscard]] std::optional<AdapterRecord> Adapter(const wchar_t* id)
-    {
-        const std::vector<AdapterRecord> list = ReadAdapterList(monitor);
-        const AdapterRecord* const found = FindAdapter(list, id);
-        return found != nullptr ? std::optional(*found) : std::nullopt;
-    }
-
-    INetMonSvPtr monitor;
-    std::unique_ptr<EventConnection> sink;
-};
+using Fast10_LiveEvents = LiveMonitorTest;
 
 TEST_F(Fast10_LiveEvents, WiredDisconnectIsToldAtOnceWithoutMacAndClearsTheAddresses)
 {

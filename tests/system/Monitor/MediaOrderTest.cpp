@@ -1,0 +1,151 @@
+// What a client sees of media changes, situation by situation: at once or after the wait for a gateway, in which order,
+// and what becomes of a connect when something comes in between.
+
+#include "Host/HostSupport.h"
+#include "Monitor/LiveMonitor.h"
+
+namespace
+{
+constexpr wchar_t kPollText[] = L"WaitForIpDefaultGateway: no current default gateway, waiting...";
+constexpr std::uint64_t kNearlyTheWholeWait = 9'000; // of the ten seconds that twenty polls take
+
+// What needs no long wait runs in the machine's own time.
+using MediaOrder = LiveMonitorTest;
+using Fast10_MediaOrder = LiveMonitorTest;
+
+TEST_F(MediaOrder, WiredConnectWithAGatewayAllAlongIsToldWithoutAPoll)
+{
+    Lab(L"event MSNdis_StatusMediaConnect eth0");
+    const auto told = WaitFor(enumEventMediaConnect, kEthernet);
+    ASSERT_TRUE(told.has_value());
+    const auto adapter = Adapter(kEthernet);
+    ASSERT_TRUE(adapter.has_value());
+    EXPECT_EQ(told->adjacentMac, adapter->gatewayMac);
+    EXPECT_TRUE(HostSupport::WaitForTrace(L"WaitForIpDefaultGateway: current default gateway: 192.0.2.1"));
+    EXPECT_EQ(HostSupport::CountInTrace(kPollText), 0);
+}
+
+TEST_F(MediaOrder, WiredConnectIsToldWhenTheGatewayComes)
+{
+    Lab(L"cable out eth0");
+    ASSERT_TRUE(WaitFor(enumEventMediaDisconnect, kEthernet).has_value());
+    Lab(L"cable in eth0 --lease-after 2");
+    const auto told = WaitFor(enumEventMediaConnect, kEthernet);
+    ASSERT_TRUE(told.has_value());
+    EXPECT_TRUE(HostSupport::WaitForTrace(L"got default GW"));
+    EXPECT_GE(HostSupport::CountInTrace(kPollText), 1);
+    const auto adapter = Adapter(kEthernet);
+    ASSERT_TRUE(adapter.has_value());
+    EXPECT_EQ(adapter->ipGateway, L"192.0.2.1");
+    EXPECT_TRUE(told->adjacentMac.has_value() && !told->adjacentMac->empty());
+    EXPECT_EQ(told->adjacentMac, adapter->gatewayMac);
+    EXPECT_EQ(Count(enumEventMediaConnect, kEthernet), 1);
+}
+
+TEST_F(MediaOrder, MonitorThatClosesDuringTheWaitDropsTheConnect)
+{
+    Lab(L"cable out eth0");
+    ASSERT_TRUE(WaitFor(enumEventMediaDisconnect, kEthernet).has_value());
+    Lab(L"cable in eth0 --no-lease");
+    ASSERT_TRUE(HostSupport::WaitForTrace(kPollText));
+    EXPECT_EQ(monitor->Close(), S_OK); // ends the wait, and waits for its thread
+    EXPECT_EQ(Count(enumEventMediaConnect, kEthernet), 0);
+    EXPECT_TRUE(HostSupport::WaitForTrace(L"the WMI cleanup has started--exiting DHCP wait thread"));
+    EXPECT_EQ(monitor->Open(), S_OK);
+}
+
+TEST_F(MediaOrder, ElementIsDisconnectedAfterADisconnectWhateverTheMachineSays)
+{
+    // The cable is in: WMI and the driver go on saying so.
+    Lab(L"event MSNdis_StatusMediaDisconnect eth0");
+    ASSERT_TRUE(WaitFor(enumEventMediaDisconnect, kEthernet).has_value());
+    const auto adapter = Adapter(kEthernet);
+    ASSERT_TRUE(adapter.has_value());
+    EXPECT_EQ(adapter->connectStatus, 1);
+    // One that is disconnected already is told again.
+    Lab(L"event MSNdis_StatusMediaDisconnect eth0");
+    EXPECT_TRUE(WaitForMany(2, enumEventMediaDisconnect, kEthernet));
+}
+
+TEST_F(MediaOrder, ElementIsConnectedAfterAConnectWhateverTheMachineSays)
+{
+    Lab(L"cable out wlan0");
+    ASSERT_TRUE(WaitFor(enumEventMediaDisconnect, kWiFi).has_value());
+    Lab(L"event MSNdis_StatusMediaConnect wlan0"); // the link stays down
+    ASSERT_TRUE(WaitFor(enumEventMediaConnect, kWiFi).has_value());
+    const auto adapter = Adapter(kWiFi);
+    ASSERT_TRUE(adapter.has_value());
+    EXPECT_EQ(adapter->connectStatus, 0);
+}
+
+TEST_F(Fast10_MediaOrder, WiFiConnectIsToldWhileAWiredOneStillWaits)
+{
+    Lab(L"cable out eth0");
+    Lab(L"cable out wlan0");
+    ASSERT_TRUE(WaitFor(enumEventMediaDisconnect, kEthernet).has_value());
+    ASSERT_TRUE(WaitFor(enumEventMediaDisconnect, kWiFi).has_value());
+    // Neither has a gateway now; the wired one came first.
+    Lab(L"set adapters.eth0.dhcp.lease.gateways []");
+    Lab(L"set adapters.wlan0.dhcp.lease.gateways []");
+    const std::uint64_t start = GetTickCount64();
+    Lab(L"event MSNdis_StatusMediaConnect eth0");
+    Lab(L"cable in wlan0");
+    ASSERT_TRUE(WaitFor(enumEventMediaConnect, kWiFi).has_value());
+    EXPECT_EQ(Count(enumEventMediaConnect, kEthernet), 0);
+    const auto wired = WaitFor(enumEventMediaConnect, kEthernet);
+    ASSERT_TRUE(wired.has_value());
+    EXPECT_GE(wired->tick - start, kNearlyTheWholeWait);
+}
+
+TEST_F(Fast10_MediaOrder, WiredConnectWithoutAGatewayIsToldAfterTheWaitAndALaterGatewayComesAsAnAddressChange)
+{
+    Lab(L"cable out eth0");
+    ASSERT_TRUE(WaitFor(enumEventMediaDisconnect, kEthernet).has_value());
+    const std::uint64_t start = GetTickCount64();
+    Lab(L"cable in eth0 --no-lease");
+    const auto told = WaitFor(enumEventMediaConnect, kEthernet);
+    ASSERT_TRUE(told.has_value());
+    EXPECT_GE(told->tick - start, kNearlyTheWholeWait);
+    auto adapter = Adapter(kEthernet);
+    ASSERT_TRUE(adapter.has_value());
+    EXPECT_EQ(adapter->connectStatus, 0);
+    EXPECT_EQ(adapter->ipGateway.value_or(L""), L"");
+    EXPECT_EQ(told->adjacentMac.value_or(L""), L"");
+
+    sink->Recorder().Clear();
+    Lab(L"dhcp lease eth0");
+    ASSERT_TRUE(sink->Recorder().WaitForEvent(enumEventIpChange, 60'000).has_value());
+    adapter = Adapter(kEthernet);
+    ASSERT_TRUE(adapter.has_value());
+    EXPECT_EQ(adapter->ipGateway, L"192.0.2.1");
+    EXPECT_EQ(Count(enumEventMediaConnect, kEthernet), 0);
+}
+
+TEST_F(Fast10_MediaOrder, ConnectAfterADisconnectWithinTheWaitLeavesTheElementAsTheMachineIs)
+{
+    Lab(L"cable out eth0");
+    ASSERT_TRUE(WaitFor(enumEventMediaDisconnect, kEthernet).has_value());
+    Lab(L"event MSNdis_StatusMediaConnect eth0"); // waits: the cable is out
+    Lab(L"event MSNdis_StatusMediaDisconnect eth0");
+    ASSERT_TRUE(WaitForMany(2, enumEventMediaDisconnect, kEthernet));
+    EXPECT_EQ(Count(enumEventMediaConnect, kEthernet), 0);
+    ASSERT_TRUE(WaitFor(enumEventMediaConnect, kEthernet).has_value());
+    const auto adapter = Adapter(kEthernet);
+    ASSERT_TRUE(adapter.has_value());
+    EXPECT_EQ(adapter->connectStatus, 1); // nothing cancels the wait, and its end reads the machine again
+}
+
+TEST_F(Fast10_MediaOrder, DisconnectIsToldWhileEveryPoolThreadWaitsAndAFourthConnectQueuesBehindThem)
+{
+    Lab(L"cable out eth0");
+    ASSERT_TRUE(WaitFor(enumEventMediaDisconnect, kEthernet).has_value());
+    Lab(L"event MSNdis_StatusMediaConnect eth0 --copies 4");
+    Lab(L"event MSNdis_StatusMediaDisconnect dock0");
+    ASSERT_TRUE(WaitFor(enumEventMediaDisconnect, kDock).has_value());
+    EXPECT_EQ(Count(enumEventMediaConnect, kEthernet), 0);
+    // Each connect has a wait of its own and is told.
+    ASSERT_TRUE(WaitForMany(4, enumEventMediaConnect, kEthernet));
+    const auto told = Told(enumEventMediaConnect, kEthernet);
+    EXPECT_GE(told[3].tick - told[0].tick, kNearlyTheWholeWait);
+}
+} // namespace
