@@ -6,6 +6,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -192,7 +193,65 @@ TEST_F(ClientTest, WatchSurvivesARestartOfTheServiceAndSaysSo)
     ASSERT_TRUE(ServiceControl().StopAndWait());
     ASSERT_TRUE(watch.WaitForText("\"kind\":\"serviceLost\"")) << watch.Output();
     ASSERT_TRUE(ServiceControl().StartAndWait());
-    EXPECT_TRUE(watch.WaitForText("\"kind\":\"serviceBack\"")) << watch.Output();
+    ASSERT_TRUE(watch.WaitForText("\"kind\":\"serviceBack\"")) << watch.Output();
+    // Connected, opened and switched on again: what happens now is told.
+    ASSERT_EQ(Lab(L"cable out eth0"), 0u);
+    ASSERT_TRUE(watch.WaitForText("enumEventMediaDisconnect")) << watch.Output();
+    std::istringstream lines(watch.Output());
+    std::vector<std::string> kinds;
+    for (std::string line; std::getline(lines, line);)
+    {
+        const json parsed = json::parse(line, nullptr, false);
+        ASSERT_FALSE(parsed.is_discarded()) << line;
+        if (parsed["kind"] != "event" && parsed["kind"] != "note")
+        {
+            kinds.push_back(parsed["kind"]);
+        }
+        else if (parsed["name"] == "enumEventMediaDisconnect")
+        {
+            EXPECT_EQ(parsed["adapter"], "Brevik GX210 Gigabit Ethernet");
+            EXPECT_EQ(parsed["adjacentMac"], "");
+        }
+    }
+    EXPECT_EQ(kinds, (std::vector<std::string>{"started", "serviceLost", "serviceBack"}));
+}
+
+TEST_F(ClientTest, WatchShowsOneLineAnEventAndDrawsTheTableBelowItAnew)
+{
+    const RunningClient watch(L"watch --color always --seconds 150");
+    ASSERT_TRUE(watch.WaitForText("Watching.")) << watch.Output();
+    ASSERT_EQ(Lab(L"cable out eth0"), 0u);
+    ASSERT_TRUE(watch.WaitForText("media disconnected")) << watch.Output();
+    ASSERT_EQ(Lab(L"cable in eth0"), 0u);
+    ASSERT_TRUE(watch.WaitForText("media connected")) << watch.Output();
+    const std::string output = watch.Output();
+    // Red for what went, green for what came.
+    EXPECT_NE(output.find("\x1b[31mmedia disconnected"), std::string::npos) << output;
+    EXPECT_NE(output.find("\x1b[32mmedia connected"), std::string::npos) << output;
+    const std::string plain = std::regex_replace(output, std::regex("\x1b\\[[0-9;]*[A-Za-z]"), "");
+    const std::regex connected(R"(\d\d:\d\d:\d\d\.\d\d\d  Brevik GX210 Gigabit Ethernet +media connected +)"
+                               R"(02:00:5[Ee]:00:53:[Ff][Ee])");
+    EXPECT_TRUE(std::regex_search(plain, connected)) << plain;
+    // Before an event line the table goes: cursor up, and all below erased.
+    const std::size_t event = output.find("media connected");
+    const std::size_t erased = output.rfind("A\r\x1b[J", event);
+    ASSERT_NE(erased, std::string::npos);
+    EXPECT_EQ(output.substr(erased, event - erased).find("State"), std::string::npos);
+    EXPECT_TRUE(std::regex_search(output.substr(0, erased), std::regex("Adapter.*State"))) << output;
+}
+
+TEST_F(ClientTest, WatchThroughAPipeHasNoColoursAndTheTableOnlyAtStartAndEnd)
+{
+    const FinishedProcess process = Client(L"watch --count 2 --seconds 60");
+    EXPECT_EQ(process.exitCode, 0u);
+    EXPECT_EQ(process.output.find('\x1b'), std::string::npos);
+    std::size_t tables = 0;
+    for (std::size_t at = process.output.find("State"); at != std::string::npos;
+         at = process.output.find("State", at + 1))
+    {
+        ++tables;
+    }
+    EXPECT_EQ(tables, 2u) << process.output;
 }
 
 TEST_F(ClientTest, StoppedServiceIsAnErrorWithItsCureUnlessItMayBeStarted)
