@@ -20,6 +20,7 @@ from ui import Failure, Step, bad, bold, dim, good
 
 RESULTS = build.ROOT / 'build' / 'test-results'
 SPEED = 10          # of the clock in suites that are named Fast10_...
+LOCK_ORDER = '_LockOrder'   # ends the name of suites that run against the service whose lock order is asserted
 WORKERS = max(2, cpu_count() or 2)
 
 
@@ -182,7 +183,7 @@ def run_system(tally, built, pattern):
 
     def one(item):
         kind, what = item
-        outcomes = _script(base, what) if kind == 'script' else _system_test(base, program, what)
+        outcomes = _script(base, what) if kind == 'script' else _system_test(base, built, program, what)
         for outcome, where in outcomes:
             tally.add(outcome, where)
         finished[0] += 1
@@ -193,11 +194,14 @@ def run_system(tally, built, pattern):
     step.end(f'{len(work)} in prefixes of their own')
 
 
-def _system_test(base, program, name):
+def _system_test(base, built, program, name):
     speed = SPEED if name.startswith('Fast10_') else 1
     evidence = RESULTS / 'system' / name
     shutil.rmtree(evidence, ignore_errors=True)
     with wine.Prefix.clone_of(base, speed=speed, name='system') as prefix:
+        if name.split('.')[0].endswith(LOCK_ORDER):
+            # The service with asserted lock order takes the shipped one's place before anything has started it.
+            shutil.copy2(built / 'Halcyd' / 'lockorder' / 'Halcyd.exe', prefix.c(product.PRODUCT))
         outcomes, result = googletest.run(prefix, program, [name], evidence / 'report.json', timeout=240)
         outcome = outcomes[0]
         outcome.name = f'system: {name}'
@@ -213,14 +217,9 @@ def _script(base, script):
     """A late-bound client. It prints 'ok NAME' or 'not ok NAME: why' for each check and 'done' at its end."""
     evidence = RESULTS / 'automation' / script.stem
     shutil.rmtree(evidence, ignore_errors=True)
-    outcomes = []
     with wine.Prefix.clone_of(base, name='script') as prefix:
         result = prefix.run(['cscript', '//nologo', 'Z:' + str(script).replace('/', '\\')], timeout=180)
-        for line in result.stdout.splitlines():
-            match = re.match(r'(not ok|ok) (.*)', line.strip())
-            if match:
-                name, _, why = match.group(2).partition(': ')
-                outcomes.append(Outcome(f'automation: {script.stem}: {name}', 'passed' if match.group(1) == 'ok' else 'failed', why))
+        outcomes = _lines_of_checks(result.stdout, f'automation: {script.stem}')
         # A statement that raises under "On Error Resume Next" is passed over, a check as well: each one that stands at
         # the left margin has to have spoken.
         written = len(re.findall(r'^(?:Check|Succeeds|Lab) ', script.read_text(encoding='utf-8'), re.MULTILINE))
@@ -235,6 +234,51 @@ def _script(base, script):
             (evidence / 'output.txt').write_text(result.stdout)
             return [(o, evidence.relative_to(build.ROOT)) for o in outcomes]
     return [(o, '') for o in outcomes]
+
+
+def run_host_network(tally, built, pattern):
+    """A real interface of this machine, in a network namespace made for it, down to a client's events."""
+    label = 'host: real interface'
+    if not _matches(label, pattern):
+        return
+    allowed = subprocess.run(['unshare', '-rn', 'true'], capture_output=True, text=True)
+    if allowed.returncode != 0:
+        tally.add(Outcome(label, 'skipped', f'no network namespace here: {allowed.stderr.strip()}'))
+        return
+    step = tally.step('a real interface')
+    evidence = RESULTS / 'host'
+    with wine.Prefix.clone_of(product.installed(built), name='host') as prefix:
+        try:
+            result = subprocess.run(['unshare', '-rn', sys.executable, '-B', str(build.ROOT / 'tools' / 'dev' / 'hostnetwork.py'),
+                                     str(prefix.path)], capture_output=True, text=True, timeout=400, stdin=subprocess.DEVNULL)
+            code, said, wrong = result.returncode, result.stdout, result.stderr
+        except subprocess.TimeoutExpired as late:
+            code, said, wrong = -1, (late.stdout or b'').decode(), 'ran out of time'
+        outcomes = _lines_of_checks(said, label)
+        for line in said.splitlines():
+            if line.startswith('skip: '):
+                tally.add(Outcome(label, 'skipped', line[6:]))
+                step.end('skipped')
+                return
+        if code != 0 or 'done' not in said.split():
+            outcomes.append(Outcome(label, 'failed', f'ended early with {code}\n{said[-1000:]}\n{wrong[-2000:]}'))
+        failed = any(o.verdict == 'failed' for o in outcomes)
+        if failed:
+            product.keep_evidence(prefix, evidence)
+        for outcome in outcomes:
+            tally.add(outcome, evidence.relative_to(build.ROOT) if outcome.verdict == 'failed' else '')
+    step.end(f'{len(outcomes)} checks')
+
+
+def _lines_of_checks(text, label):
+    """'ok NAME' and 'not ok NAME: why', a line each, as outcomes."""
+    outcomes = []
+    for line in text.splitlines():
+        match = re.match(r'(not ok|ok) (.*)', line.strip())
+        if match:
+            name, _, why = match.group(2).partition(': ')
+            outcomes.append(Outcome(f'{label}: {name}', 'passed' if match.group(1) == 'ok' else 'failed', why))
+    return outcomes
 
 
 def main(pattern=None, quick=False):
@@ -255,6 +299,7 @@ def main(pattern=None, quick=False):
     run_unit(tally, built, 'gcc', pattern)
     run_fuzz(tally, pattern)
     run_system(tally, built, pattern)
+    run_host_network(tally, built, pattern)
     if not quick and not pattern:
         try:
             run_unit(tally, build.build('clang'), 'clang', pattern)
