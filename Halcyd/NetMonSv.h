@@ -133,7 +133,8 @@ public:
     HRESULT DeleteDeviceElement(_DEVICE_ELEMENT* element);
     HRESULT DeleteEthernetDeviceExtension(_DEVICE_ELEMENT* element);
     HRESULT DeleteWiFiDeviceExtension(_DEVICE_ELEMENT* element);
-    // Unlinks an element and deletes it with its extension.
+    // Unlinks an element and deletes it with its extension. One that is not in the list stays as it is; null is not in
+    // the list, anything else must be an element.
     void DeleteNodeAndUpdateList(_DEVICE_ELEMENT* element) REQUIRES(deviceInfoListMutex);
     HRESULT DeleteDeviceInfoList();
     // Does nothing: deviceInfoMap is meant to last as long as the object.

@@ -134,6 +134,8 @@ void CNetMonSv::DeleteExtensionAndElement(_DEVICE_ELEMENT* element)
 void CNetMonSv::DeleteNodeAndUpdateList(_DEVICE_ELEMENT* element)
 {
     ScopeTrace scope(Log::Source::NetMon, AlwaysOnTraceFlag);
+    // For the trace: the element's own text goes with it.
+    const std::wstring instanceId(element != nullptr ? ViewOf(element->DeviceInstanceID) : std::wstring_view());
     _DEVICE_ELEMENT* previous = nullptr;
     _DEVICE_ELEMENT* found = deviceInfoListHead;
     while (found != nullptr && found != element)
@@ -141,14 +143,12 @@ void CNetMonSv::DeleteNodeAndUpdateList(_DEVICE_ELEMENT* element)
         previous = found;
         found = found->pNext;
     }
-    if (element == nullptr || found == nullptr)
+    if (found == nullptr)
     {
-        // A pointer that is not in the list may point anywhere: it is not looked into.
-        MonitorTrace::Doubt(L"Node not found, '{}'", MonitorTrace::Address(element));
+        MonitorTrace::Doubt(L"Node not found, '{}'", instanceId);
         return;
     }
-    const _bstr_t instanceId(element->DeviceInstanceID);
-    MonitorTrace::Note(L"Remove node '{}' from list", TextOrEmpty(instanceId));
+    MonitorTrace::Note(L"Remove node '{}' from list", instanceId);
     if (element == deviceInfoListHead)
     {
         deviceInfoListHead = element->pNext;

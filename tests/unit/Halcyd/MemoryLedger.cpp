@@ -1,0 +1,157 @@
+#include "tests/unit/Halcyd/MemoryLedger.h"
+
+#include <cstdlib>
+#include <mutex>
+#include <new>
+#include <set>
+
+namespace
+{
+struct Account
+{
+    std::mutex mutex;
+    DWORD thread = 0; // whose memory is counted; 0 while there is no ledger
+    std::set<const void*> blocks;
+    std::set<const void*> strings;
+};
+
+Account& TheAccount()
+{
+    static auto* const account = new Account; // used until the process ends
+    return *account;
+}
+
+template <class Pointer>
+Pointer Note(std::set<const void*> Account::* kind, Pointer made)
+{
+    Account& account = TheAccount();
+    const std::lock_guard guard(account.mutex);
+    if (account.thread == GetCurrentThreadId() && made != nullptr)
+    {
+        (account.*kind).insert(made);
+    }
+    return made;
+}
+
+void Strike(std::set<const void*> Account::* kind, const void* gone)
+{
+    Account& account = TheAccount();
+    const std::lock_guard guard(account.mutex);
+    (account.*kind).erase(gone);
+}
+
+template <class Function>
+Function* Real(const wchar_t* library, const char* name)
+{
+    return reinterpret_cast<Function*>(reinterpret_cast<void*>(GetProcAddress(LoadLibraryW(library), name)));
+}
+
+LPVOID WINAPI LedgerCoTaskMemAlloc(SIZE_T size)
+{
+    return Note(&Account::blocks, CoTaskMemAllocHook::Call(size));
+}
+
+void WINAPI LedgerCoTaskMemFree(LPVOID block)
+{
+    static const auto real = Real<void WINAPI(LPVOID)>(L"ole32.dll", "CoTaskMemFree");
+    Strike(&Account::blocks, block);
+    real(block);
+}
+
+BSTR WINAPI LedgerSysAllocString(const OLECHAR* text)
+{
+    static const auto real = Real<BSTR WINAPI(const OLECHAR*)>(L"oleaut32.dll", "SysAllocString");
+    return Note(&Account::strings, real(text));
+}
+
+BSTR WINAPI LedgerSysAllocStringLen(const OLECHAR* text, UINT length)
+{
+    static const auto real = Real<BSTR WINAPI(const OLECHAR*, UINT)>(L"oleaut32.dll", "SysAllocStringLen");
+    return Note(&Account::strings, real(text, length));
+}
+
+void WINAPI LedgerSysFreeString(BSTR text)
+{
+    static const auto real = Real<void WINAPI(BSTR)>(L"oleaut32.dll", "SysFreeString");
+    Strike(&Account::strings, text);
+    real(text);
+}
+
+thread_local std::size_t failingSize = 0;
+thread_local bool nothrowNewFailed = false;
+} // namespace
+
+// The import slots. The names are the linker's.
+extern "C"
+{
+    decltype(&LedgerCoTaskMemAlloc) __imp_CoTaskMemAlloc = &LedgerCoTaskMemAlloc;
+    decltype(&LedgerCoTaskMemFree) __imp_CoTaskMemFree = &LedgerCoTaskMemFree;
+    decltype(&LedgerSysAllocString) __imp_SysAllocString = &LedgerSysAllocString;
+    decltype(&LedgerSysAllocStringLen) __imp_SysAllocStringLen = &LedgerSysAllocStringLen;
+    decltype(&LedgerSysFreeString) __imp_SysFreeString = &LedgerSysFreeString;
+}
+
+// Takes the place of the library's own, for the whole program.
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept
+{
+    if (failingSize != 0 && size == failingSize)
+    {
+        failingSize = 0;
+        nothrowNewFailed = true;
+        return nullptr;
+    }
+    return std::malloc(size != 0 ? size : 1); // the library's delete gives it back with free
+}
+
+MemoryLedger::MemoryLedger()
+{
+    Account& account = TheAccount();
+    const std::lock_guard guard(account.mutex);
+    account.thread = GetCurrentThreadId();
+    account.blocks.clear();
+    account.strings.clear();
+}
+
+MemoryLedger::~MemoryLedger()
+{
+    Account& account = TheAccount();
+    const std::lock_guard guard(account.mutex);
+    account.thread = 0;
+}
+
+std::size_t MemoryLedger::Blocks() const
+{
+    Account& account = TheAccount();
+    const std::lock_guard guard(account.mutex);
+    return account.blocks.size();
+}
+
+std::size_t MemoryLedger::Strings() const
+{
+    Account& account = TheAccount();
+    const std::lock_guard guard(account.mutex);
+    return account.strings.size();
+}
+
+bool MemoryLedger::Holds(const void* block) const
+{
+    Account& account = TheAccount();
+    const std::lock_guard guard(account.mutex);
+    return account.blocks.contains(block);
+}
+
+NothrowNewFails::NothrowNewFails(std::size_t size)
+{
+    nothrowNewFailed = false;
+    failingSize = size;
+}
+
+NothrowNewFails::~NothrowNewFails()
+{
+    failingSize = 0;
+}
+
+bool NothrowNewFails::Happened()
+{
+    return nothrowNewFailed;
+}
