@@ -1,6 +1,7 @@
 // Open and Close of the monitor: what is started in which order, and taken down again.
 
 #include "Halcyd/ClientLookup.h"
+#include "Halcyd/MethodGuard.h"
 #include "Halcyd/ModuleDirectory.h"
 #include "Halcyd/MonitorReport.h"
 #include "Halcyd/MonitorTrace.h"
@@ -9,6 +10,7 @@
 #include "WiFiWrap/wifiwraplib.h"
 
 #include <new>
+#include <source_location>
 #include <system_error>
 
 namespace
@@ -29,8 +31,12 @@ void ReportFailure(HRESULT result, std::wstring_view format, const Args&... argu
 STDMETHODIMP CNetMonSv::Open()
 {
     ScopeTrace scope(Log::Source::NetMon, AlwaysOnTraceFlag);
-    TracedMutexLock lock(serializeOpenCloseMutex, L"serializeOpenCloseMutex");
-    return OpenLocked();
+    return GuardMethod(
+        [this, here = std::source_location::current()]
+        {
+            TracedMutexLock lock(serializeOpenCloseMutex, L"serializeOpenCloseMutex", here);
+            return OpenLocked();
+        });
 }
 
 // Each failure returns at once and undoes nothing: the monitor then counts as open, and Close takes down what there is.
@@ -269,9 +275,13 @@ CNetMonSv::EventSinkPtr CNetMonSv::CurrentEventSink()
 STDMETHODIMP CNetMonSv::Close()
 {
     ScopeTrace scope(Log::Source::NetMon, AlwaysOnTraceFlag);
-    AnnounceClose();
-    TracedMutexLock lock(serializeOpenCloseMutex, L"serializeOpenCloseMutex");
-    return CloseLocked();
+    return GuardMethod(
+        [this, here = std::source_location::current()]
+        {
+            AnnounceClose();
+            TracedMutexLock lock(serializeOpenCloseMutex, L"serializeOpenCloseMutex", here);
+            return CloseLocked();
+        });
 }
 
 void CNetMonSv::AnnounceClose()
