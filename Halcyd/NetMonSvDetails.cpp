@@ -397,12 +397,12 @@ const wchar_t* CNetMonSv::GetGatewayMacAddress(const _bstr_t& source, const _bst
         MonitorTrace::Failure(L"invalid source address for ARP call (val={})", sourceAddress);
         return nullptr;
     }
-    MonitorTrace::Note(L"converted '{}' to '{}' for ARP source address", sourceText, sourceAddress);
     if (gatewayAddress == INADDR_NONE)
     {
         MonitorTrace::Failure(L"invalid destination gateway address for ARP call (val={})", gatewayAddress);
         return nullptr;
     }
+    MonitorTrace::Note(L"converted '{}' to '{}' for ARP source address", sourceText, sourceAddress);
     MonitorTrace::Note(L"converted '{}' to '{}' for ARP destination address", gatewayText, gatewayAddress);
     if (const DWORD error = SendARP(gatewayAddress, sourceAddress, physical.data(), &length); error != NO_ERROR)
     {
