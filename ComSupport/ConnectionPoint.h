@@ -5,10 +5,16 @@
 // outgoing interfaces, and names them in a connection point map. The list of sinks is a class of its own, so that an
 // object that fires from threads other than its client's can keep them in a form that can travel. List offers, called
 // with the object's critical section held:
-//     DWORD Add(IUnknown* sink)           takes the reference over; 0 when there is no room
-//     BOOL Remove(DWORD cookie)           FALSE when the cookie names nothing; the reference stays the caller's to
-//     release IUnknown* GetUnknown(DWORD cookie)  null when the cookie names nothing; no reference int GetSize() number
-//     of slots, free ones included; cookies run from 1 to it
+//     DWORD Add(IUnknown* sink)
+//         Takes the caller's reference over and gives the cookie. 0 when there is no room: the reference is then still
+//         the caller's.
+//     BOOL Remove(DWORD cookie)
+//         Hands the reference back to the caller, who has asked GetUnknown for the pointer before. FALSE when the
+//         cookie names nothing.
+//     IUnknown* GetUnknown(DWORD cookie)
+//         Without a reference of its own; null when the cookie names nothing.
+//     int GetSize()
+//         Number of slots, free ones included; cookies run from 1 to it.
 
 #include "ComSupport/Enumerator.h"
 

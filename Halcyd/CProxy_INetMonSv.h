@@ -91,6 +91,6 @@ private:
     IUnknownPtr SinkAt(int index)
     {
         const typename T::ObjectLock lock(static_cast<T*>(this)->m_critsec);
-        return IUnknownPtr(this->m_vec.GetAt(index), false);
+        return this->m_vec.GetAt(index);
     }
 };

@@ -4,8 +4,8 @@
 #include "Halcyd_h.h"
 
 #include <cstdint>
-#include <cstdlib>
 #include <limits>
+#include <new>
 
 MyComDynamicUnkArray::MyComDynamicUnkArray()
 {
@@ -18,52 +18,43 @@ MyComDynamicUnkArray::MyComDynamicUnkArray()
 
 MyComDynamicUnkArray::~MyComDynamicUnkArray()
 {
-    for (int index = 0; index < slotCount; ++index)
+    for (int index = 0; index < GetSize(); ++index)
     {
         RevokeSink(index);
-        if (slots[index] != nullptr)
-        {
-            slots[index]->Release();
-        }
     }
-    std::free(static_cast<void*>(slots));
 }
 
 bool MyComDynamicUnkArray::Grow() noexcept
 {
     constexpr int firstSize = 4;
+    const int slotCount = GetSize();
     if (slotCount > std::numeric_limits<int>::max() / 2)
     {
         return false;
     }
-    const int newCount = slotCount == 0 ? firstSize : slotCount * 2;
-    const std::size_t bytes = sizeof(IUnknown*) * static_cast<std::size_t>(newCount);
-    auto* const grown = static_cast<IUnknown**>(std::realloc(static_cast<void*>(slots), bytes));
-    if (grown == nullptr)
+    try
+    {
+        slots.resize(static_cast<std::size_t>(slotCount == 0 ? firstSize : slotCount * 2));
+    }
+    catch (const std::bad_alloc&)
     {
         return false;
     }
-    for (int index = slotCount; index < newCount; ++index)
-    {
-        grown[index] = nullptr;
-    }
-    slots = grown;
-    slotCount = newCount;
     return true;
 }
 
 DWORD MyComDynamicUnkArray::Add(IUnknown* sink)
 {
     int index = 0;
-    while (index < slotCount && slots[index] != nullptr)
+    while (index < GetSize() && slots[static_cast<std::size_t>(index)] != nullptr)
     {
         ++index;
     }
-    if (index == slotCount && !Grow())
+    if (index == GetSize() && !Grow())
     {
         return 0;
     }
-    slots[index] = sink;
+    slots[static_cast<std::size_t>(index)].Attach(sink);
     RegisterSink(sink, index);
     return static_cast<DWORD>(index) + 1;
 }
@@ -107,22 +98,21 @@ BOOL MyComDynamicUnkArray::Remove(DWORD cookie)
     {
         return FALSE;
     }
-    const int index = static_cast<int>(cookie) - 1;
-    slots[index] = nullptr;
-    RevokeSink(index);
+    static_cast<void>(slots[cookie - 1].Detach()); // the caller's from now on
+    RevokeSink(static_cast<int>(cookie) - 1);
     return TRUE;
 }
 
 IUnknown* MyComDynamicUnkArray::GetUnknown(DWORD cookie) const noexcept
 {
-    if (cookie == 0 || cookie > static_cast<DWORD>(slotCount))
+    if (cookie == 0 || cookie > slots.size())
     {
         return nullptr;
     }
-    return slots[cookie - 1];
+    return slots[cookie - 1].GetInterfacePtr();
 }
 
-IUnknown* MyComDynamicUnkArray::GetAt(int index) const
+IUnknownPtr MyComDynamicUnkArray::GetAt(int index) const
 {
     if (interfaceTable == nullptr || index < 0 || index >= MaximumSinks)
     {
@@ -138,5 +128,5 @@ IUnknown* MyComDynamicUnkArray::GetAt(int index) const
     {
         return nullptr;
     }
-    return sink;
+    return {sink, false};
 }

@@ -4,6 +4,7 @@
 #include <comdef.h>
 
 #include <array>
+#include <vector>
 
 _COM_SMARTPTR_TYPEDEF(IUnknown, __uuidof(IUnknown));
 _COM_SMARTPTR_TYPEDEF(IDispatch, __uuidof(IDispatch));
@@ -36,18 +37,17 @@ public:
     // The sink of a cookie, without a reference of its own; null as for Remove.
     [[nodiscard]] IUnknown* GetUnknown(DWORD cookie) const noexcept;
 
-    // The sink at `index` (from 0) for use on this thread, with a reference for the caller. Null for a free slot, and
-    // when the Global Interface Table has nothing or fails.
-    [[nodiscard]] IUnknown* GetAt(int index) const;
-    [[nodiscard]] int GetSize() const noexcept { return slotCount; }
+    // The sink at `index` (from 0) for use on this thread. Null for a free slot, and when the Global Interface Table
+    // has nothing or fails.
+    [[nodiscard]] IUnknownPtr GetAt(int index) const;
+    [[nodiscard]] int GetSize() const noexcept { return static_cast<int>(slots.size()); }
 
 private:
     [[nodiscard]] bool Grow() noexcept;
     void RegisterSink(IUnknown* sink, int index);
     void RevokeSink(int index) noexcept;
 
-    IUnknown** slots = nullptr; // null pointers are free slots
-    int slotCount = 0;
+    std::vector<IUnknownPtr> slots; // null pointers are free slots
     IGlobalInterfaceTablePtr interfaceTable;
     std::array<DWORD, MaximumSinks> tableCookies{}; // by slot number less one; 0 for none
 };
