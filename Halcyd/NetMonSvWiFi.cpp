@@ -513,11 +513,7 @@ STDMETHODIMP CNetMonSv::ResetSsidList()
 STDMETHODIMP CNetMonSv::WiFiSurvey() NO_THREAD_SAFETY_ANALYSIS
 {
     ScopeTrace scope(Log::Source::NetMon, AlwaysOnTraceFlag);
-    const WiFiHandle wifi;
-    if (!wifi.IsValid())
-    {
-        return S_OK;
-    }
+    const WiFiHandle wifi; // no result matters, not even that of the opening
     for (const _DEVICE_ELEMENT* element = deviceInfoListHead; element != nullptr; element = element->pNext)
     {
         if ((element->AdapterType & enumWiFi) != 0)
