@@ -163,9 +163,10 @@ void WriteDeviceKey(const Json& device, const std::wstring& path, const std::str
     {
         key.Text(L"Driver", driver);
     }
+    // The device key proper, which Windows makes for every device; ports keep their name in it.
+    const Key parameters{path + L"\\Device Parameters"};
     if (device.contains("portName"))
     {
-        const Key parameters{path + L"\\Device Parameters"};
         parameters.Text(L"PortName", TextField(device, "portName"));
     }
 }
