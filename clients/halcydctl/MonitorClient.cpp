@@ -45,6 +45,16 @@ void Check(HRESULT result, const wchar_t* action)
     }
 }
 
+void CheckOpened(HRESULT result)
+{
+    Check(result, L"Opening the monitor");
+    constexpr HRESULT NoMemoryForSink = 14; // a plain Windows error number in the HRESULT's place
+    if (result == NoMemoryForSink)
+    {
+        throw ExplainStatus(L"Opening the monitor", ERROR_OUTOFMEMORY);
+    }
+}
+
 void EventQueue::Push(MonitorEvent event)
 {
     {
@@ -176,13 +186,7 @@ void MonitorConnection::Open()
 {
     // A failed Open counts as well, so it is taken back in any case.
     opened = true;
-    const HRESULT result = monitor->Open();
-    Check(result, L"Opening the monitor");
-    constexpr HRESULT NoMemoryForSink = 14; // a plain Windows error number in the HRESULT's place
-    if (result == NoMemoryForSink)
-    {
-        throw ExplainStatus(L"Opening the monitor", ERROR_OUTOFMEMORY);
-    }
+    CheckOpened(monitor->Open());
 }
 
 void MonitorConnection::StartNotifications()

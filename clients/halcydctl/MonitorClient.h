@@ -30,6 +30,8 @@ template <class Pointer>
 
 // Throws Failure if `result` is a failure.
 void Check(HRESULT result, const wchar_t* action);
+// The same for what the monitor's Open returned, whose shortage of memory is a positive number.
+void CheckOpened(HRESULT result);
 
 // Events on their way from COM's threads to the main thread.
 class EventQueue

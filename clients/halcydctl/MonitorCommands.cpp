@@ -163,7 +163,7 @@ ExitCode Commands::Open(const Session& session)
     MonitorConnection connection(session.options.start);
     // Not through the connection: this one is meant to stay when the client has gone.
     const HRESULT result = connection.Interface()->Open();
-    Check(result, L"Opening the monitor");
+    CheckOpened(result);
     const bool open = connection.IsOpen();
     if (session.options.json)
     {

@@ -1,4 +1,5 @@
 #include "clients/halcydctl/Failure.h"
+#include "clients/halcydctl/MonitorClient.h"
 
 #include <gtest/gtest.h>
 
@@ -128,6 +129,24 @@ TEST(ClientErrors, MissingInterfaceOfAServiceThatDidNotComeUpIsNotBlamedOnThePro
     EXPECT_EQ(Explain(L"", E_NOINTERFACE, facts).exitCode, ExitCode::NotRunning);
     facts.proxiesRegistered = false;
     EXPECT_EQ(Explain(L"", E_NOINTERFACE, facts).exitCode, ExitCode::ProxiesMissing);
+}
+
+TEST(ClientErrors, OpensPositiveShortageOfMemoryIsAnErrorToo)
+{
+    EXPECT_NO_THROW(CheckOpened(S_OK));
+    for (const HRESULT result : {static_cast<HRESULT>(14), E_FAIL})
+    {
+        try
+        {
+            CheckOpened(result);
+            ADD_FAILURE() << result;
+        }
+        catch (const Failure& failure)
+        {
+            EXPECT_EQ(failure.action, L"Opening the monitor");
+            EXPECT_EQ(failure.code, static_cast<std::uint32_t>(result));
+        }
+    }
 }
 
 TEST(ClientErrors, WindowsErrorNumbersInAnHresultsPlace)
