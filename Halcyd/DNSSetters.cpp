@@ -198,6 +198,10 @@ STDMETHODIMP CDNS::SetDNSDomain(BSTR bstrGuid, BSTR bstrDNSDomain) noexcept
             _variant_t domain;
             domain.vt = VT_BSTR;
             domain.bstrVal = bstrDNSDomain != nullptr ? SysAllocString(bstrDNSDomain) : nullptr;
+            if (bstrDNSDomain != nullptr && domain.bstrVal == nullptr)
+            {
+                return E_OUTOFMEMORY; // a null text would take the domain away
+            }
             const std::wstring failure = FormatText(L"Could not setup parameter for the DNS suffix of '{}'",
                                                     TextOr(bstrDNSDomain, L"<NULL|EMPTY>"));
             const SetterMethod method{L"SetDNSDomain", L"SetDNSDomain", L"Could not get SetDNSDomain method",

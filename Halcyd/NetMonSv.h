@@ -224,6 +224,9 @@ public:
     // --- Events (NetMonSvEvents.cpp) ---
     // Runs on a pool thread.
     void FireEventAsync(AsyncEventContext context);
+    // Gives an item (null for one that there was no memory for) to the pool. False, with the item deleted, when it was
+    // refused or a thread for it cannot be started: callers run on threads that no exception may leave.
+    [[nodiscard]] bool AddToPool(CWorkItem* item) noexcept;
 
     // --- Wi-Fi (NetMonSvWiFi.cpp, NetMonSvWiFiThread.cpp) ---
     HRESULT GetWiFiDetails(_DEVICE_ELEMENT* node);

@@ -3,6 +3,7 @@
 #include "Halcyd/MonitorTrace.h"
 #include "Halcyd/NetMonSv.h"
 #include "Halcyd/WinsServers.h"
+#include "NetUtilities/BstrText.h"
 #include "NetUtilities/TracedMutexLock.h"
 
 #include <winsock2.h>
@@ -347,7 +348,7 @@ HRESULT CNetMonSv::GetEthernetAdapterInfo(_DEVICE_ELEMENT* node, IWbemClassObjec
     UpdateBstrFromVariant(&extension.AdapterMacAddress, &macAddress);
     // Blocks for an ARP exchange, with the list locked. Without an answer the field is empty, not null.
     _bstr_t gatewayMac;
-    GetGatewayMacAddress(node->IpInfo.IpAddress, node->IpInfo.IpGateway, gatewayMac);
+    GetGatewayMacAddress(CopyToBstr(node->IpInfo.IpAddress), CopyToBstr(node->IpInfo.IpGateway), gatewayMac);
     UpdateBstrField(&extension.GatewayMacAddress, gatewayMac);
 
     void* handle = nullptr;
@@ -372,7 +373,7 @@ HRESULT CNetMonSv::GetEthernetAdapterInfo(_DEVICE_ELEMENT* node, IWbemClassObjec
 const wchar_t* CNetMonSv::GetGatewayMacAddress(const _bstr_t& source, const _bstr_t& gateway, _bstr_t& mac)
 {
     ScopeTrace scope(Log::Source::NetMon, AlwaysOnTraceFlag);
-    mac = L"";
+    mac = CopyToBstr(L"");
     if (source.length() == 0)
     {
         MonitorTrace::Note(L"The source IP is empty, can't do a send ARP with that address");
@@ -414,6 +415,6 @@ const wchar_t* CNetMonSv::GetGatewayMacAddress(const _bstr_t& source, const _bst
     const std::wstring text = FormatText(L"{:02x}:{:02x}:{:02x}:{:02x}:{:02x}:{:02x}", physical[0], physical[1],
                                          physical[2], physical[3], physical[4], physical[5]);
     MonitorTrace::Note(L"SendARP: physical length is '{}'", text);
-    mac = text.c_str();
+    mac = CopyToBstr(text.c_str());
     return mac;
 }

@@ -2,17 +2,30 @@
 
 #include "Halcyd/MonitorTrace.h"
 #include "Halcyd/NetMonSv.h"
+#include "NetUtilities/BstrText.h"
 #include "NetUtilities/ComApartment.h"
+
+#include <system_error>
 
 void CNetMonSv::FireDeferred(const std::list<FireAdapterChangeEventData>& events)
 {
     for (const FireAdapterChangeEventData& event : events)
     {
         // An empty text is an empty BSTR here, not a null one as on the road through the pool.
-        _bstr_t deviceId(event.deviceId.c_str());
-        _bstr_t adjacentMac(event.adjacentMac.c_str());
+        _bstr_t deviceId = CopyToBstr(event.deviceId.c_str());
+        _bstr_t adjacentMac = CopyToBstr(event.adjacentMac.c_str());
         Fire_AdapterChange(deviceId.GetBSTR(), adjacentMac.GetBSTR(), static_cast<_NOTIFICATION_EVENT>(event.event));
     }
+}
+
+bool CNetMonSv::AddToPool(CWorkItem* item) noexcept
+try
+{
+    return item != nullptr && threadPool.Add(item);
+}
+catch (const std::system_error&)
+{
+    return false;
 }
 
 void CNetMonSv::FireEventAsync(AsyncEventContext context)
@@ -23,15 +36,10 @@ void CNetMonSv::FireEventAsync(AsyncEventContext context)
     {
         MonitorTrace::FailureResult(apartment.Result(), L"Com initialization failed");
     }
-    _bstr_t deviceId;
-    if (!context.deviceId.empty())
-    {
-        deviceId = context.deviceId.c_str();
-    }
-    _bstr_t adjacentMac;
-    if (!context.adjacentMac.empty())
-    {
-        adjacentMac = context.adjacentMac.c_str();
-    }
+    // An empty text is a null one here.
+    const auto textOrNull = [](const std::wstring& text)
+    { return text.empty() ? _bstr_t() : CopyToBstr(text.c_str()); };
+    _bstr_t deviceId = textOrNull(context.deviceId);
+    _bstr_t adjacentMac = textOrNull(context.adjacentMac);
     Fire_AdapterChange(deviceId.GetBSTR(), adjacentMac.GetBSTR(), static_cast<_NOTIFICATION_EVENT>(context.event));
 }

@@ -16,6 +16,7 @@
 
 #include "Halcyd/MonitorTrace.h"
 #include "Halcyd/NetMonSv.h"
+#include "NetUtilities/BstrText.h"
 #include "NetUtilities/TracedMutexLock.h"
 
 #include <new>
@@ -121,7 +122,7 @@ void CNetMonSv::NetMonHandleUnicastIpChangeEventImpl()
     if (!wmiCleanupEvent.Wait(0))
     {
         MonitorTrace::Note(L"HandleUnicastIpChangeEvent: firing unicast IP change event thread");
-        _bstr_t noNode(L"no node"); // whichever adapter it was
+        _bstr_t noNode = CopyToBstr(L"no node"); // whichever adapter it was
         Fire_AdapterChange(noNode.GetBSTR(), static_cast<BSTR>(nullptr), enumEventIpChange);
         MonitorTrace::Note(L"HandleUnicastIpChangeEvent: RETURN FROM FIRING IPCHANGE EVENT");
     }

@@ -6,6 +6,7 @@
 #include "Halcyd/MonitorReport.h"
 #include "Halcyd/MonitorTrace.h"
 #include "Halcyd/NetMonSv.h"
+#include "NetUtilities/BstrText.h"
 #include "NetUtilities/TracedMutexLock.h"
 #include "WiFiWrap/wifiwraplib.h"
 
@@ -228,8 +229,10 @@ HRESULT CNetMonSv::ConnectWMINameSpace(IWbemServices** ppServices, const wchar_t
         }
         MonitorTrace::Note(L"created wbem locator object");
     }
-    const HRESULT connected =
-        wbemLocator->ConnectServer(_bstr_t(name), nullptr, nullptr, nullptr, 0, nullptr, nullptr, ppServices);
+    const _bstr_t resource = CopyToBstr(name);
+    const HRESULT connected = resource.length() == 0 ? E_OUTOFMEMORY
+                                                     : wbemLocator->ConnectServer(resource, nullptr, nullptr, nullptr,
+                                                                                  0, nullptr, nullptr, ppServices);
     if (FAILED(connected))
     {
         MonitorTrace::FailureResult(connected, L"Error could not connect to WMI namespace '{}'", name);

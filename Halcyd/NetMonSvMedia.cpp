@@ -3,6 +3,7 @@
 
 #include "Halcyd/MonitorTrace.h"
 #include "Halcyd/NetMonSv.h"
+#include "NetUtilities/BstrText.h"
 #include "NetUtilities/Clock.h"
 #include "NetUtilities/ComApartment.h"
 #include "NetUtilities/TracedMutexLock.h"
@@ -58,7 +59,7 @@ void CNetMonSv::ProcessDeviceConnectedEvent(_DEVICE_ELEMENT* node, IWbemClassObj
     }
     CWorkItem* const item = new (std::nothrow) NetUtilities::WorkItemMember1<CNetMonSv, WAIT_FOR_DCHP_EVENT>(
         this, &CNetMonSv::WaitForDefaultGatewayThread, std::move(context));
-    if (item == nullptr || !threadPool.Add(item))
+    if (!AddToPool(item))
     {
         MonitorTrace::Failure(L"Failed to start thread to wait for default gateway");
     }
@@ -161,8 +162,8 @@ bool CNetMonSv::UpdateAfterGatewayWait(const std::wstring& id, IWbemClassObject*
     {
         UpdateNodeFromNetworkAdapterObject(element, object, nullptr);
     }
-    deviceId = element->DeviceId;
-    adjacentMac = GetAdjacentMac(element);
+    deviceId = CopyToBstr(element->DeviceId);
+    adjacentMac = CopyToBstr(GetAdjacentMac(element));
     return true;
 }
 

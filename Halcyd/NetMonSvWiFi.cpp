@@ -229,7 +229,7 @@ HRESULT CNetMonSv::GetWiFiDetails(_DEVICE_ELEMENT* node)
     {
         CWorkItem* const item = new (std::nothrow) NetUtilities::WorkItemMember1<CNetMonSv, AsyncEventContext>(
             this, &CNetMonSv::FireEventAsync, AsyncEventContext(enumEventWiFiAddedSSIDs));
-        if (item == nullptr || !threadPool.Add(item))
+        if (!AddToPool(item))
         {
             MonitorTrace::Failure(L"Failed to enqueue added wifi adapter event");
         }
@@ -450,7 +450,7 @@ void CNetMonSv::SendWifiRssiNotificationIfNeeded(_DEVICE_ELEMENT* node)
     MonitorTrace::Note(L"firing wifi signal strength update event");
     CWorkItem* const item = new (std::nothrow) NetUtilities::WorkItemMember1<CNetMonSv, AsyncEventContext>(
         this, &CNetMonSv::FireEventAsync, AsyncEventContext(node, enumEventWiFiSignalStrength));
-    if (item == nullptr || !threadPool.Add(item))
+    if (!AddToPool(item))
     {
         MonitorTrace::Failure(L"Failed to enqueue wifi signal strength event"); // and is not told again
     }

@@ -10,6 +10,7 @@
 #include "NetUtilities/TracedMutexLock.h"
 
 #include <ctime>
+#include <system_error>
 
 namespace
 {
@@ -220,7 +221,16 @@ void CNetMonSv::StartNativeWifiEventMonitorThread()
         MonitorTrace::FailureCode(GetLastError(), L"Could not create events");
         return;
     }
-    NativeWifiMonitorThread = std::make_unique<std::thread>(&CNetMonSv::ProcessNativeWifiEventsThread, this);
+    try
+    {
+        NativeWifiMonitorThread = std::make_unique<std::thread>(&CNetMonSv::ProcessNativeWifiEventsThread, this);
+    }
+    catch (const std::system_error& error)
+    {
+        // As without its events: the timers alone keep the Wi-Fi adapters current.
+        MonitorTrace::Failure(L"Could not create thread ({})", error.code().value());
+        return;
+    }
     MonitorTrace::Note(L"Creating thread to listen for special wifi events");
 }
 

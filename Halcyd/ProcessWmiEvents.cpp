@@ -6,6 +6,8 @@
 #include "NetUtilities/Clock.h"
 #include "NetUtilities/TracedMutexLock.h"
 
+#include <system_error>
+
 namespace
 {
 constexpr const wchar_t* notificationQueries[] = {
@@ -93,7 +95,16 @@ void CNetMonSv::StartWmiEventMonitorThread()
         return;
     }
     wmiEventQueue.DropAll();
-    WmiEventThread = std::make_unique<std::thread>(&CNetMonSv::ProcessWmiEventsThread, this);
+    try
+    {
+        WmiEventThread = std::make_unique<std::thread>(&CNetMonSv::ProcessWmiEventsThread, this);
+    }
+    catch (const std::system_error& error)
+    {
+        // As without its events: the monitor is open, and its list stays as it is.
+        MonitorTrace::Failure(L"Could not create thread ({})", error.code().value());
+        return;
+    }
     MonitorTrace::Note(L"Creating thread to process wmi events");
 }
 

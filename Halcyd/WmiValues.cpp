@@ -1,5 +1,7 @@
 #include "Halcyd/WmiValues.h"
 
+#include "NetUtilities/BstrText.h"
+
 #include <algorithm>
 
 namespace WmiValues
@@ -83,8 +85,12 @@ HRESULT Query(IWbemServices* services, std::wstring_view text, long flags, IEnum
     {
         return E_POINTER; // the connection was taken down
     }
-    const _bstr_t language(L"WQL");
-    const _bstr_t query(std::wstring(text).c_str());
+    const _bstr_t language = CopyToBstr(L"WQL");
+    const _bstr_t query = CopyToBstr(std::wstring(text).c_str());
+    if (language.length() == 0 || query.length() == 0)
+    {
+        return E_OUTOFMEMORY;
+    }
     return services->ExecQuery(language, query, flags, nullptr, &results);
 }
 } // namespace WmiValues

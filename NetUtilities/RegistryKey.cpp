@@ -7,6 +7,7 @@
 #include <unordered_map>
 #include <utility>
 
+#include "NetUtilities/BstrText.h"
 #include "NetUtilities/Handles.h"
 #include "NetUtilities/Trace.h"
 
@@ -387,8 +388,10 @@ void LoadVariantWithMultiSz(VARIANT* variant, const std::list<std::wstring>& str
     for (const std::wstring& text : strings)
     {
         // The array makes a copy of its own.
-        const _bstr_t element(text.c_str());
-        const HRESULT result = SafeArrayPutElement(V_ARRAY(variant), &index, static_cast<BSTR>(element));
+        _bstr_t element = CopyToBstr(text.c_str());
+        const HRESULT result = element.GetBSTR() != nullptr
+                                   ? SafeArrayPutElement(V_ARRAY(variant), &index, element.GetBSTR())
+                                   : E_OUTOFMEMORY;
         if (SUCCEEDED(result))
         {
             LogFormatDefault(4, L"loaded {} into safearray", text);

@@ -3,6 +3,18 @@
 #include <pthread.h>
 
 #include <algorithm>
+#include <system_error>
+
+namespace
+{
+void CreateOrRaise(Event& event, bool manualReset)
+{
+    if (!event.Create(manualReset, false))
+    {
+        throw std::system_error(static_cast<int>(GetLastError()), std::system_category(), "no event for a work queue");
+    }
+}
+} // namespace
 
 // --- CWorkItemQueue ---
 
@@ -29,8 +41,13 @@ bool CWorkItemQueue::Start()
         return false;
     }
     closing.store(false);
-    stopEvent.Create(true, false);
-    doneEvent.Create(true, false);
+    // A thread without its events could neither be stopped nor waited for.
+    if (!wakeEvent)
+    {
+        CreateOrRaise(wakeEvent, false);
+    }
+    CreateOrRaise(stopEvent, true);
+    CreateOrRaise(doneEvent, true);
     const std::size_t waiting = Length();
     thread = std::make_unique<std::thread>(&CWorkItemQueue::ThreadProcedure, this);
     threadHandle = static_cast<HANDLE>(pthread_gethandle(thread->native_handle()));
@@ -235,7 +252,9 @@ bool CWorkItemThreadPool::AddLocked(CWorkItem* item)
         delete item;
         return false;
     }
+    std::unique_ptr<CWorkItem> owned(item); // goes when a thread cannot be started
     SThrdInfo* const chosen = ChooseThread();
+    owned.release();
     if (chosen == nullptr)
     {
         return false; // the item stays the caller's

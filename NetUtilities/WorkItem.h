@@ -93,7 +93,8 @@ public:
     CWorkItemQueue(const CWorkItemQueue&) = delete;
     CWorkItemQueue& operator=(const CWorkItemQueue&) = delete;
 
-    // True if a thread was started, false if one was there. Raises std::system_error if it cannot be started.
+    // True if a thread was started, false if one was there. Raises std::system_error if it, or an event that it needs,
+    // cannot be had; the queue is then as it was, and may be started again.
     bool Start() EXCLUDES(lifeLock);
     // True if the item was accepted. A null item only wakes the thread. On a closing queue the item is deleted.
     bool Add(CWorkItem* item) EXCLUDES(itemsLock);
@@ -150,7 +151,8 @@ public:
 
     void Start() EXCLUDES(poolLock);
     // True if the item was accepted. On a pool that does not run the item is deleted; with no threads at the limit
-    // it stays the caller's.
+    // it stays the caller's. Raises std::system_error, with the item deleted, when a thread is due and cannot be
+    // started.
     bool Add(CWorkItem* item) EXCLUDES(poolLock);
     // Both leave the pool without threads; true when all of them stopped in the way asked for. Stop(timeoutMs) gives
     // each thread the whole time, one after the other, to run what it has.

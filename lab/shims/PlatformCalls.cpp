@@ -7,12 +7,16 @@
 #include <winsock2.h>
 #include <objbase.h>
 #include <oleauto.h>
+#include <process.h>
 #include <sddl.h>
 #include <shellapi.h>
+#include <shlobj.h>
 #include <tlhelp32.h>
 
 #include <algorithm>
 #include <cstdint>
+#include <set>
+#include <string>
 #include <type_traits>
 
 namespace
@@ -21,6 +25,7 @@ namespace
 enum class Failure
 {
     Zero,          // returns 0, FALSE or null, the code is the last error
+    ZeroAfter,     // the same, and it has been done all the same: what is given back is gone whatever it says
     InvalidHandle, // returns INVALID_HANDLE_VALUE, the code is the last error
     Code,          // returns the code itself: HRESULT, registry functions
     Null,          // returns null and says no more
@@ -80,7 +85,7 @@ struct Hooked<name, failure, R(WINAPI*)(A...)>
             return static_cast<R>(code);
         else if constexpr (failure == Failure::InvalidHandle)
             return SetLastError(code), INVALID_HANDLE_VALUE;
-        else if constexpr (failure == Failure::Zero)
+        else if constexpr (failure == Failure::Zero || failure == Failure::ZeroAfter)
             return SetLastError(code), R{};
         else
             return R{};
@@ -92,7 +97,7 @@ struct Hooked<name, failure, R(WINAPI*)(A...)>
             return static_cast<std::uint32_t>(result);
         else if constexpr (failure == Failure::InvalidHandle)
             return result == INVALID_HANDLE_VALUE ? error : 0;
-        else if constexpr (failure == Failure::Zero)
+        else if constexpr (failure == Failure::Zero || failure == Failure::ZeroAfter)
             return result == R{} ? error : 0;
         else
             return result == R{} ? static_cast<std::uint32_t>(ERROR_OUTOFMEMORY) : 0;
@@ -110,6 +115,8 @@ struct Hooked<name, failure, R(WINAPI*)(A...)>
         if (const auto code = detail == nullptr ? call.Fault() : call.Fault(detail))
         {
             call.Result(*code);
+            if constexpr (failure == Failure::ZeroAfter)
+                original(arguments...);
             return Failed(*code);
         }
         SetLastError(before);
@@ -121,12 +128,20 @@ struct Hooked<name, failure, R(WINAPI*)(A...)>
     }
 };
 
+// Names of the imports that are hooked in this program.
+std::set<std::string>& HookedNames()
+{
+    static std::set<std::string> names;
+    return names;
+}
+
 template <Name name, Failure failure, class Signature>
 void Hook()
 {
     using Entry = Hooked<name, failure, Signature>;
     Entry::original =
         reinterpret_cast<Signature>(lab::shim::ReplaceImport(name.text, reinterpret_cast<void*>(&Entry::Replacement)));
+    HookedNames().insert(name.text);
 }
 
 #define HOOK(function, failure) Hook<#function, Failure::failure, decltype(&::function)>()
@@ -140,9 +155,10 @@ void HookKernel()
     HOOK(CreateTimerQueue, Zero);
     HOOK(CreateTimerQueueTimer, Zero);
     HOOK(ChangeTimerQueueTimer, Zero);
-    HOOK(DeleteTimerQueueTimer, Zero);
-    HOOK(DeleteTimerQueueEx, Zero);
+    HOOK(DeleteTimerQueueTimer, ZeroAfter);
+    HOOK(DeleteTimerQueueEx, ZeroAfter);
     HOOK(CreateThread, Zero);
+    HOOK(_beginthreadex, Zero); // what the C++ library's threads are made with
     HOOK(LoadLibraryW, Zero);
     HOOK(LoadLibraryExW, Zero);
     HOOK(GetProcAddress, Zero);
@@ -160,6 +176,9 @@ void HookKernel()
     HOOK(FindResourceW, Zero);
     HOOK(LoadResource, Zero);
     HOOK(ShellExecuteExW, Zero);
+    HOOK(SHGetKnownFolderPath, Code);
+    HOOK(GetFileVersionInfoSizeW, Zero);
+    HOOK(GetFileVersionInfoW, Zero);
 }
 
 void HookSecurityAndServices()
@@ -190,6 +209,11 @@ void HookSecurityAndServices()
     HOOK(EnumDependentServicesW, Zero);
     HOOK(QueryServiceObjectSecurity, Zero);
     HOOK(SetServiceObjectSecurity, Zero);
+    HOOK(GetServiceKeyNameW, Zero);
+    HOOK(LookupAccountNameW, Zero);
+    HOOK(ConvertSecurityDescriptorToStringSecurityDescriptorW, Zero);
+    HOOK(RegisterEventSourceW, Zero);
+    HOOK(ReportEventW, Zero);
 }
 
 void HookRegistry()
@@ -204,6 +228,7 @@ void HookRegistry()
     HOOK(RegQueryInfoKeyW, Code);
     HOOK(RegDeleteKeyW, Code);
     HOOK(RegDeleteKeyExW, Code);
+    HOOK(RegDeleteTreeW, Code);
     HOOK(RegDeleteValueW, Code);
     HOOK(RegNotifyChangeKeyValue, Code);
 }
@@ -227,6 +252,10 @@ void HookCom()
     HOOK(CoTaskMemAlloc, Null);
     HOOK(CoTaskMemRealloc, Null);
     HOOK(SysAllocString, Null);
+    HOOK(SafeArrayCreateVector, Null);
+    HOOK(SafeArrayPutElement, Code);
+    HOOK(SafeArrayAccessData, Code);
+    HOOK(VariantChangeType, Code);
     HOOK(LoadTypeLib, Code);
     HOOK(LoadTypeLibEx, Code);
     HOOK(LoadRegTypeLib, Code);
@@ -242,4 +271,12 @@ void lab::shim::HookPlatformCalls()
     HookSecurityAndServices();
     HookRegistry();
     HookCom();
+    lab::Call call{"HookPlatformCalls"};
+    lab::Json plain = lab::Json::array();
+    for (const std::string& name : ImportedFunctions())
+    {
+        if (!HookedNames().contains(name))
+            plain.push_back(name);
+    }
+    call.Out("notHooked", plain).Result(0);
 }

@@ -84,7 +84,7 @@ catch (const std::bad_alloc&)
 std::optional<std::uint32_t> Call::Fault(const wchar_t* detail) noexcept
 try
 {
-    return m_machine.Fault(m_name, Utf8(detail));
+    return Noted(m_machine.Fault(m_name, Utf8(detail)));
 }
 catch (const std::bad_alloc&)
 {

@@ -90,7 +90,8 @@ void Machine::SwitchJournal(bool on)
     m_impl->table->journalOn = on ? 1 : 0;
 }
 
-void Machine::Journal(std::string_view call, const Json& arguments, std::uint32_t result, const Json& out) noexcept
+void Machine::Journal(std::string_view call, const Json& arguments, std::uint32_t result, const Json& out,
+                      bool byRule) noexcept
 try
 {
     if (!JournalOn())
@@ -112,7 +113,7 @@ try
     };
     add(",\"args\":", arguments);
     add(",\"out\":", out);
-    text += ",\"result\":\"" + Hex32(result) + "\"}\n";
+    text += ",\"result\":\"" + Hex32(result) + (byRule ? "\",\"fault\":true}\n" : "\"}\n");
     // The place is reserved first, so writers never meet. Each line says at which place it stands, in a form of fixed
     // length: that tells it from what a writer that died left there, zeros or an older line.
     char stamp[stampLength + 1];
@@ -217,7 +218,7 @@ void Call::Finish(std::uint32_t result) noexcept
     m_finished = true;
     if (m_journal)
     {
-        m_machine.Journal(m_name, m_arguments, result, m_out);
+        m_machine.Journal(m_name, m_arguments, result, m_out, m_faulted);
     }
 }
 

@@ -116,8 +116,9 @@ public:
     // Journal. `arguments` and `out` are objects (or null for none).
     [[nodiscard]] bool JournalOn() const noexcept;
     void SwitchJournal(bool on);
-    void Journal(std::string_view call, const Json& arguments, std::uint32_t result,
-                 const Json& out = nullptr) noexcept;
+    // `byRule`: the result is a fault rule's, which the line then says with "fault": true.
+    void Journal(std::string_view call, const Json& arguments, std::uint32_t result, const Json& out = nullptr,
+                 bool byRule = false) noexcept;
     void ClearJournal();
     // Lines from `position` on, which is moved behind the last one. The driver's records are among them, by time.
     [[nodiscard]] std::vector<Json> ReadJournal(JournalPosition& position);
@@ -172,7 +173,7 @@ public:
         return *this;
     }
     [[nodiscard]] bool Journalled() const noexcept { return m_journal; }
-    [[nodiscard]] std::optional<std::uint32_t> Fault() noexcept { return m_machine.Fault(m_name); }
+    [[nodiscard]] std::optional<std::uint32_t> Fault() noexcept { return Noted(m_machine.Fault(m_name)); }
     [[nodiscard]] std::optional<std::uint32_t> Fault(const wchar_t* detail) noexcept;
 
     template <class T>
@@ -183,12 +184,18 @@ public:
     }
 
 private:
+    std::optional<std::uint32_t> Noted(std::optional<std::uint32_t> code) noexcept
+    {
+        m_faulted = m_faulted || code.has_value();
+        return code;
+    }
     void Finish(std::uint32_t result) noexcept;
 
     Machine& m_machine;
     std::string_view m_name;
     bool m_journal;
     bool m_finished = false;
+    bool m_faulted = false;
     Json m_arguments;
     Json m_out;
 };

@@ -19,6 +19,8 @@ struct WiFiNetworkRecord
     std::string profileName;
     std::wstring macAddress; // lower-case pairs with ":"
     std::int32_t signalStrength = 0;
+
+    bool operator==(const WiFiNetworkRecord&) const = default;
 };
 
 struct AdapterRecord
@@ -37,6 +39,8 @@ struct AdapterRecord
     OptionalText gatewayMac;  // Ethernet
     OptionalText bssid, ssid; // Wi-Fi
     std::vector<WiFiNetworkRecord> networks;
+
+    bool operator==(const AdapterRecord&) const = default;
 };
 
 // Calls GetDeviceInfoList, converts, and frees the whole copy. `result` receives the method's HRESULT when given.

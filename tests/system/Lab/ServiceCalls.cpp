@@ -1,0 +1,96 @@
+#include "Lab/ServiceCalls.h"
+
+#include <tlhelp32.h>
+
+#include <algorithm>
+#include <ostream>
+
+#include "NetUtilities/Handles.h"
+#include "tests/support/Processes.h"
+
+std::ostream& operator<<(std::ostream& out, const ServiceCall& call)
+{
+    return out << call.name << " number " << call.nth << " " << call.arguments;
+}
+
+namespace
+{
+// Calls of the platform into the service are journalled as well; they are not the service's to be failed.
+bool IsCallOfTheService(const lab::Json& line)
+{
+    const std::string name = line.value("call", "");
+    return line.value("process", "") == "Halcyd.exe" && name.rfind("IWbemObjectSink::", 0) != 0 &&
+           name != "UnicastIpAddressChangeCallback" && name != "ServiceControl" && name != "HookPlatformCalls";
+}
+} // namespace
+
+CallRecorder::CallRecorder()
+{
+    lab::Machine& machine = lab::Machine::Attach();
+    machine.SwitchJournal(true);
+    machine.ClearJournal();
+}
+
+CallRecorder::~CallRecorder()
+{
+    lab::Machine::Attach().SwitchJournal(false);
+}
+
+const std::vector<ServiceCall>& CallRecorder::Calls()
+{
+    for (const lab::Json& line : lab::Machine::Attach().ReadJournal(m_position))
+    {
+        if (!IsCallOfTheService(line))
+        {
+            continue;
+        }
+        ServiceCall call;
+        call.name = line.value("call", "");
+        call.arguments = line.contains("args") ? line["args"].dump() : "";
+        call.nth = call.alike = 1;
+        for (const ServiceCall& earlier : m_calls)
+        {
+            const bool sameName = earlier.name == call.name;
+            call.nth += sameName ? 1 : 0;
+            call.alike += sameName && earlier.arguments == call.arguments ? 1 : 0;
+        }
+        call.thread = line.value("tid", 0U);
+        call.failed = line.value("fault", false);
+        m_calls.push_back(std::move(call));
+    }
+    return m_calls;
+}
+
+ArmedFault::ArmedFault(const std::string& name, int nth, std::uint32_t code)
+{
+    lab::FaultRule rule;
+    rule.call = name;
+    rule.nth = static_cast<std::uint32_t>(nth);
+    rule.code = code;
+    lab::Machine::Attach().AddFault(rule);
+}
+
+ArmedFault::~ArmedFault()
+{
+    lab::Machine::Attach().ClearFaults();
+}
+
+std::optional<ServiceCall> FailedCall(const std::vector<ServiceCall>& calls)
+{
+    const auto found = std::find_if(calls.begin(), calls.end(), [](const ServiceCall& call) { return call.failed; });
+    return found != calls.end() ? std::optional(*found) : std::nullopt;
+}
+
+Holdings HoldingsOf(DWORD processId)
+{
+    Holdings holdings;
+    holdings.handles = HandleCount(processId);
+    const UniqueHandle snapshot{CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0)};
+    THREADENTRY32 entry{};
+    entry.dwSize = sizeof entry;
+    for (BOOL more = Thread32First(snapshot.get(), &entry); more; more = Thread32Next(snapshot.get(), &entry))
+    {
+        holdings.threads += entry.th32OwnerProcessID == processId ? 1 : 0;
+    }
+    return holdings;
+}
