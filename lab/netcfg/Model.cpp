@@ -172,6 +172,7 @@ Model ReadModel(const Json& state)
     {
         UsualPaths(model);
     }
+    DeclaredPaths(model, state, Member(netcfg, "morePaths"));
     for (const Json& token : Member(netcfg, "disabled"))
     {
         for (Path& path : model.paths)

@@ -2,10 +2,14 @@
 //
 // In the state, all of it optional:
 //   "netcfg": {
-//      "components": [ { "id": "ms_pacer", "displayName": "Packet scheduler", "guid": "{...}" } ],   besides the
-//      adapters "paths": [ { "protocol": "ms_tcpip", "lower": ["eth0"] } ],    in place of the usual ones, see below
-//      "disabled": [ "ms_tcpip->{guid}" ],                            paths that are not enabled, by their tokens
-//      "applyResult": 0                                               what INetCfg::Apply gives when all is well
+//      "components": [ { "id": "ms_pacer", "displayName": "Packet scheduler", "guid": "{...}" } ],
+//                                               besides the adapters
+//      "paths": [ { "protocol": "ms_tcpip", "lower": ["eth0"] } ],
+//                                               in place of the usual ones, see below
+//      "morePaths": [ { "protocol": "ms_server", "lower": ["ms_tcpip", "eth0"] } ],
+//                                               besides the usual ones
+//      "disabled": [ "ms_tcpip->{guid}" ],      paths that are not enabled, by their tokens
+//      "applyResult": 0                         what INetCfg::Apply gives when all is well
 //   }
 // `lower` lists the lower components of a path's interfaces, from the protocol downwards: adapters by name or GUID,
 // other components by id; null is an interface without a component, an empty list a path without interfaces.

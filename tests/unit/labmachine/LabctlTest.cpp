@@ -4,9 +4,11 @@
 #include "lab/labctl/StatePath.h"
 #include "lab/labctl/Sync.h"
 #include "lab/labctl/Verbs.h"
+#include "lab/netcfg/Model.h"
 #include "lab/state/Model.h"
 #include "lab/state/Text.h"
 
+#include <algorithm>
 #include <fstream>
 #include <iostream>
 #include <sstream>
@@ -204,6 +206,37 @@ TEST(Scenarios, EveryScenarioOfTheTreeIsCompleteAndPublishable)
         });
     }
     EXPECT_GE(count, 5U);
+}
+
+// The token of each path, in the engine's order.
+std::vector<std::string> Tokens(const Json& state)
+{
+    std::vector<std::string> tokens;
+    for (const netcfg::Path& path : netcfg::ReadModel(state).paths)
+    {
+        tokens.push_back(path.token);
+    }
+    return tokens;
+}
+
+TEST(Scenarios, LaptopBindsTheIpProtocolsToEachAdapterAndSharingAboveThem)
+{
+    const Json state = ctl::ReadScenario(std::filesystem::path(Wide(SCENARIO_FOLDER)) / "laptop.json");
+    const std::vector<std::string> tokens = Tokens(state);
+    const auto has = [&](const std::string& token)
+    { return std::find(tokens.begin(), tokens.end(), token) != tokens.end(); };
+    for (const Json& adapter : Member(state, "adapters"))
+    {
+        const std::string guid = TextField(adapter, "guid");
+        EXPECT_TRUE(has("ms_tcpip->" + guid)) << guid;
+        EXPECT_EQ(has("ms_tcpip6->" + guid), TextField(adapter, "service") != "NdisWan") << guid;
+    }
+    const std::string ip = "{6E2A0C02-51D8-4B7E-9A40-2F6C1B8D7002}";
+    EXPECT_TRUE(has("ms_server->" + ip + "->{4A1C7E07-3B52-4D0F-9E61-0C5D8A2B7007}"));
+    EXPECT_TRUE(has("ms_msclient->" + ip + "->{4A1C7E09-3B52-4D0F-9E61-0C5D8A2B7009}"));
+    Json bare = state;
+    bare["netcfg"].erase("morePaths");
+    EXPECT_EQ(Tokens(bare).size() + 3, tokens.size());
 }
 
 class Syncing : public LabTest

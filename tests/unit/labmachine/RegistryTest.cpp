@@ -71,6 +71,7 @@ TEST_F(AdapterKeys, FollowTheMachineAndGoWithUninstall)
     EXPECT_EQ(Number(classKey + "0002", L"Characteristics"), std::nullopt);
     EXPECT_EQ(Text(deviceKey, L"Driver"), "{4D36E972-E325-11CE-BFC1-08002BE10318}\\0007");
     EXPECT_EQ(Text(deviceKey, L"Service"), "brv");
+    EXPECT_TRUE(Exists(deviceKey + "\\Device Parameters"));
     EXPECT_EQ(Text(tcpipKey + firstGuid, L"NameServer"), "");
     EXPECT_EQ(Number(tcpipKey + firstGuid, L"EnableDHCP"), 1U);
     EXPECT_EQ(Text(tcpipKey + "{11111111-0000-4000-8000-000000000002}", L"NameServer"), "error 2");
