@@ -330,7 +330,9 @@ DWORD RegistryKey::DeleteTree(const std::wstring& subkey)
 
 DWORD RegistryKey::EnumSubkey(DWORD index, std::wstring& subkey, FILETIME& lastWrite)
 {
-    if (index == 0)
+    // Also when index 0 did not get that far: without a buffer every later call would fail, and a caller that goes on
+    // until the end of the list would never see it.
+    if (index == 0 || subkeyNameBuffer == nullptr)
     {
         DWORD longest = 0;
         const auto code = static_cast<DWORD>(RegQueryInfoKeyW(handle, nullptr, nullptr, nullptr, nullptr, &longest,

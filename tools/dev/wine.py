@@ -13,7 +13,19 @@ from ui import Failure, Step
 
 CACHE = Path(os.environ.get('XDG_CACHE_HOME', Path.home() / '.cache')) / 'halcyd'
 _numbers = itertools.count(1)
-_RECIPE = 2         # raised when the template is to be made differently
+_RECIPE = 3         # raised when the template is to be made differently
+
+
+# RpcSs runs before any other service on Windows. Wine starts it when somebody asks, and refuses that while it is still
+# starting services at boot: one of ours that needs COM in those seconds finds no trace service, and ends. So it starts at
+# boot here as well, and the highest tag, which Wine reads as below all others, makes it the first. Wine's drivers for
+# gamepads now and then crash while they start; nobody here needs them.
+_SERVICES_AT_BOOT = [
+    ['reg', 'add', r'HKLM\System\CurrentControlSet\Services\RpcSs', '/v', 'Start', '/t', 'REG_DWORD', '/d', '2', '/f'],
+    ['reg', 'add', r'HKLM\System\CurrentControlSet\Services\RpcSs', '/v', 'Tag', '/t', 'REG_DWORD', '/d', '4294967295',
+     '/f'],
+    ['reg', 'delete', r'HKLM\System\CurrentControlSet\Enum\ROOT\WINE', '/f'],
+]
 
 
 def _tool(name):
@@ -70,7 +82,7 @@ def template():
         prefix.start()
         for arguments in (['wineboot', '-i'], ['winecfg', '-v', 'win10'],
                           ['reg', 'add', r'HKCU\Software\Wine\WineDbg', '/v', 'ShowCrashDialog', '/t', 'REG_DWORD',
-                           '/d', '0', '/f']):
+                           '/d', '0', '/f'], *_SERVICES_AT_BOOT):
             prefix.run(arguments, timeout=300)
         prefix.stop()
         _isolate(place)

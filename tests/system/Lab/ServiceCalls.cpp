@@ -2,7 +2,6 @@
 
 #include <tlhelp32.h>
 
-#include <algorithm>
 #include <ostream>
 
 #include "NetUtilities/Handles.h"
@@ -55,7 +54,6 @@ const std::vector<ServiceCall>& CallRecorder::Calls()
             call.alike += sameName && earlier.arguments == call.arguments ? 1 : 0;
         }
         call.thread = line.value("tid", 0U);
-        call.failed = line.value("fault", false);
         m_calls.push_back(std::move(call));
     }
     return m_calls;
@@ -75,10 +73,10 @@ ArmedFault::~ArmedFault()
     lab::Machine::Attach().ClearFaults();
 }
 
-std::optional<ServiceCall> FailedCall(const std::vector<ServiceCall>& calls)
+bool ArmedFault::Hit() const
 {
-    const auto found = std::find_if(calls.begin(), calls.end(), [](const ServiceCall& call) { return call.failed; });
-    return found != calls.end() ? std::optional(*found) : std::nullopt;
+    const std::vector<lab::FaultRule> rules = lab::Machine::Attach().Faults();
+    return rules.size() == 1 && rules.front().hits >= rules.front().nth;
 }
 
 Holdings HoldingsOf(DWORD processId)

@@ -7,7 +7,6 @@
 #include <windows.h>
 
 #include <cstdint>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -21,7 +20,6 @@ struct ServiceCall
     int alike = 0;         // which call of this name with these arguments, from 1
     std::string arguments; // JSON, "" for none
     DWORD thread = 0;
-    bool failed = false; // by a rule
 
     [[nodiscard]] bool Mentions(std::string_view text) const { return arguments.find(text) != std::string::npos; }
 };
@@ -53,10 +51,10 @@ public:
     ~ArmedFault();
     ArmedFault(const ArmedFault&) = delete;
     ArmedFault& operator=(const ArmedFault&) = delete;
-};
 
-// The call of `calls` that a rule failed.
-[[nodiscard]] std::optional<ServiceCall> FailedCall(const std::vector<ServiceCall>& calls);
+    // Whether the call has been made and has failed. A rule that nothing met would prove nothing.
+    [[nodiscard]] bool Hit() const;
+};
 
 // What a process holds, to be compared before and after.
 struct Holdings
