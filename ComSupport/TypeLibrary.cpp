@@ -1,5 +1,6 @@
 #include "ComSupport/TypeLibrary.h"
 
+#include "ComSupport/DispatchCall.h"
 #include "ComSupport/Module.h"
 
 #include <atomic>
@@ -139,6 +140,16 @@ HRESULT CComTypeInfoHolder::GetIDsOfNames(LCID locale, LPOLESTR* names, UINT cou
 HRESULT CComTypeInfoHolder::Invoke(IDispatch* object, DISPID id, LCID locale, WORD flags, DISPPARAMS* arguments,
                                    VARIANT* result, EXCEPINFO* exception, UINT* argumentError) noexcept
 {
-    const HRESULT status = EnsureLoaded(locale);
+    HRESULT status = EnsureLoaded(locale);
+    if (FAILED(status))
+    {
+        return status;
+    }
+    DispatchCall call(m_info, id, flags, arguments);
+    if (call.HasTooManyArguments())
+    {
+        return DISP_E_BADPARAMCOUNT;
+    }
+    status = call.Prepare();
     return FAILED(status) ? status : m_info->Invoke(object, id, flags, arguments, result, exception, argumentError);
 }

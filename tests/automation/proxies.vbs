@@ -3,6 +3,8 @@ Option Explicit
 Const OwnPath = "HKEY_LOCAL_MACHINE\SOFTWARE\QRLS\Sorvane\ScriptTest"
 Const OutsidePath = "HKEY_LOCAL_MACHINE\SOFTWARE\ScriptTestOutside"
 
+Dim held, heldKind
+
 Sub Check(what, condition, detail)
     If condition Then
         WScript.Echo "ok " & what
@@ -20,6 +22,11 @@ registry.SetRegistry "text", OwnPath, 1, "hello"
 Check "text is written", Err.Number = 0, Hex(Err.Number)
 registry.QueryRegistry "text", OwnPath, kind, data
 Check "text and its type come back", kind = 1 And data = "hello", kind & " " & data
+held = "from a variable"
+heldKind = 1
+registry.SetRegistry "variable", OwnPath, heldKind, held
+registry.QueryRegistry "variable", OwnPath, kind, data
+Check "variables are read through", kind = 1 And data = "from a variable" And held = data, kind & " " & data
 registry.SetRegistry "number", OwnPath, 4, 77
 registry.QueryRegistry "number", OwnPath, kind, data
 Check "number comes back", kind = 4 And data = 77, kind & " " & data
@@ -53,6 +60,11 @@ Check "the service itself starts with the system", startType = 2, startType
 Err.Clear
 services.SetServiceMode "Halcyd", 1, -1
 Check "a service outside the list is not stopped", Hex(Err.Number) = "FFFFFFFF", Hex(Err.Number)
+mode = "held"
+startType = Array(1, 2)
+Err.Clear
+services.QueryServiceMode "Halcyd", mode, startType
+Check "variables that hold no numbers are left alone", mode = "held" And IsArray(startType), TypeName(mode)
 
 Dim dns, text
 Set dns = CreateObject("Halcyd.DNS")

@@ -67,6 +67,29 @@ TEST(Dispatch, NamesAreLookedUpInTheLibrary)
     EXPECT_EQ(object->Release(), 0u);
 }
 
+TEST(Dispatch, MoreArgumentsThanAMemberTakesAreRefusedBeforeItIsCalled)
+{
+    TestModule module;
+    // The font interface has properties only, and the object behind it no member to call: what is not refused shows as
+    // another error than the one for a wrong count.
+    auto* const object = Make<&StandardLibrary>();
+    wchar_t known[] = L"Bold";
+    LPOLESTR name = known;
+    DISPID id = 0;
+    ASSERT_EQ(object->GetIDsOfNames(IID_NULL, &name, 1, LOCALE_NEUTRAL, &id), S_OK);
+    VARIANTARG values[2]{};
+    DISPID put = DISPID_PROPERTYPUT;
+    DISPPARAMS two{values, &put, 2, 1};
+    EXPECT_EQ(object->Invoke(id, IID_NULL, LOCALE_NEUTRAL, DISPATCH_PROPERTYPUT, &two, nullptr, nullptr, nullptr),
+              DISP_E_BADPARAMCOUNT);
+    DISPPARAMS one{values, nullptr, 1, 0};
+    EXPECT_EQ(object->Invoke(id, IID_NULL, LOCALE_NEUTRAL, DISPATCH_PROPERTYGET, &one, nullptr, nullptr, nullptr),
+              DISP_E_BADPARAMCOUNT);
+    EXPECT_EQ(object->Invoke(0x7FFF, IID_NULL, LOCALE_NEUTRAL, DISPATCH_METHOD, &two, nullptr, nullptr, nullptr),
+              DISP_E_MEMBERNOTFOUND);
+    EXPECT_EQ(object->Release(), 0u);
+}
+
 TEST(Dispatch, WithoutAnyLibraryEveryCallFailsAndNothingCrashes)
 {
     TestModule module;
