@@ -24,9 +24,16 @@ HRESULT Fail(HRESULT result, std::wstring_view text)
     return result;
 }
 
+// A string array by its type, and by the array's own account of its entries: a client can send an array of numbers
+// under the type of a string array, and its numbers would be followed as texts. No array at all is an empty one.
 bool IsStringArray(const VARIANT* variant)
 {
-    return variant != nullptr && variant->vt == StringArray;
+    if (variant == nullptr || variant->vt != StringArray)
+    {
+        return false;
+    }
+    const SAFEARRAY* const entries = variant->parray;
+    return entries == nullptr || ((entries->fFeatures & FADF_BSTR) != 0 && entries->cbElements == sizeof(BSTR));
 }
 } // namespace
 

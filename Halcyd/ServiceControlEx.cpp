@@ -227,6 +227,12 @@ STDMETHODIMP CServiceControlEx::QueryServiceMode(BSTR bstrService, VARIANT* pvMo
             {
                 return AsResult(ERROR_INVALID_PARAMETER);
             }
+            // A number in the place of a string or an array would leave a pointer of the client's making, which the
+            // answer's way back reads and frees inside this process.
+            if (!HoldsPlainBits(*pvMode) || !HoldsPlainBits(*pvStartupState))
+            {
+                return AsResult(ERROR_INVALID_PARAMETER);
+            }
             const std::wstring name = TextOf(bstrService);
             DWORD mode = 0;
             DWORD startupState = 0;

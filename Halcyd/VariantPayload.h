@@ -40,3 +40,34 @@
     }
     return std::nullopt;
 }
+
+// Whether a number may be written over the payload without orphaning what it owns or leaving a pointer that is none:
+// true for numbers, dates and the empty types.
+[[nodiscard]] inline bool HoldsPlainBits(const VARIANT& variant) noexcept
+{
+    switch (variant.vt)
+    {
+    case VT_EMPTY:
+    case VT_NULL:
+    case VT_I1:
+    case VT_UI1:
+    case VT_I2:
+    case VT_UI2:
+    case VT_I4:
+    case VT_UI4:
+    case VT_INT:
+    case VT_UINT:
+    case VT_I8:
+    case VT_UI8:
+    case VT_R4:
+    case VT_R8:
+    case VT_CY:
+    case VT_DATE:
+    case VT_BOOL:
+    case VT_ERROR:
+    case VT_DECIMAL:
+        return true;
+    default:
+        return false;
+    }
+}

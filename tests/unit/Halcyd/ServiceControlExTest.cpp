@@ -3,6 +3,7 @@
 #include <comdef.h>
 
 #include <algorithm>
+#include <set>
 
 #include "Halcyd/ServiceControlEx.h"
 #include "tests/unit/Halcyd/FakeServices.h"
@@ -483,18 +484,40 @@ TEST_F(ServiceControlExTest, QueryRefusesNullVariants)
     EXPECT_EQ(ERROR_INVALID_PARAMETER, object->QueryServiceMode(_bstr_t(L"PolicyAgent"), &value, nullptr));
 }
 
-TEST_F(ServiceControlExTest, QueryTouchesNoVariantTypeAndFollowsNoPayload)
+TEST_F(ServiceControlExTest, QueryTouchesNoVariantTypeAndRefusesVariantsThatHoldPointers)
 {
     services.Add(L"PolicyAgent");
+    const std::set<int> plain{VT_EMPTY, VT_NULL, VT_I1, VT_UI1, VT_I2, VT_UI2,  VT_I4,   VT_UI4,   VT_INT,    VT_UINT,
+                              VT_I8,    VT_UI8,  VT_R4, VT_R8,  VT_CY, VT_DATE, VT_BOOL, VT_ERROR, VT_DECIMAL};
+    constexpr LONGLONG untouched = 0x0123456789ABCDEF;
     for (const int type : AllVariantTypes())
     {
-        VARIANT mode;
-        VARIANT startType;
-        mode.vt = startType.vt = static_cast<VARTYPE>(type);
-        mode.llVal = startType.llVal = 0x0123456789ABCDEF;
-        ASSERT_EQ(0, Query(L"PolicyAgent", mode, startType));
-        ASSERT_EQ(type, mode.vt);
-        ASSERT_EQ(SERVICE_RUNNING, mode.lVal);
+        VARIANT odd;
+        VARIANT good;
+        const auto reset = [&]
+        {
+            odd.vt = static_cast<VARTYPE>(type);
+            good.vt = VT_I4;
+            odd.llVal = good.llVal = untouched;
+        };
+        const bool taken = plain.contains(type);
+        for (const bool first : {true, false})
+        {
+            reset();
+            ASSERT_EQ(taken ? 0 : ERROR_INVALID_PARAMETER,
+                      first ? Query(L"PolicyAgent", odd, good) : Query(L"PolicyAgent", good, odd))
+                << type;
+            ASSERT_EQ(type, odd.vt);
+            if (taken)
+            {
+                ASSERT_EQ(first ? SERVICE_RUNNING : SERVICE_DEMAND_START, odd.lVal);
+            }
+            else
+            {
+                ASSERT_EQ(untouched, odd.llVal) << type;
+                ASSERT_EQ(untouched, good.llVal) << type;
+            }
+        }
     }
 }
 } // namespace
