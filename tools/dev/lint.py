@@ -1,4 +1,4 @@
-"""Checks that need no compiler: layout, includes that point the wrong way, paths of somebody's machine."""
+"""Checks that need no compiler: layout, direction of includes, paths of somebody's machine, names of tests in documents."""
 import re
 import subprocess
 from build import ROOT
@@ -62,8 +62,20 @@ def machine_paths():
     return wrong
 
 
+def named_tests():
+    """Tests that the list of known behaviours names and that are not there (any more)."""
+    there = set()
+    for name in tracked('tests/*.cpp'):
+        text = (ROOT / name).read_text(errors='replace')
+        there |= {f'{suite}.{test}' for suite, test in re.findall(r'^TEST(?:_F)?\(\s*(\w+),\s*(\w+)\s*\)', text, re.M)}
+    listed = 'docs/known-behaviours.md'
+    named = re.findall(r'`([A-Z]\w+\.[A-Z]\w{11,})`', (ROOT / listed).read_text())
+    return [f'{listed}: {name}' for name in named if name not in there]
+
+
 CHECKS = {
     'layout follows .clang-format': layout,
     'includes point one way': includes,
     'no path of a machine': machine_paths,
+    'tests named in the documents exist': named_tests,
 }
