@@ -50,6 +50,6 @@ namespace PathText
 [[nodiscard]] std::wstring FileName(const std::wstring& path);
 // The file name without its extension.
 [[nodiscard]] std::wstring BaseName(const std::wstring& path);
-// Which folder is the install folder; `registryPath` is asked only if the executable runs from the system folder.
+// Whether the executable's folder holds the system folder's text, in any case. An unknown (empty) one counts as no.
 [[nodiscard]] bool RunsFromSystemFolder(const std::wstring& executableFolder, const std::wstring& systemFolder);
 } // namespace PathText

@@ -161,11 +161,7 @@ DWORD RegistryKey::OpenAt(HKEY root, std::wstring displayName, std::wstring subk
 
 void RegistryKey::Close() noexcept
 {
-    if (handle != nullptr)
-    {
-        RegCloseKey(handle);
-        handle = nullptr;
-    }
+    const UniqueRegistryHandle closing(std::exchange(handle, nullptr));
     name.clear();
     valueBuffer.reset();
     valueBufferSize = 0;

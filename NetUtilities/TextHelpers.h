@@ -17,6 +17,6 @@
 const wchar_t* Ipv4ToText(std::uint32_t address, std::wstring& out);
 // Text of the 16 bytes of an IPv6 address. Returns `out`'s characters.
 const wchar_t* Ipv6ToText(const std::uint8_t (&bytes)[16], std::wstring& out);
-// Strict: four decimal parts and nothing behind them. The address is in network byte order. False for anything else,
+// Strict: four decimal parts; text behind them is not looked at. Network byte order. False for anything else,
 // told to the file logger if reportError is set and the text is not empty.
 [[nodiscard]] bool TextToIpv4(const std::wstring& text, std::uint32_t& out, bool reportError);
