@@ -25,9 +25,8 @@
     case ERROR_SERVICE_EXISTS:
         return L"The specified service already exists in this database";
     case ERROR_DUPLICATE_SERVICE_NAME:
-        return L"The display name already exists in the service control manager database either as a service name or "
-               L"as "
-               L"another display name";
+        return L"The display name already exists in the service control manager database either as a service name "
+               L"or as another display name";
     default:
         return std::nullopt;
     }

@@ -10,7 +10,14 @@
 
 CServiceModule _Module;
 
-CComObjectMapEntry ObjectMap[] = {OBJECT_ENTRY(CLSID_DNS, CDNS) OBJECT_ENTRY(CLSID_NetRegistry, CNetRegistry)
-                                      OBJECT_ENTRY(CLSID_ServiceControlEx, CServiceControlEx)
-                                          OBJECT_ENTRY(CLSID_VNIC, CVNIC) OBJECT_ENTRY(CLSID_NetMonSv, CNetMonSv)
-                                              OBJECT_ENTRY(CLSID_SimpleSink, CSimpleSink) OBJECT_ENTRY_END()};
+// clang-format off
+CComObjectMapEntry ObjectMap[] = {
+    OBJECT_ENTRY(CLSID_DNS, CDNS)
+    OBJECT_ENTRY(CLSID_NetRegistry, CNetRegistry)
+    OBJECT_ENTRY(CLSID_ServiceControlEx, CServiceControlEx)
+    OBJECT_ENTRY(CLSID_VNIC, CVNIC)
+    OBJECT_ENTRY(CLSID_NetMonSv, CNetMonSv)
+    OBJECT_ENTRY(CLSID_SimpleSink, CSimpleSink)
+    OBJECT_ENTRY_END()
+};
+// clang-format on
