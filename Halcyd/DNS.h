@@ -36,8 +36,8 @@ public:
     COM_INTERFACE_ENTRY(IDispatch)
     END_COM_MAP()
 
-    // Session. A second connect replaces the references. When only the adapter is not found (0x80041017, also for a
-    // GUID that two adapters report), the session is open all the same.
+    // Session. A second connect replaces the references, also when it fails on the way. When only the adapter is not
+    // found (0x80041017, also for a GUID that two adapters report), the session is open all the same.
     STDMETHODIMP ConnectNetCfg(BSTR bstrGuid) noexcept override;
     STDMETHODIMP DisconnectNetCfg() noexcept override;
 
@@ -63,13 +63,13 @@ public:
 
     // The WMI instance path of an adapter: from the table of the process, else by looking through all adapters. A null
     // `path` makes it a check that exactly one adapter has the GUID. The caller frees the path.
-    HRESULT GetInstancePathByGuid(const wchar_t* guid, wchar_t** path);
+    [[nodiscard]] HRESULT GetInstancePathByGuid(const wchar_t* guid, wchar_t** path);
 
     // A new BSTR with the path of the instance of that number; the caller frees it. Null if memory ran out.
-    static BSTR BuildInstancePath(const VARIANT* index);
+    [[nodiscard]] static BSTR BuildInstancePath(const VARIANT* index);
 
     // "ReturnValue" of a WMI method: 0, or the method's own result. An unreadable value counts as 0.
-    static HRESULT CheckWMIReturnCode(IWbemClassObject* outParams);
+    [[nodiscard]] static HRESULT CheckWMIReturnCode(IWbemClassObject* outParams);
 
 private:
     // One input property of a WMI method.

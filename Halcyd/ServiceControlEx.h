@@ -49,29 +49,30 @@ public:
 
     // OpenService; when that is refused because the descriptor has no entry for the service account, the descriptor is
     // amended and the open tried once more. Null with the last error of the open. The caller closes the handle.
-    static SC_HANDLE MyOpenService(SC_HANDLE scm, const wchar_t* name, DWORD access);
+    [[nodiscard]] static SC_HANDLE MyOpenService(SC_HANDLE scm, const wchar_t* name, DWORD access);
 
     // Non-zero on success. `token` needs TOKEN_ADJUST_PRIVILEGES.
-    static int SetPrivilege(HANDLE token, const wchar_t* name, int enable);
+    [[nodiscard]] static int SetPrivilege(HANDLE token, const wchar_t* name, int enable);
 
     // The active dependents of `service`. Null and 0 when there are none. Returns 0 or the error.
-    static DWORD MyEnumDependentServices(SC_HANDLE scm, SC_HANDLE service, ServiceList& list, DWORD& count);
+    [[nodiscard]] static DWORD MyEnumDependentServices(SC_HANDLE scm, SC_HANDLE service, ServiceList& list,
+                                                       DWORD& count);
 
     // Stops the `count` services of `list`, then `service`. Always 0.
     static DWORD MyStopServices(SC_HANDLE scm, SC_HANDLE service, const ServiceList& list, DWORD count);
 
     // Starts `service`, then those of `list` from the last to the first. A missing list with a count is passed over.
     // Returns 0, or 1460 if a service did not come up in time.
-    static DWORD MyRestartServices(SC_HANDLE scm, SC_HANDLE service, ServiceList list, DWORD count);
+    [[nodiscard]] static DWORD MyRestartServices(SC_HANDLE scm, SC_HANDLE service, ServiceList list, DWORD count);
 
     // True if the service's descriptor lacks an entry for `entity`; false also when the descriptor cannot be read.
-    static bool CheckServiceSecurity(SC_HANDLE scm, const wchar_t* name, const wchar_t* entity);
+    [[nodiscard]] static bool CheckServiceSecurity(SC_HANDLE scm, const wchar_t* name, const wchar_t* entity);
 
     // Appends `sddl` to the service's DACL. Non-zero on success.
-    static int AmendServiceSecurity(SC_HANDLE scm, const wchar_t* name, const wchar_t* sddl);
+    [[nodiscard]] static int AmendServiceSecurity(SC_HANDLE scm, const wchar_t* name, const wchar_t* sddl);
 
     // The service's DACL as text. Returns 0 or the error.
-    static DWORD GetServiceSddl(SC_HANDLE scm, const wchar_t* name, std::wstring& out);
+    [[nodiscard]] static DWORD GetServiceSddl(SC_HANDLE scm, const wchar_t* name, std::wstring& out);
 
 private:
     static DWORD UpdateService(SC_HANDLE scm, SC_HANDLE service, LONG mode, DWORD startupState);

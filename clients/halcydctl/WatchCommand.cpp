@@ -63,7 +63,7 @@ public:
         else
         {
             session.console.Lines(AdapterTable(adapters, session.console.Width()));
-            Say("ended", std::to_wstring(eventCount) + L" events.");
+            Say("ended", std::to_wstring(eventCount) + (eventCount == 1 ? L" event." : L" events."));
         }
         return ExitCode::Success;
     }

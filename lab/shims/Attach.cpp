@@ -27,6 +27,7 @@ extern "C" void LabShimAttach()
     {
         lab::shim::HookControlHandler();
         lab::shim::HookPowerStatus();
+        lab::shim::HookServiceManager();
         if (lab::FlagField(*lab::Machine::Attach().Snapshot(), "hooks", false))
             lab::shim::HookPlatformCalls();
     }

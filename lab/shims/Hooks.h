@@ -12,6 +12,10 @@ void HookControlHandler();
 // Answers GetSystemPowerStatus from the state's "power". Always on; without that member the platform answers.
 void HookPowerStatus();
 
+// Answers for dependents and descriptors of the services that the state's "services" names. Always on; other services
+// are the platform's.
+void HookServiceManager();
+
 // Journals the program's other platform calls and lets fault rules fail them. Only where the state says
 // "hooks": true when the program starts.
 void HookPlatformCalls();
