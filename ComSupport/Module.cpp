@@ -85,11 +85,7 @@ HRESULT CComModule::Init(CComObjectMapEntry* objectMap, HINSTANCE instance, cons
 
 void CComModule::Term() noexcept
 {
-    if (m_objectMap == nullptr)
-    {
-        return;
-    }
-    for (CComObjectMapEntry* entry = m_objectMap; entry->clsid != nullptr; ++entry)
+    for (CComObjectMapEntry* entry = m_objectMap; entry != nullptr && entry->clsid != nullptr; ++entry)
     {
         if (entry->classObject != nullptr)
         {
@@ -99,6 +95,38 @@ void CComModule::Term() noexcept
         entry->objectMain(false);
     }
     m_objectMap = nullptr;
+    // Last: objects that went with their factories took their entries out of the table.
+    if (IGlobalInterfaceTable* const table = m_interfaceTable.exchange(nullptr))
+    {
+        table->Release();
+    }
+}
+
+HRESULT CComModule::GetGITPtr(IGlobalInterfaceTable** out) noexcept
+{
+    IGlobalInterfaceTable* table = m_interfaceTable.load();
+    if (table == nullptr)
+    {
+        IGlobalInterfaceTable* made = nullptr;
+        const HRESULT result = ::CoCreateInstance(CLSID_StdGlobalInterfaceTable, nullptr, CLSCTX_INPROC_SERVER,
+                                                  __uuidof(IGlobalInterfaceTable), reinterpret_cast<void**>(&made));
+        if (FAILED(result))
+        {
+            *out = nullptr;
+            return result;
+        }
+        if (m_interfaceTable.compare_exchange_strong(table, made))
+        {
+            table = made;
+        }
+        else
+        {
+            made->Release(); // another thread was faster: `table` is its pointer now
+        }
+    }
+    table->AddRef();
+    *out = table;
+    return S_OK;
 }
 
 LONG CComModule::Lock() noexcept

@@ -11,6 +11,8 @@
 
 #include <objbase.h>
 
+#include <atomic>
+
 struct CComCategoryEntry;
 
 using CComCreatorFunction = HRESULT(WINAPI*)(void* context, REFIID iid, void** result);
@@ -79,6 +81,10 @@ public:
     HRESULT RegisterServer(BOOL registerTypeLibrary) noexcept;
     HRESULT UnregisterServer(BOOL unregisterTypeLibrary) noexcept;
 
+    // The process's Global Interface Table, with a reference for the caller. The module keeps one of its own from the
+    // first call to Term. Any thread in an apartment.
+    HRESULT GetGITPtr(IGlobalInterfaceTable** out) noexcept;
+
     [[nodiscard]] HINSTANCE GetModuleInstance() const noexcept { return m_instance; }
 
     static GUID m_libid; // the module's type library
@@ -87,6 +93,7 @@ private:
     CComObjectMapEntry* m_objectMap = nullptr;
     HINSTANCE m_instance = nullptr;
     LONG m_lockCount = 0;
+    std::atomic<IGlobalInterfaceTable*> m_interfaceTable{nullptr}; // owned
 };
 
 // Reads the module's path. 0x8007007A when it does not fit, the last error as an HRESULT when there is none.

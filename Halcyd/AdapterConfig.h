@@ -86,7 +86,8 @@ private:
     ComPointer<INetCfgLock> CurrentINetCfgLock(INetCfg* config);
     HRESULT AcquireLockWithRetries(INetCfgLock* lock, const wchar_t* clientDescription, std::wstring& lockHolder);
     HRESULT LookAtLockOnce(INetCfgLock* lock, const wchar_t* clientDescription, std::wstring& lockHolder);
-    HRESULT ReleaseLock(INetCfg* config);
+    // Close's result: the release's, or `uninitialized` when there is no lock interface to release it through.
+    HRESULT ReleaseLock(INetCfg* config, HRESULT uninitialized);
 
     void DisableProtocol(INetCfg* config, std::wstring_view protocolId, std::wstring_view adapterNotToUnbind,
                          int bPppDevice);

@@ -251,9 +251,15 @@ void AdapterConfig::RestoreProtocol(std::wstring_view protocolId)
     }
     std::wstring guid;
     FILETIME lastWrite{};
-    // Ends at ERROR_NO_MORE_ITEMS; any other failure gives no name either, so there is nothing to go on with.
-    for (DWORD index = 0; protocolKey.EnumSubkey(index, guid, lastWrite) == ERROR_SUCCESS; ++index)
+    DWORD error = ERROR_SUCCESS;
+    // Only the end of the list ends the walk. A subkey that cannot be named costs its own binding and no other: the
+    // record goes as a whole afterwards.
+    for (DWORD index = 0; (error = protocolKey.EnumSubkey(index, guid, lastWrite)) != ERROR_NO_MORE_ITEMS; ++index)
     {
+        if (error != ERROR_SUCCESS)
+        {
+            continue;
+        }
         LogFormat(Source, 4, L"checking binding with lower component of {}", guid);
         if (!WasDisabledByUs(protocolKey, guid))
         {
@@ -285,12 +291,8 @@ HRESULT AdapterConfig::GetBindPath(std::wstring_view protocolId, const std::wstr
     path = nullptr;
     lowerComponentId.clear();
     ComPointer<INetCfg> config = CurrentINetCfg();
-    if (config == nullptr)
-    {
-        return E_POINTER;
-    }
     ComPointer<INetCfgComponent> protocol;
-    HRESULT result = config->FindComponent(std::wstring(protocolId).c_str(), &protocol);
+    HRESULT result = config != nullptr ? config->FindComponent(std::wstring(protocolId).c_str(), &protocol) : E_POINTER;
     if (result == S_OK && protocol != nullptr)
     {
         const ComPointer<IEnumNetCfgBindingPath> paths = PathsBelow(protocol);
@@ -310,7 +312,10 @@ HRESULT AdapterConfig::GetBindPath(std::wstring_view protocolId, const std::wstr
         }
         protocol = nullptr;
     }
-    LogFormat(Source, 4, L"INetCfg interface ref count: {} (GetBindPath-exit)", ReleaseAndCount(config));
+    if (config != nullptr)
+    {
+        LogFormat(Source, 4, L"INetCfg interface ref count: {} (GetBindPath-exit)", ReleaseAndCount(config));
+    }
     if (path == nullptr)
     {
         LogFormat(Source, 3, L"\tdid not find a match for the binding {} -> {}", protocolId, lowerComponentGuid);
@@ -331,11 +336,12 @@ void AdapterConfig::DeleteOldBindingInfo()
         }
         std::wstring guid;
         FILETIME lastWrite{};
+        DWORD listed = ERROR_SUCCESS;
         // Required: goes on until no subkey is left, without a guard against one that cannot be deleted. Giving up
         // would leave a record behind that enables bindings at some later start.
-        while (key.EnumSubkey(0, guid, lastWrite) == ERROR_SUCCESS)
+        while ((listed = key.EnumSubkey(0, guid, lastWrite)) != ERROR_NO_MORE_ITEMS)
         {
-            if (key.DeleteKey(guid) == ERROR_SUCCESS)
+            if (listed == ERROR_SUCCESS && key.DeleteKey(guid) == ERROR_SUCCESS)
             {
                 LogFormat(Source, 4, L"deleted registry value {}", guid);
             }

@@ -2,6 +2,7 @@
 
 #include <ctime>
 
+#include "ComSupport/Module.h"
 #include "Halcyd/AdapterConfig.h"
 #include "Halcyd/BindingRules.h"
 #include "Halcyd/ReferenceCount.h"
@@ -17,11 +18,13 @@ constexpr DWORD LockWaitMilliseconds = 5000;
 constexpr DWORD RetryPauseMilliseconds = 1000;
 constexpr int MaximumRetries = 10;
 
-// Made anew for each use: it is the one table of the process behind every pointer.
+// The module's reference to the process's table; without a module one that is made for this use.
 ComPointer<IGlobalInterfaceTable> InterfaceTable()
 {
     ComPointer<IGlobalInterfaceTable> table;
-    const HRESULT result = table.CreateInstance(CLSID_StdGlobalInterfaceTable, nullptr, CLSCTX_INPROC_SERVER);
+    const HRESULT result = _pModule != nullptr
+                               ? _pModule->GetGITPtr(&table)
+                               : table.CreateInstance(CLSID_StdGlobalInterfaceTable, nullptr, CLSCTX_INPROC_SERVER);
     return SUCCEEDED(result) ? table : ComPointer<IGlobalInterfaceTable>();
 }
 } // namespace
@@ -230,7 +233,11 @@ HRESULT AdapterConfig::LookAtLockOnce(INetCfgLock* lock, const wchar_t* clientDe
         {
             LogErrorSource(Source, static_cast<std::uint32_t>(result), L"Acquire INetCfgLock WriteLock failed");
             lockHolder = name ? name.get() : lockHolder;
-            LogMessage(Source, 2, BindingRules::LockResultLine(result, lockHolder, LockWaitMilliseconds));
+            const std::wstring line = BindingRules::LockResultLine(result, lockHolder, LockWaitMilliseconds);
+            if (!line.empty())
+            {
+                LogMessage(Source, 2, line);
+            }
         }
     }
 
@@ -267,7 +274,7 @@ HRESULT AdapterConfig::Close()
         }
         else
         {
-            result = ReleaseLock(config);
+            result = ReleaseLock(config, result);
         }
         LogFormat(Source, 4, L"INetCfg interface ref count: {} (Close-pnc1)", ReleaseAndCount(config));
     }
@@ -279,13 +286,13 @@ HRESULT AdapterConfig::Close()
     return result;
 }
 
-HRESULT AdapterConfig::ReleaseLock(INetCfg* config)
+HRESULT AdapterConfig::ReleaseLock(INetCfg* config, HRESULT uninitialized)
 {
     ComPointer<INetCfgLock> lock = CurrentINetCfgLock(config);
     if (lock == nullptr)
     {
         LogMessage(Source, 2, L"INetCfg could not get INetCfgLock interface(Close)");
-        return S_OK;
+        return uninitialized;
     }
     const HRESULT result = lock->ReleaseWriteLock();
     if (FAILED(result))

@@ -27,14 +27,15 @@ bool HasCom(const ComApartment& apartment)
     return apartment.Initialized() || apartment.Result() == RPC_E_CHANGED_MODE;
 }
 
-// Starts `body` on a thread of its own and returns when that has ended. All four methods return S_OK whatever happens;
-// a thread that cannot be started is only traced.
-template <class Thread, class Body>
-void RunToItsEnd(Body&& body)
+// Starts `body` on a thread of its own, calls `started`, and returns when the thread has ended. All four methods return
+// S_OK whatever happens; a thread that cannot be started is only traced.
+template <class Thread, class Body, class Started>
+void RunToItsEnd(Body&& body, Started&& started)
 {
     try
     {
         Thread thread(std::forward<Body>(body));
+        started();
         if (thread.joinable())
         {
             thread.join();
@@ -62,7 +63,7 @@ STDMETHODIMP CNetMonSv::DisableIpBindings(BSTR bstrAdapterNameNotToUnbind, long 
             info->adapterNotToUnbind = bstrAdapterNameNotToUnbind;
             info->bPppDevice = static_cast<int>(bPppDevice);
             // Joined here: a call that got the write lock stays open until another call restores the bindings.
-            RunToItsEnd<std::jthread>([this, &info] { DisableIpBindingsThread(std::move(info)); });
+            RunToItsEnd<std::jthread>([this, &info] { DisableIpBindingsThread(std::move(info)); }, [] {});
             return S_OK;
         }));
     return S_OK;
@@ -134,7 +135,7 @@ STDMETHODIMP CNetMonSv::RestoreIpBindings()
         {
             const ScopeTrace scope{Log::Source::NetMon, AlwaysOnTraceFlag};
             MonitorTrace::Note(L"starting thread to restore ip bindings");
-            RunToItsEnd<std::jthread>([this] { RestoreIpBindingsThread(); });
+            RunToItsEnd<std::jthread>([this] { RestoreIpBindingsThread(); }, [] {});
             return S_OK;
         }));
     return S_OK;
@@ -147,8 +148,8 @@ STDMETHODIMP CNetMonSv::RestoreIpBindingsSync()
         {
             const ScopeTrace scope{Log::Source::NetMon, AlwaysOnTraceFlag};
             MonitorTrace::Note(L"starting thread to restore ip bindings");
-            MonitorTrace::Note(L"waiting for the thread to finish");
-            RunToItsEnd<std::thread>([this] { RestoreIpBindingsThread(); });
+            RunToItsEnd<std::thread>([this] { RestoreIpBindingsThread(); },
+                                     [] { MonitorTrace::Note(L"waiting for the thread to finish"); });
             return S_OK;
         }));
     return S_OK;
