@@ -1,4 +1,4 @@
-// fail, slow.
+// fail, slow, kill.
 #include "lab/labctl/Verbs.h"
 #include "lab/state/Model.h"
 #include "lab/state/Text.h"
@@ -101,7 +101,8 @@ Json ToJson(const FaultRule& rule)
 {
     return {{"call", rule.call},       {"nth", rule.nth},
             {"times", rule.times},     {"code", rule.code ? Json(Hex32(*rule.code)) : Json(nullptr)},
-            {"delayMs", rule.delayMs}, {"hits", rule.hits}};
+            {"delayMs", rule.delayMs}, {"hits", rule.hits},
+            {"kill", rule.kill}};
 }
 
 struct Options
@@ -128,7 +129,9 @@ void ShowRules(bool json)
                       << (rule.times == 0   ? " and all after it"
                           : rule.times == 1 ? ""
                                             : " and " + std::to_string(rule.times - 1) + " more")
-                      << (rule.code ? " fails with " + Hex32(*rule.code) : " succeeds")
+                      << (rule.kill   ? std::string{" ends its process"}
+                          : rule.code ? " fails with " + Hex32(*rule.code)
+                                      : " succeeds")
                       << (rule.delayMs != 0 ? " after " + std::to_string(rule.delayMs) + " ms" : "") << "; "
                       << rule.hits << " calls so far\n";
         }
@@ -189,6 +192,21 @@ void AddFaultVerbs(CLI::App& app)
         {
             Machine::Attach().AddFault(
                 {CallName(slowOptions->call), slowOptions->nth, slowOptions->times, std::nullopt, slowOptions->delay});
+        });
+
+    CLI::App* kill = app.add_subcommand("kill", "End the process that makes the Nth call of CALL, as a crash would");
+    auto killOptions = std::make_shared<Options>();
+    kill->add_option("call", killOptions->call, "As for 'fail'; * for any call")->required();
+    kill->add_option("--nth", killOptions->nth, "The call at whose entry it ends, from now; 1 by default")
+        ->check(CLI::PositiveNumber);
+    kill->callback(
+        [killOptions]
+        {
+            FaultRule rule;
+            rule.call = CallName(killOptions->call);
+            rule.nth = killOptions->nth;
+            rule.kill = true;
+            Machine::Attach().AddFault(rule);
         });
 }
 

@@ -13,7 +13,7 @@ void AddStateVerbs(CLI::App& app);   // load, install, uninstall, dump, get, set
 void AddAdapterVerbs(CLI::App& app); // cable, adapter, dhcp, address
 void AddEventVerbs(CLI::App& app);   // event, events, storm
 void AddJournalVerbs(CLI::App& app); // journal
-void AddFaultVerbs(CLI::App& app);   // fail, slow
+void AddFaultVerbs(CLI::App& app);   // fail, slow, kill
 void AddControlVerbs(CLI::App& app); // control, power, hooks
 void AddNetCfgVerbs(CLI::App& app);  // bindings, lock
 

@@ -178,7 +178,8 @@ IEnumNetCfgBindingInterface* MakeInterfaceEnumerator(SharedSession session, Shar
 {
     const std::size_t count = session->model.paths[path].lower.size();
     return new Enumerator<IEnumNetCfgBindingInterface, INetCfgBindingInterface>{
-        "IEnumNetCfgBindingInterface::Next", count, [session, lock, path](std::size_t depth) -> INetCfgBindingInterface*
+        "IEnumNetCfgBindingInterface::Next", "IEnumNetCfgBindingInterface::Reset", count,
+        [session, lock, path](std::size_t depth) -> INetCfgBindingInterface*
         { return new InterfaceObject{session, lock, path, depth}; }};
 }
 

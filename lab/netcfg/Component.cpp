@@ -142,7 +142,7 @@ IEnumNetCfgBindingPath* MakePathEnumerator(SharedSession session, SharedLock loc
 {
     const std::size_t count = paths.size();
     return new Enumerator<IEnumNetCfgBindingPath, INetCfgBindingPath>{
-        "IEnumNetCfgBindingPath::Next", count,
+        "IEnumNetCfgBindingPath::Next", "IEnumNetCfgBindingPath::Reset", count,
         [session = std::move(session), lock = std::move(lock), paths = std::move(paths)](std::size_t i)
         { return MakePath(session, lock, paths[i]); }};
 }

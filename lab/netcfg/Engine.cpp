@@ -30,7 +30,13 @@ public:
     // Any thread of the process may hold a pointer to the object itself: the Global Interface Table hands it on as it
     // is.
     Engine() { CoCreateFreeThreadedMarshaler(static_cast<INetCfg*>(this), &m_marshaler); }
-    ~Engine() override { m_marshaler->Release(); }
+    // The journal tells how many of the stand-in's objects in this process are left.
+    ~Engine() override
+    {
+        m_marshaler->Release();
+        Call call{"CNetCfg::Gone"};
+        call.Out("objects", lab::wmi::moduleReferences.load() - 1).Result(S_OK);
+    }
 
     STDMETHODIMP QueryInterface(REFIID id, void** object) override
     {

@@ -15,8 +15,8 @@ class Enumerator : public lab::wmi::ComObject<Interface>
 public:
     using Make = std::function<Item*(std::size_t)>;
 
-    Enumerator(const char* nextName, std::size_t count, Make make)
-        : m_nextName(nextName), m_count(count), m_make(std::move(make))
+    Enumerator(const char* nextName, const char* resetName, std::size_t count, Make make)
+        : m_nextName(nextName), m_resetName(resetName), m_count(count), m_make(std::move(make))
     {
     }
 
@@ -50,8 +50,13 @@ public:
     }
     STDMETHODIMP Reset() override
     {
+        Call call{m_resetName};
+        if (const auto code = call.Fault())
+        {
+            return call.Result(static_cast<HRESULT>(*code));
+        }
         m_position = 0;
-        return S_OK;
+        return call.Result(S_OK);
     }
     STDMETHODIMP Clone(Interface** copy) override
     {
@@ -59,7 +64,7 @@ public:
         {
             return E_POINTER;
         }
-        auto* const other = new Enumerator{m_nextName, m_count, m_make};
+        auto* const other = new Enumerator{m_nextName, m_resetName, m_count, m_make};
         other->m_position = m_position;
         *copy = other;
         return S_OK;
@@ -67,6 +72,7 @@ public:
 
 private:
     const char* m_nextName;
+    const char* m_resetName;
     std::size_t m_count;
     std::size_t m_position = 0;
     Make m_make;

@@ -3,6 +3,7 @@
 //
 // An event { "channel": "control", "type": "send", "id": N, "code": C, "eventType": T, "data": "hex" } is delivered;
 // { "channel": "control", "type": "done", "id": N, "result": R } tells that the handler has returned.
+// { "channel": "control", "type": "reference", "id": N, "class": "{...}" } is answered by ObjectReference.cpp.
 #include "lab/shims/Hooks.h"
 #include "lab/shims/ImportTable.h"
 #include "lab/shims/Shim.h"
@@ -68,8 +69,13 @@ void Listen(lab::EventCursor cursor)
     {
         for (const Json& event : cursor.Next(INFINITE))
         {
-            if (lab::TextField(event, "channel") == "control" && lab::TextField(event, "type") == "send")
+            if (lab::TextField(event, "channel") != "control")
+                continue;
+            const std::string type = lab::TextField(event, "type");
+            if (type == "send")
                 Deliver(event);
+            else if (type == "reference")
+                lab::shim::AnswerWithReference(event);
         }
     }
 }

@@ -2,6 +2,8 @@
 // import of the service, so it is there before the service's first instruction.
 #pragma once
 
+#include "lab/state/Machine.h"
+
 namespace lab::shim
 {
 
@@ -19,5 +21,12 @@ void HookServiceManager();
 // Journals the program's other platform calls and lets fault rules fail them. Only where the state says
 // "hooks": true when the program starts.
 void HookPlatformCalls();
+
+// Journals the program's calls to the Global Interface Table and lets fault rules fail them. Part of
+// HookPlatformCalls.
+void HookInterfaceTable();
+
+// Hands a client in another process a reference to an object of one of the program's classes; see ObjectReference.cpp.
+void AnswerWithReference(const Json& event);
 
 } // namespace lab::shim

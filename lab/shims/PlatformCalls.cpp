@@ -219,6 +219,7 @@ void HookSecurityAndServices()
 void HookRegistry()
 {
     HOOK(RegOpenKeyExW, Code);
+    HOOK(RegCloseKey, Code);
     HOOK(RegCreateKeyExW, Code);
     HOOK(RegOpenCurrentUser, Code);
     HOOK(RegQueryValueExW, Code);
@@ -237,6 +238,8 @@ void HookCom()
 {
     HOOK(CoInitializeEx, Code);
     HOOK(CoInitializeSecurity, Code);
+    // Below the hook: a rule for CoCreateInstance comes first.
+    lab::shim::HookInterfaceTable();
     HOOK(CoCreateInstance, Code);
     HOOK(CoGetClassObject, Code);
     HOOK(CoRegisterClassObject, Code);

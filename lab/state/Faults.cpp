@@ -11,6 +11,7 @@ namespace
 {
 
 constexpr std::string_view driverCall = "QueryOid";
+constexpr std::uint32_t killedResult = 0xDEAD; // of the call in the journal, and the exit code
 
 bool Matches(std::string_view pattern, std::string_view call) noexcept
 {
@@ -34,6 +35,16 @@ bool Applies(std::uint32_t hit, std::uint32_t nth, std::uint32_t times) noexcept
 
 std::optional<std::uint32_t> Machine::Fault(std::string_view call) noexcept
 {
+    return Decide(call, nullptr);
+}
+
+std::optional<std::uint32_t> Machine::Fault(std::string_view call, std::string_view detail) noexcept
+{
+    return DecideDetailed(call, detail, nullptr);
+}
+
+std::optional<std::uint32_t> Machine::Decide(std::string_view call, const Json& arguments) noexcept
+{
     SharedBlock& shared = *m_impl->shared;
     if (shared.ruleCount.load(std::memory_order_acquire) == 0)
     {
@@ -41,6 +52,7 @@ std::optional<std::uint32_t> Machine::Fault(std::string_view call) noexcept
     }
     std::optional<std::uint32_t> code;
     std::uint32_t delay = 0;
+    bool kills = false;
     for (SharedRule& rule : shared.rules)
     {
         if (rule.active.load(std::memory_order_acquire) == 0 || !Matches(rule.call, call))
@@ -50,6 +62,7 @@ std::optional<std::uint32_t> Machine::Fault(std::string_view call) noexcept
         if (Applies(rule.hits.fetch_add(1) + 1, rule.nth, rule.times))
         {
             delay += rule.delayMs;
+            kills |= rule.kills != 0;
             if (rule.fails != 0 && !code)
             {
                 code = rule.code;
@@ -60,10 +73,16 @@ std::optional<std::uint32_t> Machine::Fault(std::string_view call) noexcept
     {
         Sleep(delay);
     }
+    if (kills)
+    {
+        Journal(call, arguments, killedResult);
+        TerminateProcess(GetCurrentProcess(), killedResult);
+    }
     return code;
 }
 
-std::optional<std::uint32_t> Machine::Fault(std::string_view call, std::string_view detail) noexcept
+std::optional<std::uint32_t> Machine::DecideDetailed(std::string_view call, std::string_view detail,
+                                                     const Json& arguments) noexcept
 try
 {
     if (m_impl->shared->ruleCount.load(std::memory_order_acquire) == 0)
@@ -72,8 +91,8 @@ try
     }
     std::string exact{call};
     exact.append("(").append(detail).append(")");
-    const auto general = Fault(call);
-    const auto special = Fault(exact);
+    const auto general = Decide(call, arguments);
+    const auto special = Decide(exact, arguments);
     return general ? general : special;
 }
 catch (const std::bad_alloc&)
@@ -84,7 +103,7 @@ catch (const std::bad_alloc&)
 std::optional<std::uint32_t> Call::Fault(const wchar_t* detail) noexcept
 try
 {
-    return Noted(m_machine.Fault(m_name, Utf8(detail)));
+    return Noted(m_machine.DecideDetailed(m_name, Utf8(detail), m_arguments));
 }
 catch (const std::bad_alloc&)
 {
@@ -145,6 +164,10 @@ void Machine::AddFault(const FaultRule& rule)
     const Impl::Lock lock{*m_impl};
     if (rule.call.compare(0, driverCall.size(), driverCall) == 0)
     {
+        if (rule.kill)
+        {
+            throw std::runtime_error("the driver's calls cannot end a process");
+        }
         m_impl->AddDriverFault(rule);
         return;
     }
@@ -159,6 +182,7 @@ void Machine::AddFault(const FaultRule& rule)
         slot.times = rule.times;
         slot.fails = rule.code ? 1 : 0;
         slot.code = rule.code.value_or(0);
+        slot.kills = rule.kill ? 1 : 0;
         slot.delayMs = rule.delayMs;
         slot.hits.store(0);
         slot.active.store(1, std::memory_order_release);
@@ -177,7 +201,7 @@ std::vector<FaultRule> Machine::Faults()
         if (slot.active.load() != 0)
         {
             rules.push_back({slot.call, slot.nth, slot.times, slot.fails != 0 ? std::optional{slot.code} : std::nullopt,
-                             slot.delayMs, slot.hits.load()});
+                             slot.delayMs, slot.hits.load(), slot.kills != 0});
         }
     }
     for (const LabDriverFault& slot : m_impl->table->faults)

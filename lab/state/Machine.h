@@ -67,8 +67,9 @@ private:
 };
 
 // A rule: calls whose name matches `call` are counted; call number `nth` and the `times - 1` after it (times 0: all
-// from there on) wait `delayMs` and then fail with `code`. Without `code` they only wait.
-// `call` is a name such as "IWbemServices::ExecQuery"; a final '*' matches any rest.
+// from there on) wait `delayMs` and then fail with `code`. Without `code` they only wait. With `kill` the process of
+// the call ends there instead, as in a crash: the call has not done anything, its journal line has the result 0xDEAD.
+// `call` is a name such as "IWbemServices::ExecQuery"; a final '*' matches any rest, a lone '*' every call.
 // Driver queries are named "QueryOid", "QueryOid:0x00010107", each with "@{GUID}" behind it for one adapter; their
 // code is an NTSTATUS, and the driver counts them.
 struct FaultRule
@@ -79,6 +80,7 @@ struct FaultRule
     std::optional<std::uint32_t> code;
     std::uint32_t delayMs = 0;
     std::uint32_t hits = 0; // so far; output only
+    bool kill = false;      // not for the driver's calls
 };
 
 // A reader's place in the journal. A fresh one stands at the last clear.
@@ -134,6 +136,11 @@ public:
 
 private:
     friend class EventCursor;
+    friend class Call;
+    // Fault() with the call's arguments, which go to its journal line if the process ends at it.
+    std::optional<std::uint32_t> Decide(std::string_view call, const Json& arguments) noexcept;
+    std::optional<std::uint32_t> DecideDetailed(std::string_view call, std::string_view detail,
+                                                const Json& arguments) noexcept;
     struct Impl;
     std::unique_ptr<Impl> m_impl;
 };
@@ -173,7 +180,7 @@ public:
         return *this;
     }
     [[nodiscard]] bool Journalled() const noexcept { return m_journal; }
-    [[nodiscard]] std::optional<std::uint32_t> Fault() noexcept { return Noted(m_machine.Fault(m_name)); }
+    [[nodiscard]] std::optional<std::uint32_t> Fault() noexcept { return Noted(m_machine.Decide(m_name, m_arguments)); }
     [[nodiscard]] std::optional<std::uint32_t> Fault(const wchar_t* detail) noexcept;
 
     template <class T>

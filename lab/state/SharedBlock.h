@@ -8,7 +8,7 @@ namespace lab
 {
 
 constexpr std::uint32_t sharedMagic = 0x5348424C;
-constexpr std::uint32_t sharedLayout = 2;
+constexpr std::uint32_t sharedLayout = 3;
 // Room of the two lists. Their places count on for ever; a place lies in its file at the place modulo the room, so the
 // newest lines overwrite the oldest.
 constexpr std::uint64_t eventsRoom = 8ULL << 20;
@@ -22,6 +22,7 @@ struct SharedRule
     std::uint32_t nth;
     std::uint32_t times;
     std::uint32_t fails;
+    std::uint32_t kills;
     std::uint32_t code;
     std::uint32_t delayMs;
     std::atomic<std::uint32_t> hits;

@@ -230,6 +230,23 @@ TEST_F(LabShimTest, WithTheSwitchEveryPlatformCallFailsInItsOwnWay)
                                     "CoInitializeEx 0x80010106", "CoTaskMemAlloc 0", "LoadLibraryW 0 126"}));
 }
 
+TEST_F(LabShimTest, AProcessKilledAtItsThirdCallHasMadeTwo)
+{
+    Change([](lab::Json& state) { state["hooks"] = true; });
+    lab::FaultRule rule;
+    rule.call = "*";
+    rule.nth = 3;
+    rule.kill = true;
+    machine.AddFault(rule);
+    static_cast<void>(Run(L"calls"));
+    EXPECT_EQ(Journalled("CreateEventW").size(), 1U);
+    EXPECT_EQ(Journalled("CreateFileW").size(), 1U);
+    const auto last = Journalled("RegOpenKeyExW");
+    ASSERT_EQ(last.size(), 1U);
+    EXPECT_EQ(last[0].value("result", ""), "0x0000DEAD");
+    EXPECT_TRUE(Journalled("CoInitializeEx").empty());
+}
+
 TEST_F(LabShimTest, WithTheSwitchAndNoRuleCallsSucceedAndAreJournalled)
 {
     Change([](lab::Json& state) { state["hooks"] = true; });

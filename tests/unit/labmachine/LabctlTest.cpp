@@ -5,12 +5,14 @@
 #include "lab/labctl/Sync.h"
 #include "lab/labctl/Verbs.h"
 #include "lab/netcfg/Model.h"
+#include "lab/netcfg/WriteLock.h"
 #include "lab/state/Model.h"
 #include "lab/state/Text.h"
 
 #include <algorithm>
 #include <fstream>
 #include <iostream>
+#include <map>
 #include <sstream>
 
 namespace lab::test
@@ -115,6 +117,50 @@ TEST_F(LabctlVerbs, FailTakesNamesAndNumbersAndListShowsHits)
     EXPECT_TRUE(TheMachine().Faults().empty());
     EXPECT_EQ(Labctl({"fail", "X", "--code", "E_NONSENSE"}).code, 1);
     EXPECT_EQ(Labctl({"fail", "QueryOid:OID_NONSENSE"}).code, 1);
+}
+
+TEST_F(LabctlVerbs, KillIsARuleThatEndsTheCallersProcess)
+{
+    EXPECT_EQ(Labctl({"kill", "INetCfg::Apply", "--nth", "4"}).code, 0);
+    EXPECT_EQ(Labctl({"fail", "list"}).out, "INetCfg::Apply: call 4 ends its process; 0 calls so far\n");
+    const std::vector<FaultRule> rules = TheMachine().Faults();
+    ASSERT_EQ(rules.size(), 1u);
+    EXPECT_TRUE(rules[0].kill);
+    EXPECT_EQ(Labctl({"kill", "QueryOid"}).code, 1); // the driver's calls are made for whoever asks
+}
+
+// What the tests of bindings rely on: another program changes bindings, and holds the lock for a time.
+TEST_F(LabctlVerbs, BindingsAreShownAndChanged)
+{
+    EXPECT_EQ(Labctl({"bindings", "set", "ms_tcpip", "eth0", "off"}).code, 0);
+    const auto states = []
+    {
+        std::map<std::string, bool> enabled;
+        for (const Json& path : Json::parse(Labctl({"bindings", "show", "--json"}).out))
+        {
+            enabled[path["path"].get<std::string>()] = path["enabled"].get<bool>();
+        }
+        return enabled;
+    };
+    EXPECT_FALSE(states().at("ms_tcpip->{11111111-0000-4000-8000-000000000001}"));
+    EXPECT_TRUE(states().at("ms_tcpip6->{11111111-0000-4000-8000-000000000001}"));
+    EXPECT_NE(Labctl({"bindings", "show"}).out.find("off  ms_tcpip -> "), std::string::npos);
+    EXPECT_EQ(Labctl({"bindings", "set", "all", "eth0", "on"}).code, 0);
+    EXPECT_TRUE(states().at("ms_tcpip->{11111111-0000-4000-8000-000000000001}"));
+    EXPECT_EQ(Labctl({"bindings", "set", "ms_tcpip", "eth9", "off"}).code, 1);
+    EXPECT_EQ(Labctl({"bindings", "set", "ms_tcpip", "eth0", "maybe"}).code, 2);
+}
+
+TEST_F(LabctlVerbs, LockIsHeldForItsTimeUnderItsNameAndThenFree)
+{
+    EXPECT_EQ(Labctl({"lock", "netcfg", "Other program", "--seconds", "0.01"}).out, "locked\n");
+    EXPECT_EQ(Labctl({"bindings", "show"}).out.find("write lock:"), std::string::npos);
+    netcfg::WriteLock held;
+    ASSERT_TRUE(held.Acquire(L"A third one", 0));
+    EXPECT_NE(Labctl({"bindings", "show"}).out.find("write lock: 'A third one'"), std::string::npos);
+    const auto refused = Labctl({"lock", "netcfg", "Other program", "--seconds", "0.01"});
+    EXPECT_EQ(refused.code, 1);
+    EXPECT_NE(refused.error.find("the lock is held by 'A third one'"), std::string::npos);
 }
 
 TEST_F(LabctlVerbs, JournalShowsCountsAndClears)
