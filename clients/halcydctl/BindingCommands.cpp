@@ -23,6 +23,7 @@ constexpr const wchar_t* Protocols[] = {L"ms_tcpip6", L"ms_tcpip", L"ms_ndiswan"
 constexpr std::int32_t BindingsDisabledEvent = 9;
 constexpr std::int32_t BindingsRestoredEvent = 10;
 constexpr DWORD ProgressInterval = 1000; // milliseconds
+constexpr unsigned HeldInterval = 10;    // seconds between two signs of life while the bindings are away
 constexpr DWORD EventGrace = 5000;       // an event may come a little after the call that it belongs to
 constexpr std::uint32_t EngineLocked = 0x8004A024;
 
@@ -110,6 +111,44 @@ void Report(const Session& session, const char* kind, const std::wstring& words,
     }
 }
 
+// A sign of life while the call is open: each second until the service has told what came of it, less often then.
+class Progress
+{
+public:
+    explicit Progress(const Session& shownTo) : session(shownTo) {}
+
+    void Told() noexcept
+    {
+        told = true;
+        since = GetTickCount64();
+    }
+    // To be called each second or more often.
+    void Tick()
+    {
+        const auto seconds = static_cast<unsigned>((GetTickCount64() - since) / ProgressInterval);
+        if (seconds < shown + (told ? HeldInterval : 1) && seconds >= shown)
+        {
+            return;
+        }
+        shown = seconds;
+        if (session.options.json)
+        {
+            session.Print({{"kind", told ? "held" : "working"}, {"seconds", seconds}});
+        }
+        else
+        {
+            session.console.ErrorLine((told ? L"  disabled for " : L"  working for ") + std::to_wstring(seconds) +
+                                      L" s ...");
+        }
+    }
+
+private:
+    const Session& session;
+    ULONGLONG since = GetTickCount64();
+    unsigned shown = 0;
+    bool told = false;
+};
+
 ExitCode Restore(const Session& session, MonitorConnection& connection, EventQueue& queue)
 {
     Check(connection.Interface()->RestoreIpBindings(), L"Restoring the bindings");
@@ -139,12 +178,14 @@ ExitCode Disable(const Session& session)
     const HANDLE handles[] = {interruption.Handle(), queue.Available(), call.Finished()};
     std::int32_t outcome = 0;
     bool told = false;
-    for (unsigned seconds = 0;;)
+    Progress progress(session);
+    for (;;)
     {
         const DWORD waited = WaitForMultipleObjects(3, handles, FALSE, ProgressInterval);
         if (!told && TakeEvent(queue, BindingsDisabledEvent, outcome))
         {
             told = true;
+            progress.Told();
             Report(session, "disabled",
                    outcome == 0 ? L"The bindings of all other adapters are disabled. Ctrl+C restores them."
                                 : L"Not disabled: " + ResultWords(outcome),
@@ -168,10 +209,7 @@ ExitCode Disable(const Session& session)
             Report(session, "ended", L"The call has ended.", outcome);
             break;
         }
-        if (waited == WAIT_TIMEOUT && !told && !session.options.json)
-        {
-            session.console.ErrorLine(L"  working for " + std::to_wstring(++seconds) + L" s ...");
-        }
+        progress.Tick();
     }
     // A refused disable wants its restore too: that closes the service's session with the configuration engine.
     const ExitCode restored = Restore(session, connection, queue);
@@ -182,6 +220,7 @@ struct RecordEntry
 {
     std::wstring protocol;
     std::wstring component;
+    bool counts; // a key without its value, or with another one, does not: a restore passes it over
 };
 
 // The record is plain registry, readable by everyone; reading it asks nothing of the service.
@@ -206,12 +245,9 @@ std::vector<RecordEntry> ReadRecord()
             }
             DWORD value = 0;
             DWORD size = sizeof value;
-            // A key without its value, or with another one, does not count.
-            if (RegGetValueW(key.get(), name, RecordValue, RRF_RT_REG_DWORD, nullptr, &value, &size) == ERROR_SUCCESS &&
-                value == 1)
-            {
-                entries.push_back({protocol, name});
-            }
+            const bool read =
+                RegGetValueW(key.get(), name, RecordValue, RRF_RT_REG_DWORD, nullptr, &value, &size) == ERROR_SUCCESS;
+            entries.push_back({protocol, name, read && value == 1});
         }
     }
     return entries;
@@ -222,12 +258,14 @@ ExitCode Show(const Session& session)
     const std::vector<RecordEntry> entries = ReadRecord();
     if (session.options.json)
     {
-        nlohmann::ordered_json list = nlohmann::ordered_json::array();
+        nlohmann::ordered_json counting = nlohmann::ordered_json::array();
+        nlohmann::ordered_json others = nlohmann::ordered_json::array();
         for (const RecordEntry& entry : entries)
         {
-            list.push_back({{"protocol", Text::ToUtf8(entry.protocol)}, {"component", Text::ToUtf8(entry.component)}});
+            (entry.counts ? counting : others)
+                .push_back({{"protocol", Text::ToUtf8(entry.protocol)}, {"component", Text::ToUtf8(entry.component)}});
         }
-        session.Print({{"disabledBindings", list}});
+        session.Print({{"disabledBindings", counting}, {"keysWithoutValue", others}});
         return ExitCode::Success;
     }
     if (entries.empty())
@@ -235,10 +273,11 @@ ExitCode Show(const Session& session)
         session.console.Line(L"No binding is recorded as disabled.");
         return ExitCode::Success;
     }
-    Table table({{L"Protocol", 0}, {L"Lower component", 0}});
+    Table table({{L"Protocol", 0}, {L"Lower component", 0}, {L"A restore", 0}});
     for (const RecordEntry& entry : entries)
     {
-        table.AddRow({entry.protocol, entry.component});
+        table.AddRow(
+            {entry.protocol, entry.component, entry.counts ? L"enables it" : L"passes it over: the key has no value"});
     }
     session.console.Lines(table.Lines(session.console.Width()));
     return ExitCode::Success;
