@@ -1,0 +1,431 @@
+// The service dies at every platform call of a disable and of a restore in turn, is started again, and bindings and
+// record are compared with what is due. What is due is worked out here, from the calls that were made before the end;
+// docs/bindings-after-a-crash.md tells it to people, and is compared with what was seen.
+
+#include <algorithm>
+#include <sstream>
+#include <vector>
+
+#include "bindings/BindingsAfterACrash.h"
+#include "bindings/BindingsMachine.h"
+#include "Monitor/MonitorMachine.h"
+#include "lab/state/Model.h"
+#include "lab/state/Text.h"
+
+namespace
+{
+using namespace BindingsMachine;
+using lab::Json;
+
+constexpr char kRoot[] = "SOFTWARE\\QRLS\\Sorvane\\AdapterControl\\MultiHomingPrevention\\";
+constexpr int kAttempts = 3;
+
+// One call of the service, as the journal tells it.
+struct PlatformCall
+{
+    std::string name;
+    std::string detail; // what it is about: path, id, key
+    bool succeeded = false;
+    bool wasTheEnd = false; // the process ended at its entry
+    bool operator==(const PlatformCall& other) const { return name == other.name && detail == other.detail; }
+};
+
+std::string Detail(const Json& line)
+{
+    const Json& arguments = lab::Member(line, "args");
+    for (const char* key : {"path", "id", "2", "1"})
+    {
+        std::string text = lab::TextField(arguments, key);
+        if (!text.empty())
+        {
+            return text.rfind(kRoot, 0) == 0 ? "...\\" + text.substr(sizeof kRoot - 1) : text;
+        }
+    }
+    return {};
+}
+
+// What a crash leaves, and what the next start makes of it.
+struct Left
+{
+    std::set<std::string> pathsOff;
+    Record record;
+    bool operator==(const Left&) const = default;
+};
+
+// Adapters by their part in the test instead of their ids.
+std::string Readable(std::string text)
+{
+    for (const auto& [id, name] : {std::pair{kCard, "card"}, std::pair{kTunnel, "tunnel"}})
+    {
+        const std::string guid = lab::Utf8(id);
+        for (std::size_t at = text.find(guid); at != std::string::npos; at = text.find(guid))
+        {
+            text.replace(at, guid.size(), name);
+        }
+    }
+    return text;
+}
+
+std::string Names(const Left& left)
+{
+    std::string text = left.pathsOff.empty() ? "on" : "off: ";
+    for (const std::string& path : left.pathsOff)
+    {
+        text += (text == "off: " ? "" : ", ") + path.substr(0, path.find("->"));
+    }
+    text += " | ";
+    std::string keys;
+    for (const auto& [key, value] : left.record)
+    {
+        keys += (keys.empty() ? "" : ", ") + Readable(key) + (value ? " = " + std::to_string(*value) : "");
+    }
+    return text + (keys.empty() ? "none" : keys);
+}
+
+std::ostream& operator<<(std::ostream& out, const Left& left)
+{
+    return out << Names(left);
+}
+
+class BindingsAfterACrash : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(apartment.Initialized());
+        Load();
+        ASSERT_TRUE(service.StartAndWait());
+        ASSERT_TRUE(service.StopAndWait());
+        RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"Software\\QRLS\\Sorvane\\Tunvex");
+        machine.Update([](Json& state, lab::Events&) { state["hooks"] = true; });
+        StartFresh();
+    }
+
+    // Starts the service and waits until it is at rest: its last call behind RUNNING asks for the tunnel's key.
+    void StartFresh()
+    {
+        static_cast<void>(machine.ReadJournal(position));
+        ASSERT_TRUE(StartService(service));
+        AwaitCall([](const PlatformCall& call)
+                  { return call.name == "RegOpenKeyExW" && call.detail.find("Tunvex") != std::string::npos; });
+    }
+
+    // The service's calls since the last look.
+    std::vector<PlatformCall> NewCalls()
+    {
+        std::vector<PlatformCall> calls;
+        for (const Json& line : machine.ReadJournal(position))
+        {
+            // The end of the engine object is told by the stand-in: no call of the service.
+            if (lab::TextField(line, "process") == "Halcyd.exe" && lab::TextField(line, "call") != "CNetCfg::Gone")
+            {
+                const std::string result = lab::TextField(line, "result");
+                calls.push_back(
+                    {lab::TextField(line, "call"), Detail(line), result == "0x00000000", result == "0x0000DEAD"});
+            }
+        }
+        return InOrderOfTheirBeginning(std::move(calls));
+    }
+
+    // A line is written when its call returns. One call has another inside it: the making of the engine. It comes first
+    // here, also when it never returned.
+    static std::vector<PlatformCall> InOrderOfTheirBeginning(std::vector<PlatformCall> calls)
+    {
+        for (std::size_t i = 0; i < calls.size(); ++i)
+        {
+            if (calls[i].name != "CNetCfg::CreateInstance")
+            {
+                continue;
+            }
+            if (i + 1 < calls.size() && calls[i + 1].name == "CoCreateInstance")
+            {
+                std::swap(calls[i], calls[i + 1]);
+            }
+            else if (calls[i].wasTheEnd)
+            {
+                calls.insert(calls.begin() + static_cast<std::ptrdiff_t>(i),
+                             PlatformCall{"CoCreateInstance", "", false, false});
+            }
+            ++i;
+        }
+        return calls;
+    }
+
+    // Gathers calls until one is as wanted.
+    template <class Test>
+    std::vector<PlatformCall> AwaitCall(const Test& wanted)
+    {
+        std::vector<PlatformCall> calls;
+        const ULONGLONG end = GetTickCount64() + 60'000;
+        for (;;)
+        {
+            for (PlatformCall& call : NewCalls())
+            {
+                calls.push_back(std::move(call));
+            }
+            if (std::any_of(calls.begin(), calls.end(), wanted))
+            {
+                return calls;
+            }
+            if (GetTickCount64() >= end)
+            {
+                ADD_FAILURE() << "a call of the service did not come";
+                return calls;
+            }
+            Sleep(2);
+        }
+    }
+
+    // The restore-finished event is made behind all else, and then the wait begins.
+    static bool IsTheWait(const PlatformCall& call) { return call.name == "CreateEventW"; }
+
+    void KillAtCall(std::size_t number)
+    {
+        lab::FaultRule rule;
+        rule.call = "*";
+        rule.nth = static_cast<std::uint32_t>(number);
+        rule.kill = true;
+        machine.AddFault(rule);
+    }
+
+    static Left Now() { return {PathsOff(), ReadRecord()}; }
+
+    // The process has gone with the call that it was killed at; starts it again. What was left goes to `left`, what the
+    // start made of it to `healed`.
+    void Restart(Left& left, Left& healed)
+    {
+        left = Now();
+        EXPECT_FALSE(LockHolder()) << "the write lock outlived its process";
+        machine.ClearFaults();
+        StartFresh();
+        healed = Now();
+        EXPECT_FALSE(LockHolder());
+    }
+
+    // Brings the machine back to its start, without a restart of the service.
+    void Clean()
+    {
+        AllPathsOn();
+        RemoveRecord();
+    }
+
+    // Runs `operation` once undisturbed and gives its calls; then once for each of them, with the service killed at it.
+    template <class Prepare, class Operation, class Expect>
+    std::string Sweep(const std::vector<PlatformCall>& calls, const Prepare& prepare, const Operation& operation,
+                      const Expect& expect)
+    {
+        std::vector<std::string> rows;
+        for (std::size_t number = 1; number <= calls.size(); ++number)
+        {
+            SCOPED_TRACE(testing::Message() << "killed at call " << number << ", " << calls[number - 1].name);
+            Left left;
+            Left healed;
+            bool inPlace = false;
+            for (int attempt = 1; !inPlace && attempt <= kAttempts; ++attempt)
+            {
+                // A call of another thread in between would shift the positions: then the round is run again.
+                Clean();
+                prepare();
+                static_cast<void>(NewCalls());
+                KillAtCall(number);
+                operation();
+                const std::vector<PlatformCall> made =
+                    AwaitCall([](const PlatformCall& call) { return call.wasTheEnd; });
+                inPlace = made.size() == number && std::equal(made.begin(), made.end(), calls.begin());
+                Restart(left, healed);
+            }
+            EXPECT_TRUE(inPlace) << "the calls came in another order each time";
+            const auto [dueLeft, dueHealed] = expect(
+                std::vector<PlatformCall>(calls.begin(), calls.begin() + static_cast<std::ptrdiff_t>(number) - 1));
+            EXPECT_EQ(left, dueLeft);
+            EXPECT_EQ(healed, dueHealed);
+            rows.push_back(Names(left) + " | " + Names(healed));
+            if (HasFatalFailure())
+            {
+                break;
+            }
+        }
+        return Table(calls, rows);
+    }
+
+    // Calls in a row that leave the same behind share a line of the table; each was tried by itself.
+    static std::string Table(const std::vector<PlatformCall>& calls, const std::vector<std::string>& rows)
+    {
+        std::ostringstream out;
+        out << "| Killed at | Bindings | Record | Bindings after the start | Record after it "
+               "|\n|---|---|---|---|---|\n";
+        for (std::size_t first = 0; first < rows.size();)
+        {
+            std::size_t last = first;
+            while (last + 1 < rows.size() && rows[last + 1] == rows[first])
+            {
+                ++last;
+            }
+            out << "| " << first + 1;
+            if (last != first)
+            {
+                out << " to " << last + 1;
+            }
+            out << " | " << rows[first] << " |\n";
+            first = last + 1;
+        }
+        out << "\n```\n";
+        for (std::size_t i = 0; i < calls.size(); ++i)
+        {
+            out << i + 1 << "  " << calls[i].name;
+            if (!calls[i].detail.empty())
+            {
+                out << "  " << Readable(calls[i].detail);
+            }
+            out << '\n';
+        }
+        out << "```\n";
+        return out.str();
+    }
+
+    // The part of the page between its two marks, which is what this test makes.
+    static void CompareWithPage(const std::string& part, const std::string& made)
+    {
+        const std::string page = kBindingsAfterACrashPage;
+        const std::string begin = "<!-- begin " + part + " -->\n";
+        const std::size_t from = page.find(begin);
+        const std::size_t to = page.find("<!-- end " + part + " -->");
+        ASSERT_TRUE(from != std::string::npos && to != std::string::npos);
+        EXPECT_TRUE(page.substr(from + begin.size(), to - from - begin.size()) == made)
+            << "docs/bindings-after-a-crash.md is to say, between its marks of '" << part << "':\n"
+            << made;
+    }
+
+    ComApartment apartment;
+    ServiceControl service;
+    lab::Machine& machine = lab::Machine::Attach();
+    lab::JournalPosition position;
+};
+
+bool WasMade(const std::vector<PlatformCall>& done, const std::string& name)
+{
+    return std::any_of(done.begin(), done.end(), [&](const PlatformCall& call) { return call.name == name; });
+}
+
+std::set<std::string> CardOff()
+{
+    return {"ms_tcpip6->" + lab::Utf8(kCard), "ms_tcpip->" + lab::Utf8(kCard)};
+}
+
+// A disable: the engine carries changes out at Apply and forgets those of a dead client. A key is there once it was
+// created, never with its value. The next start passes such keys over and removes them; the protocols' keys stay.
+std::pair<Left, Left> DueAfterDisable(const std::vector<PlatformCall>& done)
+{
+    Left left;
+    Left healed;
+    for (const PlatformCall& call : done)
+    {
+        if (call.name == "RegCreateKeyExW")
+        {
+            const std::string key = call.detail.substr(4);
+            const std::string protocol = key.substr(0, key.find('\\'));
+            left.record[key] = std::nullopt;
+            left.record[protocol] = std::nullopt;
+            healed.record[protocol] = std::nullopt;
+        }
+    }
+    if (WasMade(done, "INetCfg::Apply"))
+    {
+        left.pathsOff = CardOff();
+    }
+    healed.pathsOff = left.pathsOff;
+    return {left, healed};
+}
+
+// A restore of complete records: on again with Apply, and the keys go one by one behind that. Whatever was left, the
+// next start enables the rest and removes it.
+std::pair<Left, Left> DueAfterRestore(const std::vector<PlatformCall>& done)
+{
+    const std::string card = lab::Utf8(kCard);
+    Left left;
+    left.record = {{"ms_tcpip", std::nullopt},
+                   {"ms_tcpip6", std::nullopt},
+                   {"ms_tcpip\\" + card, 1UL},
+                   {"ms_tcpip6\\" + card, 1UL}};
+    std::string protocol;
+    for (const PlatformCall& call : done)
+    {
+        if (call.name == "RegOpenKeyExW" && call.detail.rfind("...\\", 0) == 0)
+        {
+            protocol = call.detail.substr(4);
+        }
+        if (call.name == "RegDeleteKeyExW" && call.succeeded)
+        {
+            left.record.erase(protocol + "\\" + call.detail);
+        }
+    }
+    if (!WasMade(done, "INetCfg::Apply"))
+    {
+        left.pathsOff = CardOff();
+    }
+    return {left, {{}, {{"ms_tcpip", std::nullopt}, {"ms_tcpip6", std::nullopt}}}};
+}
+
+TEST_F(BindingsAfterACrash, DisableKilledAtEachOfItsCallsLeavesWhatTheTableSays)
+{
+    std::future<HRESULT> call = Disable(LivingMonitor());
+    const std::vector<PlatformCall> calls = AwaitCall(IsTheWait);
+    ASSERT_EQ(LivingMonitor()->RestoreIpBindings(), S_OK);
+    ASSERT_TRUE(Comes(call));
+
+    const std::string table = Sweep(
+        calls, [] {},
+        []
+        {
+            std::future<HRESULT> disable = Disable(LivingMonitor());
+            EXPECT_TRUE(Comes(disable));
+            EXPECT_TRUE(FAILED(disable.get()));
+        },
+        DueAfterDisable);
+    CompareWithPage("disable", table);
+}
+
+TEST_F(BindingsAfterACrash, ServiceKilledWhileADisableWaitsLeavesTheBindingsOff)
+{
+    std::future<HRESULT> call = Disable(LivingMonitor());
+    const std::vector<PlatformCall> calls = AwaitCall(IsTheWait);
+    ASSERT_TRUE(KillProcess(service.ProcessId()));
+    ASSERT_TRUE(Comes(call));
+    EXPECT_TRUE(FAILED(call.get()));
+    Left left;
+    Left healed;
+    Restart(left, healed);
+    const auto [dueLeft, dueHealed] = DueAfterDisable(calls);
+    EXPECT_EQ(left, dueLeft);
+    EXPECT_EQ(healed, dueHealed);
+    EXPECT_EQ(healed.pathsOff, CardOff());
+}
+
+TEST_F(BindingsAfterACrash, RestoreKilledAtEachOfItsCallsIsFinishedByTheNextStart)
+{
+    std::future<HRESULT> call;
+    const auto prepare = [&]
+    {
+        call = Disable(LivingMonitor());
+        AwaitCall(IsTheWait);
+        CompleteRecord();
+    };
+    prepare();
+    static_cast<void>(NewCalls());
+    ASSERT_EQ(LivingMonitor()->RestoreIpBindings(), S_OK);
+    const std::vector<PlatformCall> calls = NewCalls();
+    ASSERT_TRUE(Comes(call));
+    EXPECT_EQ(Now(), DueAfterRestore(calls).second);
+
+    const std::string table = Sweep(
+        calls, prepare,
+        [&]
+        {
+            EXPECT_TRUE(FAILED(LivingMonitor()->RestoreIpBindings()));
+            EXPECT_TRUE(Comes(call));
+            static_cast<void>(call.get());
+        },
+        DueAfterRestore);
+    CompareWithPage("restore", table);
+}
+} // namespace
