@@ -1,9 +1,9 @@
 #include "NetUtilities/Logger.h"
 
 #include <comdef.h>
+#include <ntsecapi.h>
 #include <ole2.h>
 
-#include <random>
 #include <source_location>
 #include <system_error>
 #include <utility>
@@ -41,11 +41,19 @@ std::wstring FileNameOf(HMODULE module)
     return PathText::FileName(std::wstring(path, length));
 }
 
+// The system's own random device. That of the C++ library opens a cryptographic provider: four DLLs, loaded and thrown
+// away again for one number.
+std::uint32_t RandomNumber()
+{
+    std::uint32_t number = 0;
+    RtlGenRandom(&number, sizeof number);
+    return number;
+}
+
 std::wstring MakeIdentity(const std::source_location& constructor)
 {
     const std::wstring name = ShortFunctionName(constructor.function_name());
-    std::random_device device;
-    const std::wstring tag = FormatText(L"{}_{}", ClassPartOf(name), device() % 100);
+    const std::wstring tag = FormatText(L"{}_{}", ClassPartOf(name), RandomNumber() % 100);
     return FormatText(L"{} -> {} {}", FileNameOf(nullptr), FileNameOf(ThisModule()), tag);
 }
 } // namespace
@@ -68,6 +76,11 @@ bool Logger::Passes(std::uint16_t source, std::uint16_t level) const noexcept
     const std::uint16_t own =
         source < sourceLevels.size() ? sourceLevels[source].load(std::memory_order_relaxed) : std::uint16_t{0};
     return level <= (own != 0 ? own : globalLevel.load(std::memory_order_relaxed));
+}
+
+bool Logger::Wants(std::uint16_t source, std::uint16_t level) const noexcept
+{
+    return !initialized.load(std::memory_order_acquire) || Passes(source, level);
 }
 
 void Logger::Write(std::uint16_t source, std::uint16_t level, std::wstring_view text)

@@ -52,6 +52,10 @@ public:
     void Write(std::uint16_t source, std::uint16_t level, std::wstring_view text) EXCLUDES(queueLock);
     void WriteDefault(std::uint16_t level, std::wstring_view text) EXCLUDES(queueLock);
 
+    // Whether Write would keep a line of this source and level. Before the first line, when the levels are not read
+    // yet, every line is wanted.
+    [[nodiscard]] bool Wants(std::uint16_t source, std::uint16_t level) const noexcept;
+
     // Starts the logger thread if it is not running. False if that failed; the next message tries again.
     bool Initialize() EXCLUDES(queueLock);
     // Delivers what is queued and ends the thread. Harmless when it is not running.

@@ -73,6 +73,12 @@ std::wstring SystemErrorText(std::uint32_t code)
     return text;
 }
 
+bool IsLineWanted(Log::Source source, std::uint16_t level)
+{
+    const auto logger = Logger::Instance();
+    return logger && logger->Wants(static_cast<std::uint16_t>(source), level);
+}
+
 void LogMessage(Log::Source source, std::uint16_t level, std::wstring_view text)
 {
     if (const auto logger = Logger::Instance())

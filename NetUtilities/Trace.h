@@ -84,10 +84,17 @@ void LogMessageDefault(std::uint16_t level, std::wstring_view text);
 // Sets the default source of the Logger object there is now.
 void SetDefaultLogSource(Log::Source source);
 
+// Whether a line of this source and level would be kept at this moment.
+[[nodiscard]] bool IsLineWanted(Log::Source source, std::uint16_t level);
+
+// A line that nobody wants is not formatted: formatting is by far the larger part of what it costs.
 template <class... Args>
 void LogFormat(Log::Source source, std::uint16_t level, std::wstring_view format, const Args&... arguments)
 {
-    LogMessage(source, level, TraceFormat(0, format, arguments...));
+    if (IsLineWanted(source, level))
+    {
+        LogMessage(source, level, TraceFormat(0, format, arguments...));
+    }
 }
 
 template <class... Args>

@@ -7,6 +7,7 @@
 
 #include <windows.h>
 
+#include <oaidl.h>
 #include <objbase.h>
 
 #include <atomic>
@@ -31,7 +32,8 @@ void ReportState(DWORD state) noexcept
     SetServiceStatus(g_statusHandle, &status);
 }
 
-class IdleObject final : public IUnknown
+// An object that answers every Invoke with success: the yardstick of an event call.
+class IdleObject final : public IDispatch
 {
 public:
     IdleObject() noexcept { ++g_objects; }
@@ -40,7 +42,7 @@ public:
     {
         if (out == nullptr)
             return E_POINTER;
-        *out = IsEqualIID(iid, IID_IUnknown) ? this : nullptr;
+        *out = IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, IID_IDispatch) ? this : nullptr;
         if (*out == nullptr)
             return E_NOINTERFACE;
         AddRef();
@@ -54,6 +56,14 @@ public:
             delete this;
         return left;
     }
+    STDMETHODIMP GetTypeInfoCount(UINT* count) override
+    {
+        *count = 0;
+        return S_OK;
+    }
+    STDMETHODIMP GetTypeInfo(UINT, LCID, ITypeInfo**) override { return E_NOTIMPL; }
+    STDMETHODIMP GetIDsOfNames(REFIID, LPOLESTR*, UINT, LCID, DISPID*) override { return DISP_E_UNKNOWNNAME; }
+    STDMETHODIMP Invoke(DISPID, REFIID, LCID, WORD, DISPPARAMS*, VARIANT*, EXCEPINFO*, UINT*) override { return S_OK; }
 
 private:
     ~IdleObject()

@@ -1,4 +1,5 @@
-// HalcydBench.exe: the measurements that have to be made inside Windows. bench.py decides which and prints them.
+// HalcydBench.exe: the measurements that have to be made inside Windows. tools/dev/benchmarks.py decides which and prints
+// them.
 
 #include <windows.h>
 
@@ -10,32 +11,45 @@
 
 #include "bench/Measure.h"
 
+namespace
+{
+
+struct Bench
+{
+    std::wstring_view name;
+    int (*run)(int count);
+};
+
+constexpr Bench kBenches[] = {
+    {L"calls", RunCallBench},
+    {L"start", RunStartBench},
+    {L"open-call", RunOpenCallBench},
+    {L"events", RunEventBench},
+    {L"event-rates", RunEventRateBench},
+    {L"event-list", RunEventListBench},
+    {L"touch", RunTouch},
+    {L"lab-off", RunLabOff},
+    {L"trace-cost", RunTraceCostBench},
+    {L"trace-delivery", RunTraceDeliveryBench},
+};
+
+} // namespace
+
 int wmain(int argc, wchar_t** argv)
 {
-    if (argc != 3)
+    const int count = argc == 3 ? static_cast<int>(std::wcstol(argv[2], nullptr, 10)) : 0;
+    for (const Bench& bench : kBenches)
     {
-        std::fprintf(stderr, "usage: HalcydBench calls|start|trace-cost|trace-delivery COUNT\n");
-        return 2;
+        if (count <= 0 || bench.name != argv[1])
+            continue;
+        CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+        const int code = bench.run(count);
+        CoUninitialize();
+        return code;
     }
-    const std::wstring_view what = argv[1];
-    const int count = static_cast<int>(std::wcstol(argv[2], nullptr, 10));
-    if (count <= 0)
-    {
-        std::fprintf(stderr, "COUNT must be a number above 0\n");
-        return 2;
-    }
-    CoInitializeEx(nullptr, COINIT_MULTITHREADED);
-    int code = 2;
-    if (what == L"calls")
-        code = RunCallBench(count);
-    else if (what == L"start")
-        code = RunStartBench(count);
-    else if (what == L"trace-cost")
-        code = RunTraceCostBench(count);
-    else if (what == L"trace-delivery")
-        code = RunTraceDeliveryBench(count);
-    else
-        std::fprintf(stderr, "unknown bench\n");
-    CoUninitialize();
-    return code;
+    std::fprintf(stderr, "usage: HalcydBench NAME COUNT, COUNT above 0, NAME one of");
+    for (const Bench& bench : kBenches)
+        std::fprintf(stderr, " %ls", bench.name.data());
+    std::fprintf(stderr, "\n");
+    return 2;
 }

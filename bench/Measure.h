@@ -29,5 +29,13 @@ void PrintResult(const char* name, const std::vector<std::pair<std::string, doub
 // Sub-commands; each returns a process exit code.
 int RunCallBench(int rounds);
 int RunStartBench(int rounds);
+int RunOpenCallBench(int rounds);
+int RunEventBench(int rounds);
+int RunEventRateBench(int events);
+int RunEventListBench(int rounds);
+// Calls the idle service and the product once each, as a client that comes and goes.
+int RunTouch(int);
+// Takes the lab away from the product's later starts.
+int RunLabOff(int);
 int RunTraceCostBench(int rounds);
 int RunTraceDeliveryBench(int lines);

@@ -1,5 +1,6 @@
-// From StartService to SERVICE_RUNNING, the product and the idle service in turn. The services must be registered;
-// the idle one is created here if it is missing and removed at the end.
+// From StartService to SERVICE_RUNNING: the idle service, the product without the lab and the product with it, in turn,
+// so that whatever else the machine does hits all three. The services must be registered; the idle one is created here
+// if it is missing and removed at the end.
 
 #include <windows.h>
 
@@ -8,6 +9,7 @@
 
 #include "NetUtilities/Handles.h"
 #include "bench/IdleServer.h"
+#include "bench/LabSwitch.h"
 #include "bench/Measure.h"
 
 namespace
@@ -31,25 +33,53 @@ bool WaitForState(SC_HANDLE service, DWORD wanted)
     }
 }
 
-// Nanoseconds, or -1 if the service did not come up.
-std::int64_t TimeStart(SC_HANDLE service)
+UniqueHandle ProcessOf(SC_HANDLE service, DWORD access)
+{
+    SERVICE_STATUS_PROCESS running{};
+    DWORD needed = 0;
+    QueryServiceStatusEx(service, SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE*>(&running), sizeof running, &needed);
+    return UniqueHandle{running.dwProcessId != 0 ? OpenProcess(access, FALSE, running.dwProcessId) : nullptr};
+}
+
+// Processor time of all threads so far: what the wall clock would show on a machine with nothing else to do.
+std::int64_t ProcessorNanoseconds(HANDLE process)
+{
+    FILETIME created{};
+    FILETIME exited{};
+    ULARGE_INTEGER kernel{};
+    ULARGE_INTEGER user{};
+    if (!GetProcessTimes(process, &created, &exited, reinterpret_cast<FILETIME*>(&kernel),
+                         reinterpret_cast<FILETIME*>(&user)))
+        return 0;
+    return static_cast<std::int64_t>((kernel.QuadPart + user.QuadPart) * 100);
+}
+
+struct Starts
+{
+    Samples wall;
+    Samples processor;
+};
+
+// Starts the service once and takes the two times; `keep` is false for a round that only warms the caches.
+bool TimeStart(SC_HANDLE service, Starts& starts, bool keep)
 {
     const std::int64_t start = NowNanoseconds();
-    if (!StartServiceW(service, 0, nullptr))
-        return -1;
-    if (!WaitForState(service, SERVICE_RUNNING))
-        return -1;
-    return NowNanoseconds() - start;
+    if (!StartServiceW(service, 0, nullptr) || !WaitForState(service, SERVICE_RUNNING))
+        return false;
+    const std::int64_t end = NowNanoseconds();
+    const UniqueHandle process = ProcessOf(service, PROCESS_QUERY_INFORMATION);
+    if (keep)
+    {
+        starts.wall.Add(end - start);
+        starts.processor.Add(ProcessorNanoseconds(process.get()));
+    }
+    return true;
 }
 
 // Stops the service and waits until its process has gone: a start that finds it still there is refused.
 bool StopService(SC_HANDLE service)
 {
-    SERVICE_STATUS_PROCESS running{};
-    DWORD needed = 0;
-    QueryServiceStatusEx(service, SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE*>(&running), sizeof running, &needed);
-    const UniqueHandle process{running.dwProcessId != 0 ? OpenProcess(SYNCHRONIZE, FALSE, running.dwProcessId)
-                                                        : nullptr};
+    const UniqueHandle process = ProcessOf(service, SYNCHRONIZE);
     SERVICE_STATUS status{};
     if (!ControlService(service, SERVICE_CONTROL_STOP, &status) && GetLastError() != ERROR_SERVICE_NOT_ACTIVE)
         return false;
@@ -89,19 +119,19 @@ int RunStartBench(int rounds)
         return 1;
     }
     StopService(product.get());
-    Samples idleTimes;
-    Samples productTimes;
+    Starts none;
+    Starts bare;
+    Starts whole;
+    LabSwitch lab;
     bool good = true;
     for (int i = -1; i < rounds && good; ++i)
     {
-        const std::int64_t idleTime = TimeStart(idle.get());
-        good = idleTime >= 0 && StopService(idle.get());
-        const std::int64_t productTime = good ? TimeStart(product.get()) : -1;
-        good = good && productTime >= 0 && StopService(product.get());
-        if (!good || i < 0)
-            continue; // the first round warms the caches
-        idleTimes.Add(idleTime);
-        productTimes.Add(productTime);
+        const bool keep = i >= 0;
+        good = TimeStart(idle.get(), none, keep) && StopService(idle.get());
+        lab.Off();
+        good = good && TimeStart(product.get(), bare, keep) && StopService(product.get());
+        lab.On();
+        good = good && TimeStart(product.get(), whole, keep) && StopService(product.get());
     }
     DeleteService(idle.get());
     if (!good)
@@ -109,7 +139,13 @@ int RunStartBench(int rounds)
         std::fprintf(stderr, "a service did not start or stop in time\n");
         return 1;
     }
-    PrintResult("start",
-                {{"idle_p50_ns", idleTimes.Percentile(0.5)}, {"product_p50_ns", productTimes.Percentile(0.5)}});
+    PrintResult("start", {{"idle_p50_ns", none.wall.Percentile(0.5)},
+                          {"idle_min_ns", none.wall.Percentile(0)},
+                          {"idle_cpu_p50_ns", none.processor.Percentile(0.5)},
+                          {"product_p50_ns", bare.wall.Percentile(0.5)},
+                          {"product_min_ns", bare.wall.Percentile(0)},
+                          {"product_cpu_p50_ns", bare.processor.Percentile(0.5)},
+                          {"with_lab_p50_ns", whole.wall.Percentile(0.5)},
+                          {"with_lab_cpu_p50_ns", whole.processor.Percentile(0.5)}});
     return 0;
 }

@@ -11,7 +11,9 @@ target_compile_options(halcyd_options INTERFACE
   $<$<COMPILE_LANG_AND_ID:CXX,Clang>:-Wthread-safety;-Wno-missing-braces>)
 target_compile_definitions(halcyd_options INTERFACE
   $<$<CONFIG:Release>:_FORTIFY_SOURCE=2> _GLIBCXX_ASSERTIONS)
-target_link_options(halcyd_options INTERFACE -static -municode -fstack-protector-strong)
+target_link_options(halcyd_options INTERFACE -static -municode -fstack-protector-strong
+  # Sections that lie on page boundaries in the file are mapped into a process; others have to be read into memory of its own.
+  -Wl,--file-alignment=4096)
 
 if(CMAKE_BUILD_TYPE STREQUAL "Release")
   # -O2 everywhere; assert() stays out of the shipped binary, _GLIBCXX_ASSERTIONS stays in.
