@@ -37,36 +37,6 @@ TEST_F(Fast10_LiveEvents, WiredConnectIsToldWithTheGatewaysMacWhenThereIsAGatewa
     EXPECT_EQ(told->adjacentMac, adapter->gatewayMac);
 }
 
-TEST_F(Fast10_LiveEvents, DisconnectWithinTheWaitComesFirstAndTheConnectStillFollows)
-{
-    Lab(L"cable out eth0");
-    ASSERT_TRUE(WaitFor(enumEventMediaDisconnect, kEthernet).has_value());
-    sink->Recorder().Clear();
-    Lab(L"set adapters.eth0.dhcp.lease.gateways []");
-    Lab(L"cable in eth0");
-    Lab(L"cable out eth0");
-    ASSERT_TRUE(WaitFor(enumEventMediaDisconnect, kEthernet).has_value());
-    EXPECT_EQ(Count(enumEventMediaConnect, kEthernet), 0);
-    EXPECT_TRUE(WaitFor(enumEventMediaConnect, kEthernet).has_value());
-}
-
-TEST_F(Fast10_LiveEvents, AdapterRemovedDuringTheWaitDropsTheConnect)
-{
-    Lab(L"cable out eth0");
-    ASSERT_TRUE(WaitFor(enumEventMediaDisconnect, kEthernet).has_value());
-    Lab(L"set adapters.eth0.dhcp.lease.gateways []");
-    Lab(L"cable in eth0");
-    Lab(L"adapter remove eth0");
-    const auto told = WaitFor(enumEventAdapterRemove, kEthernet);
-    ASSERT_TRUE(told.has_value());
-    EXPECT_EQ(told->adjacentMac, L"");
-    EXPECT_FALSE(Adapter(kEthernet).has_value());
-    // The wait of ten seconds is over when a later connect on another adapter has waited as long.
-    EXPECT_EQ(monitor->Close(), S_OK); // waits for the pool
-    EXPECT_EQ(Count(enumEventMediaConnect, kEthernet), 0);
-    EXPECT_EQ(monitor->Open(), S_OK);
-}
-
 TEST_F(Fast10_LiveEvents, AdapterThatComesBackIsToldAsAddedWithItsDataReadAnew)
 {
     Lab(L"adapter remove eth0");
