@@ -6,6 +6,8 @@
 #include <windows.h>
 #include <ntddndis.h>
 
+#include <algorithm>
+
 #include "tests/unit/Halcyd/LifecycleMonitor.h"
 #include "tests/unit/Halcyd/MemoryLedger.h"
 #include "tests/unit/Halcyd/MonitorHooks.h"
