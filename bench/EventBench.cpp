@@ -6,6 +6,7 @@
 
 #include <comdef.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
@@ -22,6 +23,8 @@
 #include "lab/state/Machine.h"
 #include "tests/support/ComPointers.h"
 #include "tests/support/EventRecorder.h"
+
+_COM_SMARTPTR_TYPEDEF(IDispatch, IID_IDispatch);
 
 namespace
 {

@@ -9,10 +9,11 @@ namespace
 
 constexpr DWORD kQueryGlobalStats = 0x00170002; // IOCTL_NDIS_QUERY_GLOBAL_STATS
 
-std::string ArgumentOf(const lab::Json& line, const char* name)
+_bstr_t ArgumentOf(const lab::Json& line, const char* name)
 {
     const auto arguments = line.find("args");
-    return arguments != line.end() ? arguments->value(name, "") : "";
+    const std::string text = arguments != line.end() ? arguments->value(name, "") : "";
+    return std::wstring(text.begin(), text.end()).c_str(); // names of this machine, all ASCII
 }
 
 } // namespace
@@ -30,20 +31,20 @@ PathReplay::PathReplay(const std::vector<lab::Json>& journal)
     {
         const std::string call = line.value("call", "");
         if (call == "IWbemServices::ExecQuery")
-            m_steps.push_back({Call::Query, ArgumentOf(line, "query").c_str()});
+            m_steps.push_back({Call::Query, ArgumentOf(line, "query")});
         else if (call == "IEnumWbemClassObject::Next")
             m_steps.push_back({Call::Next, {}});
         else if (call == "IWbemClassObject::Get")
-            m_steps.push_back({Call::Get, ArgumentOf(line, "name").c_str()});
+            m_steps.push_back({Call::Get, ArgumentOf(line, "name")});
         else if (call == "IWbemClassObject::GetObjectText")
             m_steps.push_back({Call::Text, {}});
         else if (call == "Driver::Open")
-            m_steps.push_back({Call::OpenDevice, ("\\\\.\\" + ArgumentOf(line, "device")).c_str()});
+            m_steps.push_back({Call::OpenDevice, _bstr_t(L"\\\\.\\") + ArgumentOf(line, "device")});
         else if (call == "Driver::Close")
             m_steps.push_back({Call::CloseDevice, {}});
         else if (call == "Driver::DeviceControl")
             m_steps.push_back(
-                {Call::AskDevice, {}, static_cast<ULONG>(std::strtoul(ArgumentOf(line, "oid").c_str(), nullptr, 16))});
+                {Call::AskDevice, {}, static_cast<ULONG>(std::wcstoul(ArgumentOf(line, "oid"), nullptr, 16))});
     }
     // The path's first questions go to the event, before any query: an object for them.
     Do({Call::Query, L"SELECT * FROM Win32_NetworkAdapterConfiguration"});

@@ -11,6 +11,8 @@
 #include "bench/Measure.h"
 #include "tests/support/ComPointers.h"
 
+_COM_SMARTPTR_TYPEDEF(IUnknown, IID_IUnknown);
+
 int RunTouch(int)
 {
     IUnknownPtr idle;
