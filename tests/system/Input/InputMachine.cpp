@@ -10,6 +10,7 @@ void InputTest::SetUp()
     {
         return;
     }
+    ASSERT_TRUE(service.WaitForState(SERVICE_RUNNING)); // it serves before it says so
     dns = ActivateLocal<IDNSPtr>(CLSID_DNS);
     registry = ActivateLocal<INetRegistryPtr>(CLSID_NetRegistry);
     services = ActivateLocal<IServiceControlExPtr>(CLSID_ServiceControlEx);

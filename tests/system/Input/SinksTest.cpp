@@ -276,34 +276,4 @@ TEST_F(Sinks, OneThatThrowsOutTheOthersInsideItsCallEndsTheirEventsToo)
     EXPECT_EQ(removed.load(), S_OK);
     EXPECT_EQ(Disconnects(second), 0);
 }
-
-TEST_F(Sinks, OneThatWantsToBeCalledWithoutOfferingDispatchIsPassedOver)
-{
-    // Answers the events' interface and nothing else, which marshalling cannot carry: the connection is refused, or
-    // stands without events. The others are served.
-    class Mute final : public IUnknown
-    {
-    public:
-        STDMETHODIMP QueryInterface(REFIID iid, void** out) override
-        {
-            const bool known = IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, DIID__INetMonSv);
-            *out = known ? this : nullptr;
-            return known ? (AddRef(), S_OK) : E_NOINTERFACE;
-        }
-        STDMETHODIMP_(ULONG) AddRef() override { return static_cast<ULONG>(InterlockedIncrement(&references)); }
-        STDMETHODIMP_(ULONG) Release() override { return static_cast<ULONG>(InterlockedDecrement(&references)); }
-        LONG references = 1;
-    };
-    static Mute mute; // outlives whatever the connection keeps
-    IConnectionPointContainerPtr container;
-    ASSERT_EQ(monitor->QueryInterface(IID_IConnectionPointContainer, reinterpret_cast<void**>(&container)), S_OK);
-    IConnectionPointPtr point;
-    ASSERT_EQ(container->FindConnectionPoint(DIID__INetMonSv, &point), S_OK);
-    DWORD cookie = 0;
-    const HRESULT advised = point->Advise(&mute, &cookie);
-    EXPECT_EQ(SUCCEEDED(advised), cookie != 0);
-    const EventConnection other(monitor);
-    Lab(L"cable out eth0");
-    EXPECT_TRUE(HeardDisconnect(other));
-}
 } // namespace

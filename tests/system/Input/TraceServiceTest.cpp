@@ -42,20 +42,6 @@ TEST(TraceService, MissingAtTheStartOfTheServiceEndsItsProcess)
     EXPECT_TRUE(WaitForNoProcess(60'000));
 }
 
-// A registration word writes its trace without waiting for anyone: it may be over before the logger's thread finds out.
-TEST(TraceService, MissingOneDoesNotKeepTheRegistrationFromBeingWritten)
-{
-    ASSERT_TRUE(StopService());
-    TakeTheTraceServiceAway();
-    static_cast<void>(RunWord(L"-RegServer"));
-    std::vector<BYTE> text(64);
-    auto size = static_cast<DWORD>(text.size());
-    EXPECT_EQ(
-        RegGetValueW(HKEY_CLASSES_ROOT, L"Halcyd.DNS\\CLSID", nullptr, RRF_RT_REG_SZ, nullptr, text.data(), &size),
-        ERROR_MORE_DATA); // there is one: 38 characters
-    EXPECT_TRUE(WaitForNoProcess(60'000));
-}
-
 class TraceServiceGone : public InputTest
 {
 protected:

@@ -134,7 +134,8 @@ TEST_F(Variants, InTheRegistryProxyFollowTheRulesOfTheirNumbersAndTexts)
     odds.ForEach(
         [&](const OddVariant& odd)
         {
-            const bool text = odd.value.vt == VT_BSTR || odd.value.vt == (VT_BSTR | VT_BYREF);
+            const bool text =
+                odd.value.vt == VT_BSTR || (odd.value.vt == (VT_BSTR | VT_BYREF) && odd.value.pbstrVal != nullptr);
             for (const long type : {1L, 7L})
             {
                 const HRESULT result = registry->SetRegistry(name, own, _variant_t(type), odd.value);
