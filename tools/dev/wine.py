@@ -13,9 +13,10 @@ from ui import Failure, Step
 
 CACHE = Path(os.environ.get('XDG_CACHE_HOME', Path.home() / '.cache')) / 'halcyd'
 _numbers = itertools.count(1)
-_RECIPE = 3         # raised when the template is to be made differently
+_RECIPE = 4         # raised when the template is to be made differently
 
 
+# What the services at boot need on a busy machine.
 # RpcSs runs before any other service on Windows. Wine starts it when somebody asks, and refuses that while it is still
 # starting services at boot: one of ours that needs COM in those seconds finds no trace service, and ends. So it starts at
 # boot here as well, and the highest tag, which Wine reads as below all others, makes it the first. Wine's drivers for
@@ -25,6 +26,10 @@ _SERVICES_AT_BOOT = [
     ['reg', 'add', r'HKLM\System\CurrentControlSet\Services\RpcSs', '/v', 'Tag', '/t', 'REG_DWORD', '/d', '4294967295',
      '/f'],
     ['reg', 'delete', r'HKLM\System\CurrentControlSet\Enum\ROOT\WINE', '/f'],
+    # How long a service may take to connect to the service manager, 10 s otherwise: too little for a busy machine, where
+    # the clock may also run ten times as fast. Wine kills a service that is late.
+    ['reg', 'add', r'HKLM\System\CurrentControlSet\Control', '/v', 'ServicesPipeTimeout', '/t', 'REG_DWORD', '/d', '600000',
+     '/f'],
 ]
 
 
