@@ -11,6 +11,7 @@
 #include "NetUtilities/ComApartment.h"
 #include "tests/support/ComPointers.h"
 #include "tests/support/Processes.h"
+#include "tests/support/Services.h"
 
 namespace
 {
@@ -50,6 +51,8 @@ protected:
     void SetUp() override
     {
         ASSERT_TRUE(apartment.Initialized());
+        // An activation waits only so long for a service that is on its way up.
+        ASSERT_TRUE(ServiceControl().StartAndWait());
         Lab(L"load laptop");
         HRESULT result = E_FAIL;
         dns = ActivateLocal<IDNSPtr>(CLSID_DNS, &result);

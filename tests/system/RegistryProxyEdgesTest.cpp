@@ -9,6 +9,7 @@
 
 #include "NetUtilities/ComApartment.h"
 #include "tests/support/ComPointers.h"
+#include "tests/support/Services.h"
 
 namespace
 {
@@ -21,6 +22,8 @@ protected:
     void SetUp() override
     {
         ASSERT_TRUE(apartment.Initialized());
+        // An activation waits only so long for a service that is on its way up.
+        ASSERT_TRUE(ServiceControl().StartAndWait());
         HRESULT result = E_FAIL;
         registry = ActivateLocal<INetRegistryPtr>(CLSID_NetRegistry, &result);
         ASSERT_EQ(S_OK, result);

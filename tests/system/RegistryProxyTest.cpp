@@ -13,6 +13,7 @@
 #include "NetUtilities/ComApartment.h"
 #include "tests/support/ComPointers.h"
 #include "tests/support/RegistryExport.h"
+#include "tests/support/Services.h"
 
 namespace
 {
@@ -27,6 +28,8 @@ protected:
     void SetUp() override
     {
         ASSERT_TRUE(apartment.Initialized());
+        // An activation waits only so long for a service that is on its way up.
+        ASSERT_TRUE(ServiceControl().StartAndWait());
         HRESULT result = E_FAIL;
         registry = ActivateLocal<INetRegistryPtr>(CLSID_NetRegistry, &result);
         ASSERT_EQ(S_OK, result);

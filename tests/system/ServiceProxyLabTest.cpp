@@ -33,6 +33,8 @@ protected:
     void SetUp() override
     {
         ASSERT_TRUE(apartment.Initialized());
+        // An activation waits only so long for a service that is on its way up.
+        ASSERT_TRUE(ServiceControl().StartAndWait());
         ASSERT_EQ("", Lab(L"load laptop"));
         HRESULT result = E_FAIL;
         services = ActivateLocal<IServiceControlExPtr>(CLSID_ServiceControlEx, &result);

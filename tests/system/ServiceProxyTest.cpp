@@ -11,6 +11,7 @@
 #include "NetUtilities/ComApartment.h"
 #include "NetUtilities/Handles.h"
 #include "tests/support/ComPointers.h"
+#include "tests/support/Services.h"
 
 namespace
 {
@@ -20,6 +21,8 @@ protected:
     void SetUp() override
     {
         ASSERT_TRUE(apartment.Initialized());
+        // An activation waits only so long for a service that is on its way up.
+        ASSERT_TRUE(ServiceControl().StartAndWait());
         HRESULT result = E_FAIL;
         services = ActivateLocal<IServiceControlExPtr>(CLSID_ServiceControlEx, &result);
         ASSERT_EQ(S_OK, result);

@@ -176,6 +176,19 @@ TEST_F(DNSGetters, NoGatewayReturnsZeroAndLeavesTheOutput)
     SysFreeString(text);
 }
 
+TEST_F(DNSGetters, GatewayOrAddressWithoutAValueReturnsZeroAndLeavesTheOutput)
+{
+    Connect();
+    BSTR text = SysAllocString(L"kept");
+    Fail("IWbemClassObject::Get(DefaultIPGateway)", 1, 0); // succeeds, and leaves the variant empty
+    EXPECT_EQ(S_OK, object->GetDefaultGateway(Guid(), &text));
+    Fail("IWbemClassObject::Get(IPAddress)", 1, 0);
+    EXPECT_EQ(S_OK, object->GetIpAddress(Guid(), &text));
+    EXPECT_EQ(2, trace.Count(L"variant returned was VT_EMPTY"));
+    EXPECT_STREQ(L"kept", text);
+    SysFreeString(text);
+}
+
 TEST_F(DNSGetters, FailingPropertyOfGatewayOrAddressIsReturned)
 {
     Connect();
