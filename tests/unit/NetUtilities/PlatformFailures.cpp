@@ -31,12 +31,6 @@ std::map<std::string, Rule>& Rules()
     static auto& rules = *new std::map<std::string, Rule>;
     return rules;
 }
-std::wstring& UserName()
-{
-    static std::wstring& name = *new std::wstring;
-    return name;
-}
-
 bool Takes(const char* function, DWORD& code, const wchar_t* detail = nullptr)
 {
     const std::lock_guard guard(Lock());
@@ -79,17 +73,10 @@ int Failed(const std::string& function)
     return Rules()[function].failed;
 }
 
-void SetUserName(const std::wstring& name)
-{
-    const std::lock_guard guard(Lock());
-    UserName() = name;
-}
-
 void Reset()
 {
     const std::lock_guard guard(Lock());
     Rules().clear();
-    UserName().clear();
 }
 
 // A function whose result is the code itself.
@@ -143,22 +130,6 @@ static LONG WINAPI FailingRegQueryValueExW(HKEY key, LPCWSTR name, LPDWORD reser
     return real(key, name, reserved, type, data, size);
 }
 
-static BOOL WINAPI FailingGetUserNameW(LPWSTR buffer, LPDWORD size)
-{
-    {
-        const std::lock_guard guard(Lock());
-        if (!UserName().empty())
-        {
-            UserName().copy(buffer, UserName().size());
-            buffer[UserName().size()] = L'\0';
-            *size = static_cast<DWORD>(UserName().size() + 1);
-            return TRUE;
-        }
-    }
-    static const auto real = Real<decltype(&FailingGetUserNameW)>(L"advapi32.dll", "GetUserNameW");
-    return real(buffer, size);
-}
-
 static HRESULT WINAPI FailingSHGetKnownFolderPath(const GUID& id, DWORD flags, HANDLE token, PWSTR* path)
 {
     DWORD code = 0;
@@ -186,7 +157,6 @@ extern "C"
     decltype(&FailingConvertSidToStringSidW) __imp_ConvertSidToStringSidW = &FailingConvertSidToStringSidW;
     decltype(&FailingGetFileAttributesExW) __imp_GetFileAttributesExW = &FailingGetFileAttributesExW;
     decltype(&FailingRegQueryValueExW) __imp_RegQueryValueExW = &FailingRegQueryValueExW;
-    decltype(&FailingGetUserNameW) __imp_GetUserNameW = &FailingGetUserNameW;
 
     // Declared without an import slot by the compiler's headers.
     HRESULT WINAPI SHGetKnownFolderPath(const GUID& id, DWORD flags, HANDLE token, PWSTR* path)

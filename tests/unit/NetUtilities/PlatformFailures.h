@@ -14,8 +14,6 @@ namespace PlatformFailures
 void Fail(const std::string& function, int nth, DWORD code, int times = 1, const std::wstring& detail = {});
 // How many calls failed since Reset.
 [[nodiscard]] int Failed(const std::string& function);
-// What GetUserNameW says; empty for the truth.
-void SetUserName(const std::wstring& name);
 void Reset();
 } // namespace PlatformFailures
 
