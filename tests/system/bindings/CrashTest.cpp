@@ -110,7 +110,7 @@ protected:
                   { return call.name == "RegOpenKeyExW" && call.detail.find("Tunvex") != std::string::npos; });
     }
 
-    // The service's calls since the last look.
+    // The service's calls since the last look, in the order of the journal.
     std::vector<PlatformCall> NewCalls()
     {
         std::vector<PlatformCall> calls;
@@ -124,34 +124,38 @@ protected:
                     {lab::TextField(line, "call"), Detail(line), result == "0x00000000", result == "0x0000DEAD"});
             }
         }
-        return InOrderOfTheirBeginning(std::move(calls));
-    }
-
-    // A line is written when its call returns. One call has another inside it: the making of the engine. It comes first
-    // here, also when it never returned.
-    static std::vector<PlatformCall> InOrderOfTheirBeginning(std::vector<PlatformCall> calls)
-    {
-        for (std::size_t i = 0; i < calls.size(); ++i)
-        {
-            if (calls[i].name != "CNetCfg::CreateInstance")
-            {
-                continue;
-            }
-            if (i + 1 < calls.size() && calls[i + 1].name == "CoCreateInstance")
-            {
-                std::swap(calls[i], calls[i + 1]);
-            }
-            else if (calls[i].wasTheEnd)
-            {
-                calls.insert(calls.begin() + static_cast<std::ptrdiff_t>(i),
-                             PlatformCall{"CoCreateInstance", "", false, false});
-            }
-            ++i;
-        }
         return calls;
     }
 
-    // Gathers calls until one is as wanted.
+    // A line is written when its call returns, and positions count from where calls begin. Two calls differ in that:
+    // the making of the engine lies inside CoCreateInstance, and a thread may be at work before the call that made it
+    // has returned. Both outer calls may never have returned.
+    static std::vector<PlatformCall> InOrderOfTheirBeginning(std::vector<PlatformCall> calls)
+    {
+        PutBefore(calls, "CNetCfg::CreateInstance", "CoCreateInstance");
+        PutBefore(calls, "CoInitializeEx", "_beginthreadex");
+        return calls;
+    }
+
+    // Where `inner` was called, `outer` stands before it.
+    static void PutBefore(std::vector<PlatformCall>& calls, const std::string& inner, const std::string& outer)
+    {
+        const auto named = [&calls](const std::string& name)
+        { return std::ranges::find_if(calls, [&name](const PlatformCall& call) { return call.name == name; }); };
+        if (named(inner) == calls.end())
+        {
+            return;
+        }
+        PlatformCall moved{outer, "", true, false};
+        if (const auto found = named(outer); found != calls.end())
+        {
+            moved = *found;
+            calls.erase(found);
+        }
+        calls.insert(named(inner), moved);
+    }
+
+    // Gathers calls until one is as wanted; in the order in which they began.
     template <class Test>
     std::vector<PlatformCall> AwaitCall(const Test& wanted)
     {
@@ -165,7 +169,7 @@ protected:
             }
             if (std::any_of(calls.begin(), calls.end(), wanted))
             {
-                return calls;
+                return InOrderOfTheirBeginning(std::move(calls));
             }
             if (GetTickCount64() >= end)
             {
@@ -413,7 +417,7 @@ TEST_F(BindingsAfterACrash, RestoreKilledAtEachOfItsCallsIsFinishedByTheNextStar
     prepare();
     static_cast<void>(NewCalls());
     ASSERT_EQ(LivingMonitor()->RestoreIpBindings(), S_OK);
-    const std::vector<PlatformCall> calls = NewCalls();
+    const std::vector<PlatformCall> calls = InOrderOfTheirBeginning(NewCalls());
     ASSERT_TRUE(Comes(call));
     EXPECT_EQ(Now(), DueAfterRestore(calls).second);
 
