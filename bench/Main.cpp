@@ -1,5 +1,5 @@
-// HalcydBench.exe: the measurements that have to be made inside Windows. tools/dev/benchmarks.py decides which and prints
-// them.
+// HalcydBench.exe: the measurements that have to be made inside Windows. tools/dev/benchmarks.py decides which and
+// prints them.
 
 #include <windows.h>
 

@@ -23,8 +23,8 @@ PathReplay::PathReplay(const std::vector<lab::Json>& journal)
     IWbemLocator* locator = nullptr;
     _com_util::CheckError(CoCreateInstance(CLSID_WbemLocator, nullptr, CLSCTX_INPROC_SERVER, IID_IWbemLocator,
                                            reinterpret_cast<void**>(&locator)));
-    const HRESULT connected = locator->ConnectServer(_bstr_t(L"root\\cimv2"), nullptr, nullptr, nullptr, 0, nullptr,
-                                                     nullptr, &m_services);
+    const HRESULT connected =
+        locator->ConnectServer(_bstr_t(L"root\\cimv2"), nullptr, nullptr, nullptr, 0, nullptr, nullptr, &m_services);
     locator->Release();
     _com_util::CheckError(connected);
     for (const lab::Json& line : journal)

@@ -9,7 +9,7 @@
 #include <cwchar>
 #include <string>
 
-#include "NetUtilities/Handles.h"
+#include "lab/state/Handles.h"
 
 namespace
 {
@@ -29,8 +29,8 @@ HANDLE stopAsked = nullptr;
 
 void Note(const wchar_t* word)
 {
-    const UniqueHandle file{CreateFileW(L"C:\\ProgramData\\HalcydLab\\services.log", FILE_APPEND_DATA,
-                                        FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_ALWAYS, 0, nullptr)};
+    const lab::Handle file{CreateFileW(L"C:\\ProgramData\\HalcydLab\\services.log", FILE_APPEND_DATA,
+                                       FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_ALWAYS, 0, nullptr)};
     if (!file)
         return;
     std::string line;

@@ -9,8 +9,7 @@
 #include "lab/shims/Hooks.h"
 #include "lab/shims/ImportTable.h"
 #include "lab/shims/Shim.h"
-
-#include "NetUtilities/Handles.h"
+#include "lab/state/Handles.h"
 
 #include <sddl.h>
 #include <winsvc.h>
@@ -124,7 +123,7 @@ BOOL WINAPI Close(SC_HANDLE handle)
 // Its state, or nothing for a service that is stopped or not there.
 std::optional<SERVICE_STATUS> ActiveStatus(SC_HANDLE manager, const std::wstring& name)
 {
-    const UniqueServiceHandle handle{g_open(manager, name.c_str(), SERVICE_QUERY_STATUS)};
+    const lab::Owned<SC_HANDLE, &CloseServiceHandle> handle{g_open(manager, name.c_str(), SERVICE_QUERY_STATUS)};
     SERVICE_STATUS status{};
     const bool told = handle && QueryServiceStatus(handle.get(), &status) != FALSE;
     return told && status.dwCurrentState != SERVICE_STOPPED ? std::optional(status) : std::nullopt;
@@ -170,7 +169,7 @@ BOOL WINAPI QuerySecurity(SC_HANDLE handle, SECURITY_INFORMATION information, PS
     const Json sddl = Described(Opened().Find(handle).name, "sddl");
     if (!sddl.is_string())
         return g_query(handle, information, out, size, needed);
-    UniqueLocal descriptor;
+    lab::Owned<PSECURITY_DESCRIPTOR, &LocalFree> descriptor;
     ULONG length = 0;
     if (!ConvertStringSecurityDescriptorToSecurityDescriptorW(lab::Wide(sddl.get<std::string>()).c_str(),
                                                               SDDL_REVISION_1, descriptor.put(), &length))
@@ -187,7 +186,7 @@ BOOL WINAPI SetSecurity(SC_HANDLE handle, SECURITY_INFORMATION information, PSEC
     const std::string service = Opened().Find(handle).name;
     if (!Described(service, "sddl").is_string())
         return g_set(handle, information, descriptor);
-    UniqueLocalMemory<wchar_t> text;
+    lab::Owned<wchar_t*, &LocalFree> text;
     if (!ConvertSecurityDescriptorToStringSecurityDescriptorW(descriptor, SDDL_REVISION_1, DACL_SECURITY_INFORMATION,
                                                               text.put(), nullptr))
         return FALSE;

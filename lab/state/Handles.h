@@ -33,6 +33,31 @@ private:
     HANDLE m_handle = nullptr;
 };
 
+// What the platform handed out, given back with `Release`: Owned<SC_HANDLE, &CloseServiceHandle>.
+template <class T, auto Release>
+class Owned
+{
+public:
+    Owned() noexcept = default;
+    explicit Owned(T value) noexcept : m_value(value) {}
+    Owned(const Owned&) = delete;
+    Owned& operator=(const Owned&) = delete;
+    ~Owned()
+    {
+        if (m_value != nullptr)
+        {
+            Release(m_value);
+        }
+    }
+    [[nodiscard]] T get() const noexcept { return m_value; }
+    // For a function that gives through a pointer; to be used once.
+    [[nodiscard]] T* put() noexcept { return &m_value; }
+    explicit operator bool() const noexcept { return m_value != nullptr; }
+
+private:
+    T m_value = nullptr;
+};
+
 // A view of a file that all who map it share. The file is made, or lengthened with zeros, to `size`.
 class SharedFile
 {
