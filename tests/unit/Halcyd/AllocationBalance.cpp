@@ -11,6 +11,7 @@
 #include <new>
 #include <set>
 
+#include "tests/unit/Halcyd/MemoryLedger.h"
 #include "tests/unit/Halcyd/TraceLines.h"
 
 namespace
@@ -151,7 +152,7 @@ void* operator new(std::size_t size)
 }
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept
 {
-    return size != 0 && size == refusedSize ? nullptr : Allocate(size);
+    return (size != 0 && size == refusedSize) || NothrowNewFails::Takes(size) ? nullptr : Allocate(size);
 }
 void* operator new[](std::size_t size)
 {

@@ -91,16 +91,15 @@ extern "C"
     decltype(&LedgerSysFreeString) __imp_SysFreeString = &LedgerSysFreeString;
 }
 
-// Takes the place of the library's own, for the whole program.
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept
+bool NothrowNewFails::Takes(std::size_t size) noexcept
 {
-    if (failingSize != 0 && size == failingSize)
+    if (failingSize == 0 || size != failingSize)
     {
-        failingSize = 0;
-        nothrowNewFailed = true;
-        return nullptr;
+        return false;
     }
-    return std::malloc(size != 0 ? size : 1); // the library's delete gives it back with free
+    failingSize = 0;
+    nothrowNewFailed = true;
+    return true;
 }
 
 MemoryLedger::MemoryLedger()

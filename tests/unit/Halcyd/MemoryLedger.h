@@ -43,4 +43,6 @@ public:
     NothrowNewFails& operator=(const NothrowNewFails&) = delete;
     // Whether the call has come.
     [[nodiscard]] static bool Happened();
+    // Asked by the program's operator new (AllocationBalance.cpp): whether this call is the one to fail.
+    [[nodiscard]] static bool Takes(std::size_t size) noexcept;
 };
