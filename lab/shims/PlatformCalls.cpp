@@ -259,6 +259,7 @@ void HookCom()
     HOOK(SafeArrayPutElement, Code);
     HOOK(SafeArrayAccessData, Code);
     HOOK(VariantChangeType, Code);
+    HOOK(VariantCopyInd, Code);
     HOOK(LoadTypeLib, Code);
     HOOK(LoadTypeLibEx, Code);
     HOOK(LoadRegTypeLib, Code);

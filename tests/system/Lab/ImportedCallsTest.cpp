@@ -45,16 +45,16 @@ const std::set<std::string>& NotHooked()
         "LocalFree", "RegCloseKey",
         // The trace's own: its lines pass through here at any time and would disturb the counting.
         "SysAllocStringLen", "FormatMessageA", "FormatMessageW", "CryptAcquireContextA", "CryptGenRandom",
-        "CryptReleaseContext",
+        "CryptReleaseContext", "SystemFunction036",
         // Before the service does anything, or while it dies.
         "AddVectoredExceptionHandler", "RemoveVectoredExceptionHandler", "SetUnhandledExceptionFilter",
         "MiniDumpWriteDump", "RaiseException", "SHGetFolderPathW", "GetUserNameW", "LocalAlloc", "VirtualProtect",
         "VirtualQuery",
-        // The C++ library and its threads underneath.
-        "CreateEventA", "CreateSemaphoreA", "ReleaseSemaphore", "DuplicateHandle", "GetHandleInformation",
-        "GetProcessAffinityMask", "SetProcessAffinityMask", "GetSystemTimeAdjustment", "SetSystemTime",
-        "GetThreadContext", "SetThreadContext", "GetThreadPriority", "SetThreadPriority", "GetThreadTimes",
-        "ResumeThread", "SuspendThread", "IsDBCSLeadByteEx", "IsWow64Process", "RtlCaptureContext",
+        // The C++ library, the loading of libraries when first needed, and threads underneath.
+        "LoadLibraryA", "SwitchToThread", "CreateEventA", "CreateSemaphoreA", "ReleaseSemaphore", "DuplicateHandle",
+        "GetHandleInformation", "GetProcessAffinityMask", "SetProcessAffinityMask", "GetSystemTimeAdjustment",
+        "SetSystemTime", "GetThreadContext", "SetThreadContext", "GetThreadPriority", "SetThreadPriority",
+        "GetThreadTimes", "ResumeThread", "SuspendThread", "IsDBCSLeadByteEx", "IsWow64Process", "RtlCaptureContext",
         "RtlLookupFunctionEntry", "RtlUnwindEx", "RtlVirtualUnwind", "TlsAlloc", "TlsGetValue", "TlsSetValue",
         "__C_specific_handler", "___lc_codepage_func", "___mb_cur_max_func", "__iob_func", "__set_app_type",
         "__setusermatherr", "__wgetmainargs", "__winitenv", "_amsg_exit", "_assert", "_cexit", "_close", "_commode",

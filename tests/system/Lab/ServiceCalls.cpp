@@ -14,12 +14,14 @@ std::ostream& operator<<(std::ostream& out, const ServiceCall& call)
 
 namespace
 {
-// Calls of the platform into the service are journalled as well; they are not the service's to be failed.
+// Calls of the platform into the service are journalled as well; they are not the service's to be failed. Nor is the
+// closing of a key, which the platform does not refuse.
 bool IsCallOfTheService(const lab::Json& line)
 {
     const std::string name = line.value("call", "");
     return line.value("process", "") == "Halcyd.exe" && name.rfind("IWbemObjectSink::", 0) != 0 &&
-           name != "UnicastIpAddressChangeCallback" && name != "ServiceControl" && name != "HookPlatformCalls";
+           name != "UnicastIpAddressChangeCallback" && name != "RegCloseKey" && name != "ServiceControl" &&
+           name != "HookPlatformCalls";
 }
 } // namespace
 
