@@ -116,17 +116,17 @@ IUnknownPtr MyComDynamicUnkArray::GetAt(int index) const
 {
     if (interfaceTable == nullptr || index < 0 || index >= MaximumSinks)
     {
-        return nullptr;
+        return {};
     }
     const DWORD cookie = tableCookies[static_cast<std::size_t>(index)];
     if (cookie == 0)
     {
-        return nullptr;
+        return {};
     }
     IUnknown* sink = nullptr;
     if (FAILED(interfaceTable->GetInterfaceFromGlobal(cookie, DIID__INetMonSv, reinterpret_cast<void**>(&sink))))
     {
-        return nullptr;
+        return {};
     }
     return {sink, false};
 }

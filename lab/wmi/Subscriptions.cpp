@@ -151,12 +151,13 @@ void SinkPump::PutAsideLate(Events& events)
         if (const auto delay = NumberField(event, "delayMs", 0); delay > 0)
         {
             event.erase("delayMs");
-            m_late.push_back({GetTickCount64() + static_cast<ULONGLONG>(delay), std::move(event)});
+            const ULONGLONG due = GetTickCount64() + static_cast<ULONGLONG>(delay);
+            // Behind those that are due at the same time: they came first.
+            m_late.insert(std::ranges::upper_bound(m_late, due, {}, &Late::due), Late{due, std::move(event)});
             event = nullptr;
         }
     }
     std::erase_if(events, [](const Json& event) { return event.is_null(); });
-    std::ranges::stable_sort(m_late, {}, &Late::due);
 }
 
 Events SinkPump::TakeDue()

@@ -56,7 +56,6 @@ void InputTest::ExpectSameServiceAnswers()
     EXPECT_EQ(dns->ConnectNetCfg(ethernet), S_OK);
     BSTR address = nullptr;
     EXPECT_EQ(dns->GetIpAddress(ethernet, &address), S_OK);
-    EXPECT_NE(SysStringLen(address), 0u);
     SysFreeString(address);
     EXPECT_EQ(dns->DisconnectNetCfg(), S_OK);
     UINT infos = 0;

@@ -71,17 +71,4 @@ TEST_F(TraceServiceGone, LaterLosesTheLinesAndNothingElse)
     EXPECT_EQ(CountInTraceOf(process, L"AfterTheEnd"), 0);
     EXPECT_EQ(ServiceProcess(), process);
 }
-
-TEST_F(TraceServiceGone, StopStillReportsAndTheProcessEnds)
-{
-    EndTheTraceService();
-    dns = nullptr;
-    registry = nullptr;
-    services = nullptr;
-    vnic = nullptr;
-    monitor = nullptr;
-    EXPECT_TRUE(StopService());
-    EXPECT_TRUE(WaitForNoProcess(60'000));
-    ForgetProcess();
-}
 } // namespace

@@ -215,7 +215,9 @@ TEST_F(LeakTest, LateBoundVariablesForValuesAreReadThroughAndLeftAsTheyWere)
     const TestObject<CNetRegistry> object = MakeTestObject<CNetRegistry>();
     _variant_t path(OwnPath);
     _variant_t name(L"variable");
-    _variant_t kind(static_cast<short>(1)); // as a script's small numbers are
+    _variant_t kind; // as a script's small numbers are: what stands beside the 16 bits counts too
+    kind.lVal = 1;
+    kind.vt = VT_I2;
     _variant_t contents(L"from a variable");
     EXPECT_EQ(Invoke(object.Get(), 2, {Reference(contents), Reference(kind), path, name}), S_OK);
     _variant_t type;
