@@ -140,7 +140,7 @@ protected:
 
     ComApartment apartment;
 };
-using Fast10_TraceStoreTest = TraceStoreTest;
+using TraceStoreEndTest = TraceStoreTest;
 } // namespace
 
 // Not a test by itself: the client that RunClient starts.
@@ -174,7 +174,7 @@ TEST_F(TraceStoreTest, EndOfAKilledClientIsNoticedAndTheStoreEndsAfterIt)
     EXPECT_TRUE(WaitForTheEnd(60'000));
 }
 
-TEST_F(Fast10_TraceStoreTest, StoreEndsAfterItsLastClientAndTheNextOneGetsTheOldLines)
+TEST_F(TraceStoreEndTest, StoreEndsAfterItsLastClientAndTheNextOneGetsTheOldLines)
 {
     {
         const ITraceLogManagerPtr manager = Activate();
@@ -216,7 +216,7 @@ TEST_F(TraceStoreTest, LineIsInTheFileSoonWithoutAnyFlush)
     }
 }
 
-TEST_F(Fast10_TraceStoreTest, LevelsAreKeptOverRestarts)
+TEST_F(TraceStoreEndTest, LevelsAreKeptOverRestarts)
 {
     {
         const ITraceLogManagerPtr manager = Activate();
@@ -255,7 +255,7 @@ TEST_F(TraceStoreTest, ArgumentsOutOfRangeAreRefused)
     EXPECT_TRUE(texts[1].ends_with(L"x [cut]"));
 }
 
-TEST_F(Fast10_TraceStoreTest, FilesRotateAtTheSizeThatTheRegistrySays)
+TEST_F(TraceStoreEndTest, FilesRotateAtTheSizeThatTheRegistrySays)
 {
     ASSERT_TRUE(WaitForTheEnd(120'000));
     SetNumber(L"MaximumFileSize", 65536);
