@@ -71,7 +71,7 @@ void PathReplay::Do(const Step& step)
     {
         ULONG returned = 0;
         IWbemClassObjectPtr next;
-        if (m_list != nullptr && m_list->Next(WBEM_INFINITE, 1, &next, &returned) == S_OK)
+        if (m_list != nullptr && m_list->Next(static_cast<LONG>(WBEM_INFINITE), 1, &next, &returned) == S_OK)
             m_object = next;
         break;
     }

@@ -17,7 +17,7 @@ int RunTouch(int)
 {
     IUnknownPtr idle;
     HRESULT result = idle.CreateInstance(CLSID_BenchIdle, nullptr, CLSCTX_LOCAL_SERVER);
-    const INetMonSvPtr monitor = SUCCEEDED(result) ? ActivateMonitor(&result) : nullptr;
+    const INetMonSvPtr monitor = SUCCEEDED(result) ? ActivateMonitor(&result) : INetMonSvPtr();
     if (FAILED(result))
     {
         std::fprintf(stderr, "a service does not answer: 0x%08lx\n", static_cast<unsigned long>(result));

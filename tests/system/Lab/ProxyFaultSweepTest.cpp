@@ -166,7 +166,6 @@ protected:
 };
 
 constexpr std::uint32_t Denied = 0x80041003; // WBEM_E_ACCESS_DENIED
-constexpr HRESULT AdapterNotFound = static_cast<HRESULT>(0x80041017);
 constexpr wchar_t Dock[] = L"{4A1C7E0D-3B52-4D0F-9E61-0C5D8A2B700D}";
 constexpr wchar_t Nobody[] = L"{00000000-0000-0000-0000-00000000DEAD}";
 

@@ -7,6 +7,13 @@
 
 #include "PlatformHooks.h"
 
+// A function without a result fails silently.
+template <>
+struct PlatformHooks::FailureResult<void>
+{
+    static void Make(DWORD code) { SetLastError(code); }
+};
+
 // clang-format off
 PLATFORM_HOOK(RegisterServiceCtrlHandlerExW, L"advapi32.dll", SERVICE_STATUS_HANDLE(LPCWSTR, LPHANDLER_FUNCTION_EX, LPVOID))
 PLATFORM_HOOK(SetServiceStatus, L"advapi32.dll", BOOL(SERVICE_STATUS_HANDLE, LPSERVICE_STATUS))

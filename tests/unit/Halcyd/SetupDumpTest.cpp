@@ -191,7 +191,7 @@ protected:
                                          {SPDRP_FRIENDLYNAME, Text(L"Brevik Ethernet #1")}};
     std::vector<DWORD> asked;
     std::vector<HDEVINFO> destroyed;
-    TestObject<LifecycleMonitor> monitor = [this]
+    TestObject<LifecycleMonitor> monitor = []
     {
         auto made = MakeTestObject<LifecycleMonitor>();
         made->UseCimv2();
