@@ -38,7 +38,9 @@ TEST(TraceService, MissingAtTheStartOfTheServiceEndsItsProcess)
 {
     ASSERT_TRUE(StopService());
     TakeTheTraceServiceAway();
-    EXPECT_EQ(ServiceControl().Start(), 0u);
+    // The manager may notice the end before the process has reached it.
+    const DWORD started = ServiceControl().Start();
+    EXPECT_TRUE(started == ERROR_SUCCESS || started == ERROR_SERVICE_REQUEST_TIMEOUT) << started;
     EXPECT_TRUE(WaitForNoProcess(60'000));
 }
 
