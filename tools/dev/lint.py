@@ -73,9 +73,20 @@ def named_tests():
     return [f'{listed}: {name}' for name in named if name not in there]
 
 
+def switched_off():
+    """Tests that GoogleTest would leave out without a word."""
+    wrong = []
+    for name in tracked('tests/*.cpp', 'tests/*.h'):
+        for number, line in enumerate((ROOT / name).read_text(errors='replace').splitlines(), 1):
+            if 'DISABLED_' in line:
+                wrong.append(f'{name}:{number}: {line.strip()}')
+    return wrong
+
+
 CHECKS = {
     'layout follows .clang-format': layout,
     'includes point one way': includes,
     'no path of a machine': machine_paths,
     'tests named in the documents exist': named_tests,
+    'no test is switched off': switched_off,
 }

@@ -7,13 +7,18 @@
 #include <objbase.h>
 
 #include <cstdio>
+#include <cwchar>
 #include <exception>
+#include <string>
+
+#include "tests/support/main/ChildProcess.h"
 
 namespace
 {
 
 constexpr UINT kCrashed = 70;
 constexpr UINT kTerminated = 71;
+constexpr int kNoSuchChild = 72;
 
 // Ends the process at once: no debugger, no dialogue, no exit handler that could change the code.
 LONG WINAPI OnCrash(EXCEPTION_POINTERS* pointers)
@@ -41,6 +46,14 @@ int wmain(int argc, wchar_t** argv)
     SetUnhandledExceptionFilter(OnCrash);
     std::set_terminate(OnTerminate);
     testing::InitGoogleTest(&argc, argv);
+    if (argc == 3 && std::wcscmp(argv[1], L"--child") == 0)
+    {
+        const std::wstring name(argv[2]);
+        if (!ChildProcess::Choose(std::string(name.begin(), name.end())))
+        {
+            return kNoSuchChild;
+        }
+    }
     CoInitializeEx(nullptr, COINIT_MULTITHREADED);
     const int result = RUN_ALL_TESTS();
     std::fflush(stdout);

@@ -8,7 +8,7 @@
 
 #include "Host/HostSupport.h"
 #include "NetUtilities/Event.h"
-#include "NetUtilities/Format.h"
+#include "tests/support/main/ChildProcess.h"
 
 namespace
 {
@@ -59,7 +59,7 @@ protected:
 };
 
 // A client of its own that connects a sink and ends, without a word, inside the first event that it gets.
-TEST(SinkClient, DISABLED_DiesInsideItsFirstEvent)
+CHILD_PROCESS(testing::Test, DiesInsideItsFirstEvent)
 {
     const ComApartment apartment;
     const INetMonSvPtr monitor = ActivateMonitor();
@@ -78,7 +78,7 @@ TEST(SinkClient, DISABLED_DiesInsideItsFirstEvent)
 }
 
 // The same, but the process is ended from outside while no event is on its way.
-TEST(SinkClient, DISABLED_ConnectsAndWaits)
+CHILD_PROCESS(testing::Test, ConnectsAndWaits)
 {
     const ComApartment apartment;
     const INetMonSvPtr monitor = ActivateMonitor();
@@ -91,13 +91,10 @@ TEST(SinkClient, DISABLED_ConnectsAndWaits)
 }
 
 // Starts one of the clients above and waits until its sink is connected.
-UniqueHandle StartSinkClient(const wchar_t* test)
+UniqueHandle StartSinkClient(const char* name)
 {
     const UniqueHandle connected(CreateEventW(nullptr, TRUE, FALSE, kConnectedEvent));
-    wchar_t self[MAX_PATH] = {};
-    GetModuleFileNameW(nullptr, self, MAX_PATH);
-    UniqueHandle process =
-        StartProcess(FormatText(L"\"{}\" --gtest_filter=SinkClient.{} --gtest_also_run_disabled_tests", self, test));
+    UniqueHandle process = StartProcess(ChildCommandLine(name));
     EXPECT_TRUE(process);
     const HANDLE either[] = {connected.get(), process.get()};
     EXPECT_EQ(WaitForMultipleObjects(2, either, FALSE, 60'000), WAIT_OBJECT_0);
@@ -166,7 +163,7 @@ TEST_F(Sinks, BlockedOneHoldsUpItsOwnEventOnlyForThoseBehindIt)
 TEST_F(Sinks, OneWhoseProcessDiesInsideTheCallCostsTheOthersNothing)
 {
     const EventConnection before(monitor);
-    const UniqueHandle dying = StartSinkClient(L"DISABLED_DiesInsideItsFirstEvent");
+    const UniqueHandle dying = StartSinkClient("DiesInsideItsFirstEvent");
     const EventConnection behind(monitor);
     Lab(L"cable out eth0");
     EXPECT_TRUE(HeardDisconnect(before));
@@ -184,8 +181,8 @@ TEST_F(Sinks, OneWhoseProcessDiesInsideTheCallCostsTheOthersNothing)
 
 TEST_F(Sinks, ThoseOfKilledClientsAreSkippedForGood)
 {
-    const UniqueHandle first = StartSinkClient(L"DISABLED_ConnectsAndWaits");
-    const UniqueHandle second = StartSinkClient(L"DISABLED_ConnectsAndWaits");
+    const UniqueHandle first = StartSinkClient("ConnectsAndWaits");
+    const UniqueHandle second = StartSinkClient("ConnectsAndWaits");
     const EventConnection behind(monitor);
     for (const HANDLE client : {first.get(), second.get()})
     {

@@ -15,6 +15,7 @@
 #include "TraceLogManager_h.h"
 #include "tests/support/Processes.h"
 #include "tests/support/Services.h"
+#include "tests/support/main/ChildProcess.h"
 
 _COM_SMARTPTR_TYPEDEF(ITraceLogManager, __uuidof(ITraceLogManager));
 _COM_SMARTPTR_TYPEDEF(ITraceStore, __uuidof(ITraceStore));
@@ -119,14 +120,6 @@ void SetNumber(const wchar_t* name, DWORD number)
     ASSERT_EQ(RegSetKeyValueW(HKEY_LOCAL_MACHINE, SettingsKey, name, REG_DWORD, &number, sizeof number), ERROR_SUCCESS);
 }
 
-// Runs one of this program's own disabled tests in a process of its own, to play a client that dies.
-FinishedProcess RunClient(const wchar_t* test)
-{
-    std::wstring path(32768, L'\0');
-    path.resize(GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size())));
-    return RunProcess(L"\"" + path + L"\" --gtest_also_run_disabled_tests --gtest_filter=" + test, 200'000);
-}
-
 // Nobody but the test talks to the trace service: the service, which would keep it alive, is stopped.
 class TraceStoreTest : public testing::Test
 {
@@ -141,10 +134,9 @@ protected:
     ComApartment apartment;
 };
 using TraceStoreEndTest = TraceStoreTest;
-} // namespace
 
-// Not a test by itself: the client that RunClient starts.
-TEST(TraceStoreClient, DISABLED_WritesManyLinesAndIsKilled)
+// A client that dies.
+CHILD_PROCESS(testing::Test, WritesManyLinesAndIsKilled)
 {
     ComApartment apartment;
     const ITraceLogManagerPtr manager = Activate();
@@ -155,9 +147,15 @@ TEST(TraceStoreClient, DISABLED_WritesManyLinesAndIsKilled)
     TerminateProcess(GetCurrentProcess(), 77);
 }
 
+DWORD RunDyingClient()
+{
+    return RunProcess(ChildCommandLine("WritesManyLinesAndIsKilled"), 200'000).exitCode;
+}
+} // namespace
+
 TEST_F(TraceStoreTest, KilledClientLosesNoneOfTwentyThousandLines)
 {
-    EXPECT_EQ(RunClient(L"TraceStoreClient.DISABLED_WritesManyLinesAndIsKilled").exitCode, 77u);
+    EXPECT_EQ(RunDyingClient(), 77u);
     const ITraceLogManagerPtr manager = Activate();
     const ITraceStorePtr store = StoreOf(manager);
     hyper after = 0;
@@ -170,7 +168,7 @@ TEST_F(TraceStoreTest, KilledClientLosesNoneOfTwentyThousandLines)
 
 TEST_F(TraceStoreTest, EndOfAKilledClientIsNoticedAndTheStoreEndsAfterIt)
 {
-    EXPECT_EQ(RunClient(L"TraceStoreClient.DISABLED_WritesManyLinesAndIsKilled").exitCode, 77u);
+    EXPECT_EQ(RunDyingClient(), 77u);
     EXPECT_TRUE(WaitForTheEnd(60'000));
 }
 

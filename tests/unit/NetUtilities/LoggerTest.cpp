@@ -7,7 +7,7 @@
 #include "NetUtilities/FileLogger.h"
 #include "NetUtilities/RegistryKey.h"
 #include "NetUtilities/Trace.h"
-#include "tests/unit/support/ChildTest.h"
+#include "tests/unit/support/RunChild.h"
 #include "tests/unit/support/TraceRecorder.h"
 #include "tests/unit/support/VirtualClock.h"
 
@@ -345,16 +345,15 @@ constexpr int Terminated = 71;
 
 TEST_F(LoggerDeathTest, MissingTraceServiceEndsTheProcessAtTheFirstLine)
 {
-    EXPECT_EQ(Terminated, RunChildTest(L"LoggerChild.DISABLED_FirstLineWithoutTraceService"));
+    EXPECT_EQ(Terminated, RunChild("FirstLineWithoutTraceService"));
 }
 
 TEST_F(LoggerDeathTest, MissingTraceServiceEndsTheProcessAtStopToo)
 {
-    EXPECT_EQ(Terminated, RunChildTest(L"LoggerChild.DISABLED_StopWithoutTraceService"));
+    EXPECT_EQ(Terminated, RunChild("StopWithoutTraceService"));
 }
 
-// Run in a process of their own, by the two tests above.
-TEST(LoggerChild, DISABLED_FirstLineWithoutTraceService)
+CHILD_PROCESS(testing::Test, FirstLineWithoutTraceService)
 {
     TraceRecorder::Get().RevokeClass();
     LogMessage(Log::Source::General, 1, L"nobody takes this");
@@ -362,7 +361,7 @@ TEST(LoggerChild, DISABLED_FirstLineWithoutTraceService)
     TerminateProcess(GetCurrentProcess(), 5);
 }
 
-TEST(LoggerChild, DISABLED_StopWithoutTraceService)
+CHILD_PROCESS(testing::Test, StopWithoutTraceService)
 {
     TraceRecorder::Get().RevokeClass();
     LogMessage(static_cast<Log::Source>(37), 6, L"not for the service");

@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/unit/support/ChildTest.h"
+#include "tests/unit/support/RunChild.h"
 
 namespace
 {
@@ -173,12 +173,11 @@ namespace
 {
 TEST(LockOrder, BrokenOrderEndsTheProcess)
 {
-    EXPECT_EQ(0, RunChildTest(L"LockOrderChild.DISABLED_KeptOrder"));
-    EXPECT_NE(0, RunChildTest(L"LockOrderChild.DISABLED_BrokenOrder"));
+    EXPECT_EQ(0, RunChild("KeptOrder"));
+    EXPECT_NE(0, RunChild("BrokenOrder"));
 }
 
-// The bodies of the child processes that the test above starts: a broken order ends its process.
-TEST(LockOrderChild, DISABLED_KeptOrder)
+CHILD_PROCESS(testing::Test, KeptOrder)
 {
     LockOrder::BeforeLock(LockRank::SerializeOpenClose);
     LockOrder::Locked(LockRank::SerializeOpenClose);
@@ -189,7 +188,7 @@ TEST(LockOrderChild, DISABLED_KeptOrder)
     LockOrder::BeforeLock(LockRank::SerializeOpenClose);
 }
 
-TEST(LockOrderChild, DISABLED_BrokenOrder)
+CHILD_PROCESS(testing::Test, BrokenOrder)
 {
     LockOrder::Locked(LockRank::DeviceInfoList);
     LockOrder::BeforeLock(LockRank::SerializeOpenClose);

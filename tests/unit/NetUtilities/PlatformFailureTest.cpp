@@ -22,7 +22,7 @@
 #include "NetUtilities/TextHelpers.h"
 #include "NetUtilities/WorkItem.h"
 #include "PlatformFailures.h"
-#include "tests/unit/support/ChildTest.h"
+#include "tests/unit/support/RunChild.h"
 
 namespace
 {
@@ -118,17 +118,14 @@ constexpr int ToldAndTerminated = 17;
 
 TEST(MissingTraceService, IsToldTheDebuggerBeforeTheProcessEnds)
 {
-    EXPECT_EQ(ToldAndTerminated, RunChildTest(L"MissingTraceServiceChild.DISABLED_TellsTheDebugger"));
+    EXPECT_EQ(ToldAndTerminated, RunChild("TellsTheDebugger"));
     RegistryKey install; // the child could not clear up
     ASSERT_EQ(install.Open(HKEY_LOCAL_MACHINE, CurrentInstall, KEY_WRITE), 0U);
     EXPECT_EQ(install.DeleteValue(L"DebugOutput"), 0U);
 }
 
-// Run in a process of its own, by the test above. The end of the process itself is the stated one.
-class MissingTraceServiceChild : public DebuggerChannelTest
-{
-};
-TEST_F(MissingTraceServiceChild, DISABLED_TellsTheDebugger)
+// The end of the process itself is the stated one.
+CHILD_PROCESS(DebuggerChannelTest, TellsTheDebugger)
 {
     std::set_terminate(
         []

@@ -4,16 +4,14 @@
 
 #include <string>
 
-#include "NetUtilities/Format.h"
 #include "NetUtilities/Handles.h"
+#include "tests/support/main/ChildProcess.h"
 
-// Runs one (disabled) test of this program in a process of its own and returns that process's exit code: for what ends
-// a process. Negative if it could not be run or did not end.
-inline int RunChildTest(const wchar_t* test)
+// Runs a CHILD_PROCESS of this program and returns its exit code: for what ends a process. Negative if it could not be
+// run or did not end.
+inline int RunChild(const char* name)
 {
-    wchar_t self[MAX_PATH] = {};
-    GetModuleFileNameW(nullptr, self, MAX_PATH);
-    std::wstring command = FormatText(L"\"{}\" --gtest_filter={} --gtest_also_run_disabled_tests", self, test);
+    std::wstring command = ChildCommandLine(name);
     STARTUPINFOW start{};
     start.cb = sizeof(start);
     PROCESS_INFORMATION process{};
