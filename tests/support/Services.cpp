@@ -1,5 +1,7 @@
 #include "tests/support/Services.h"
 
+#include <cstdio>
+
 #include "NetUtilities/Handles.h"
 
 namespace
@@ -70,7 +72,10 @@ bool ServiceControl::StartAndWait(DWORD timeoutMs) const
 {
     const DWORD error = Start();
     if (error != 0 && error != ERROR_SERVICE_ALREADY_RUNNING)
+    {
+        std::printf("the start of %ls failed with %lu\n", m_name.c_str(), error); // for who looks into the failed test
         return false;
+    }
     return WaitForState(SERVICE_RUNNING, timeoutMs);
 }
 

@@ -5,6 +5,7 @@ import subprocess
 import sys
 import threading
 import time
+import traceback
 from concurrent.futures import ThreadPoolExecutor
 from contextlib import contextmanager
 from os import cpu_count
@@ -15,6 +16,7 @@ import googletest
 import lint
 import packages
 import product
+import terminalchecks
 import wine
 from googletest import Outcome
 from ui import Failure, Step, bad, bold, dim, good
@@ -261,6 +263,35 @@ def _script(base, script):
     return [(o, '') for o in outcomes]
 
 
+def run_terminal(tally, built, pattern):
+    """The client as a person at a terminal has it."""
+    wanted = [(f'terminal: {check.__name__}', check) for check in terminalchecks.CHECKS]
+    wanted = [(label, check) for label, check in wanted if _matches(label, pattern)]
+    if not wanted:
+        return
+    base = product.installed(built)
+    step = tally.step('the client on a terminal')
+
+    def one(item):
+        label, check = item
+        evidence = RESULTS / 'terminal' / check.__name__
+        with wine.Prefix.clone_of(base, name='terminal') as prefix:
+            try:
+                results = terminalchecks.run(prefix, check)
+            except Exception:   # a check that breaks is one that fails, and the others go on
+                results = [('runs to its end', traceback.format_exc())]
+            if any(why is not None for _, why in results):
+                product.keep_evidence(prefix, evidence)
+        for name, why in results:
+            outcome = Outcome(f'{label}: {name}', 'passed' if why is None else 'failed', str(why))
+            tally.add(outcome, evidence.relative_to(build.ROOT) if why is not None else '')
+        return len(results)
+
+    with ThreadPoolExecutor(WORKERS) as pool:
+        count = sum(pool.map(one, wanted))
+    step.end(f'{count} checks')
+
+
 def run_host_network(tally, built, pattern):
     """A real interface of this machine, in a network namespace made for it, down to a client's events."""
     label = 'host: real interface'
@@ -324,6 +355,7 @@ def main(pattern=None, quick=False):
     run_unit(tally, built, 'gcc', pattern)
     run_fuzz(tally, pattern)
     run_system(tally, built, pattern)
+    run_terminal(tally, built, pattern)
     run_host_network(tally, built, pattern)
     if not quick and not pattern:
         try:

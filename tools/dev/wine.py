@@ -122,6 +122,36 @@ def windows_path(path):
     return 'Z:' + str(Path(path).absolute()).replace('/', '\\')
 
 
+class FastClock:
+    """A clock that runs `speed` times as fast for every program that gets its environment.
+
+    A process holds it: the first program that runs under the library makes a semaphore and a piece of shared memory,
+    named after its process id, in which the start of the fast time stands. Programs that are started apart from each
+    other would each make a pair and have a time of their own; one that is killed leaves its pair behind, and a later
+    process with the same id then ends at once. The holder ends by itself when we do, and clears up."""
+
+    ATTEMPTS = 100  # ids that somebody else's leftovers may have taken
+
+    def __init__(self, speed):
+        self.environment = {'LD_PRELOAD': _faketime_library(), 'FAKETIME': f'+0 x{speed}', 'FAKETIME_DONT_RESET': '1',
+                            'NO_FAKE_STAT': '1'}
+        for _ in range(self.ATTEMPTS):
+            self.holder = subprocess.Popen(['bash', '-c', 'echo "$FAKETIME_SHARED"; read -r'], stdin=subprocess.PIPE,
+                                           stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True,
+                                           env={**os.environ, **self.environment}, start_new_session=True)
+            names = self.holder.stdout.readline().strip()
+            if names:
+                self.environment['FAKETIME_SHARED'] = names
+                return
+            self.end()
+        raise Failure('faketime could not make a clock')
+
+    def end(self):
+        self.holder.stdin.close()
+        self.holder.stdout.close()
+        self.holder.wait()
+
+
 class Prefix:
     """One Windows. `with Prefix.clone_of(...) as p:` starts it, ends all its processes and removes it."""
 
@@ -129,6 +159,7 @@ class Prefix:
         self.path = Path(path)
         self.owned = owned
         self.speed = speed
+        self.clock = None   # while it runs, if it is a fast one
 
     @classmethod
     def clone_of(cls, source, speed=1, name='p'):
@@ -151,14 +182,14 @@ class Prefix:
 
     def environment(self, extra=None):
         environment = _environment(self.path)
-        if self.speed != 1:
-            # All processes of the prefix share one fast clock, the server included.
-            environment.update(LD_PRELOAD=_faketime_library(), FAKETIME=f'+0 x{self.speed}',
-                               FAKETIME_DONT_RESET='1', NO_FAKE_STAT='1')
+        if self.clock:
+            environment.update(self.clock.environment)
         environment.update(extra or {})
         return environment
 
     def start(self):
+        # All processes of the prefix share one fast clock, the server included.
+        self.clock = FastClock(self.speed) if self.speed != 1 else None
         # Stays for a minute after its last process: services would otherwise be ended between two commands.
         # In a session of its own: Ctrl+C would otherwise end it, and every program with it, before we can.
         subprocess.run([_tool('wineserver'), '-p60'], env=self.environment(), stdin=subprocess.DEVNULL,
@@ -211,6 +242,9 @@ class Prefix:
                 os.kill(pid, signal.SIGKILL)
             except ProcessLookupError:
                 pass
+        if self.clock:
+            self.clock.end()
+            self.clock = None
 
     def processes(self):
         """Ids of the processes of this prefix, found by their environment."""

@@ -47,9 +47,14 @@ TEST(TraceService, MissingAtTheStartOfTheServiceEndsItsProcess)
 class TraceServiceGone : public InputTest
 {
 protected:
-    // Ends the running trace service. The service's pointer to it is dead from here on.
-    static void EndTheTraceService()
+    // Ends the running trace service once a line of the service has got there: before that the service may still be on
+    // its way to it, and one that finds none ends. From here on the service's pointer is dead.
+    void EndTheTraceService()
     {
+        const DWORD process = ServiceProcess();
+        EXPECT_EQ(registry->DeleteRegistryNode(_bstr_t(L"HKEY_LOCAL_MACHINE\\SOFTWARE\\BeforeTheEnd")),
+                  ERROR_ACCESS_DENIED);
+        ASSERT_TRUE(WaitUntil([&] { return CountInTraceOf(process, L"BeforeTheEnd") > 0; }));
         const std::vector<DWORD> stores = FindProcesses(kTraceProgram);
         ASSERT_EQ(stores.size(), 1u);
         ASSERT_TRUE(KillProcess(stores[0]));
@@ -60,9 +65,6 @@ protected:
 TEST_F(TraceServiceGone, LaterLosesTheLinesAndNothingElse)
 {
     const DWORD process = ServiceProcess();
-    EXPECT_EQ(registry->DeleteRegistryNode(_bstr_t(L"HKEY_LOCAL_MACHINE\\SOFTWARE\\BeforeTheEnd")),
-              ERROR_ACCESS_DENIED);
-    ASSERT_TRUE(WaitUntil([&] { return CountInTraceOf(process, L"BeforeTheEnd") > 0; }));
     EndTheTraceService();
     const EventConnection sink(monitor);
     EXPECT_EQ(monitor->Open(), S_OK);
@@ -72,5 +74,18 @@ TEST_F(TraceServiceGone, LaterLosesTheLinesAndNothingElse)
     // No retry and no new connection: the lines of this process end here.
     EXPECT_EQ(CountInTraceOf(process, L"AfterTheEnd"), 0);
     EXPECT_EQ(ServiceProcess(), process);
+}
+
+TEST_F(TraceServiceGone, StopStillReportsAndTheProcessEnds)
+{
+    EndTheTraceService();
+    dns = nullptr;
+    registry = nullptr;
+    services = nullptr;
+    vnic = nullptr;
+    monitor = nullptr;
+    EXPECT_TRUE(StopService());
+    EXPECT_TRUE(WaitForNoProcess(60'000));
+    ForgetProcess();
 }
 } // namespace
