@@ -42,7 +42,7 @@ union Indestructible
 };
 } // namespace SingletonDetail
 
-// A function-level static with once-only construction, destroyed when the process exits.
+// An object that C++ itself makes on first use, whichever thread comes first, and takes down with the process.
 template <class T>
 class SimpleSingleton
 {
