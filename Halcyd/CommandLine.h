@@ -12,6 +12,6 @@ enum class CommandLineWord
 };
 
 // Scans a whole command line, the program's path included. A token starts behind each "-" and each "/", wherever it
-// stands, and reaches to the end of the line; the first token that equals a word, in any case, wins. So a word counts
-// only as the last thing on the line, and a "-" in the program's path starts a token that matches nothing.
+// stands, and reaches to the end of the line; the first token that equals a word, in any case, wins. So a word with
+// anything behind it does not count, and the program's own path, which may hold both characters, does no harm.
 [[nodiscard]] CommandLineWord FindCommandLineWord(std::wstring_view commandLine) noexcept;

@@ -41,8 +41,8 @@ unsigned long WINAPI CServiceModule::_HandlerEx(DWORD dwControl, DWORD dwEventTy
     return 0;
 }
 
-// Only the stop does anything. An interrogation does not report the status again, and shutdown is not among the
-// accepted controls: the service has no stop sequence of its own for it. That is required.
+// Only the stop does anything, and that is required: an interrogation is answered by the manager from what it knows,
+// and a shutdown is never sent to a service that does not ask for it.
 void CServiceModule::Handler(DWORD dwOpcode)
 {
     const ScopeTrace scope(Log::Source::ConfigServer, 19);

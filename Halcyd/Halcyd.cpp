@@ -9,6 +9,7 @@
 #include "Halcyd/ResourceIds.h"
 #include "Halcyd/ServiceModule.h"
 #include "NetUtilities/ComApartment.h"
+#include "NetUtilities/CrashGuard.h"
 #include "NetUtilities/RegistryKey.h"
 #include "NetUtilities/Singleton.h"
 #include "NetUtilities/Trace.h"
@@ -39,6 +40,8 @@ std::optional<long> RunCommandLineWord()
 // The steps stand in the one order in which they work; what they open is closed in reverse when the function returns.
 int WINAPI wWinMain(HINSTANCE hInstance, HINSTANCE /*hPrevInstance*/, LPWSTR /*lpCmdLine*/, int /*nShowCmd*/)
 {
+    KeepRuntimeFromAsking();
+
     // Holds the multithreaded apartment open for all threads of the process.
     const ComApartment apartment(COINIT_MULTITHREADED);
 

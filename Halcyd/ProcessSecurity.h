@@ -6,8 +6,8 @@
 
 // The security descriptor of the process: owner and group of whoever runs it, and no DACL at all.
 //
-// Without a DACL every local user may reach the objects. That is the design: protection lies in the allow-lists of the
-// classes themselves.
+// Nobody is kept from an object: what a caller may do with it is decided by each class, by its allow-list. Do not add a
+// DACL; the client application runs without any rights.
 class ProcessSecurity
 {
 public:

@@ -1,5 +1,5 @@
-// The operations behind the registration words of the command line. They run alone, on the main thread of a short-lived
-// process. Registration keeps going wherever it can.
+// What the registration words of the command line do: on the main thread of a process that does nothing else, with no
+// class object registered. A step that fails is told, and nearly always the next one is taken all the same.
 
 #include "Halcyd/InstallErrors.h"
 #include "Halcyd/ResourceIds.h"

@@ -24,8 +24,8 @@ struct PowerEvent
 // The trace text and action of a PBT_ value; nothing for one that is not known.
 [[nodiscard]] std::optional<PowerEvent> DescribePowerEvent(DWORD eventType) noexcept;
 
-// The trace lines of a power status. "Critical" is told only for the critical flag alone, off the line: a critical flag
-// with another bit (charging, for instance) does not count. That is required.
+// The trace lines of a power status. "Critical" is told for a battery flag of exactly 4 and off the line only; 12,
+// which is critical and charging, is not told. That is required.
 [[nodiscard]] std::vector<std::wstring> DescribePowerStatus(BYTE acLineStatus, BYTE batteryFlag);
 
 struct SessionEvent
@@ -35,7 +35,6 @@ struct SessionEvent
     bool consoleDisconnect; // tell the client application, unless the flag was set before
 };
 
-// The trace text and effect of a WTS_ value; nothing for one that is not known. The flag means that the last change was
-// a remote one, not that somebody is connected: a remote disconnect sets it just as a remote connect does. That is
-// required.
+// The trace text and effect of a WTS_ value; nothing for one that is not known. Both remote changes set the flag, the
+// disconnect too: it is about the kind of the latest change and tells nothing of who is connected. That is required.
 [[nodiscard]] std::optional<SessionEvent> DescribeSessionEvent(DWORD eventType) noexcept;

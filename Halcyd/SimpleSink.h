@@ -3,7 +3,7 @@
 #include "ComSupport/ComSupport.h"
 #include "Halcyd_h.h"
 
-// A sink for trying out events by hand; the product does not use it.
+// A tool of developers: a sink that shows in a debugger that it was called. The product does not use it.
 //
 // Its class id has a quirk that has to stay: the process serves it under the id of the type library, while its registry
 // script registers the class under another one. An activation through the registered ProgID therefore never reaches it.

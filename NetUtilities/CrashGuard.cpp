@@ -94,6 +94,11 @@ MINIDUMP_TYPE GetDumpType()
     return type;
 }
 
+void KeepRuntimeFromAsking() noexcept
+{
+    _set_error_mode(_OUT_TO_STDERR);
+}
+
 void InvalidParameterHandler(const wchar_t* expression, const wchar_t* function, const wchar_t* file, unsigned line,
                              uintptr_t)
 {

@@ -30,6 +30,12 @@ LONG WriteCrashDump(EXCEPTION_POINTERS* pointers) noexcept;
 // The registry's "DumpType", read anew at each call; MiniDumpNormal if there is none.
 [[nodiscard]] MINIDUMP_TYPE GetDumpType();
 
+// Sends what the C runtime says on its way out (an abort, such as that behind an exception that nobody catches; a
+// broken runtime check) to the error stream. Left to itself it asks in a dialogue, in a program without a console and
+// under a service account too, and the process would then wait for somebody to answer instead of ending. For the whole
+// process and for good: called first thing.
+void KeepRuntimeFromAsking() noexcept;
+
 namespace CrashText
 {
 // "<folder><program>_<version>_<stamp>.dmp"

@@ -53,8 +53,9 @@ struct DeviceInfo
     std::vector<DeviceNode> Nodes;
 };
 
-// Answers which physical device a device instance belongs to and what else does. A network function of a USB device
-// sits below a composite parent: the helper climbs while the USB identity stays the same, then collects the subtree.
+// Finds the physical device behind a device instance, and all that belongs to it. In the device tree the functions of a
+// USB device hang below a common node with the same USB identity: the search goes up while the identity stays, and
+// collects everything from there down.
 // Made for one query, on one thread. Failures are logged to the given source and leave fields empty.
 class DeviceInfoHelper
 {

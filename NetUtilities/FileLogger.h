@@ -15,8 +15,8 @@
 
 // The fall-back channel of the trace: what the Logger must say about its own service goes here.
 //
-// The writing is switched off and nothing switches it on: lines pass through the queue and are dropped, and no
-// file appears. That is required; do not add a switch.
+// It never writes a file: the switch is off from the start, and the thread throws away what it takes from the queue.
+// That is required; do not add a way to turn the switch on.
 class FileLogger : public Singleton<FileLogger>
 {
 public:

@@ -14,7 +14,7 @@
 
 using WideFormatArguments = fmt::wformat_args;
 
-// Formats with arguments bound by MakeWideArguments. Throws std::exception's children on a bad format string.
+// Formats with arguments bound by fmt::make_wformat_args. Throws std::exception's children on a bad format string.
 inline std::wstring FormatArguments(std::wstring_view format, WideFormatArguments arguments)
 {
     return fmt::vformat(fmt::basic_string_view<wchar_t>(format.data(), format.size()), arguments);

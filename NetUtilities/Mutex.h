@@ -157,7 +157,13 @@ template <class Mutex>
 class SCOPED_CAPABILITY MutexLock
 {
 public:
+    enum Ownership
+    {
+        Locked // by this thread already: only to be unlocked
+    };
+
     explicit MutexLock(Mutex& guarded) ACQUIRE(guarded) : mutex(guarded) { mutex.Lock(); }
+    MutexLock(Mutex& guarded, Ownership) REQUIRES(guarded) : mutex(guarded) {}
     ~MutexLock() RELEASE() { mutex.Unlock(); }
     MutexLock(const MutexLock&) = delete;
     MutexLock& operator=(const MutexLock&) = delete;

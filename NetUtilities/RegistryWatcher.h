@@ -18,7 +18,7 @@ public:
 
     // Opens the key (query and notify only); if that works, makes the event and reads the switch.
     void Start();
-    // If the event is signalled, reads the switch again and resets the event. Does not wait.
+    // Takes a change in, if one was signalled since the last call. Does not wait.
     void Poll();
     // Closes the key and the event.
     void Stop() noexcept;

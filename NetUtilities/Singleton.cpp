@@ -14,9 +14,20 @@ bool IsLoggerName(std::string_view typeName) noexcept
 }
 } // namespace
 
-LifetimeTracker::Registration LifetimeTracker::Register(std::string typeName, std::function<void()> cleanup)
+// The lock is asked for again and again rather than waited for: a tear-down holds it until the threads of all
+// singletons have ended, and the caller may be one of them (the logger's, with a failure to tell to the file logger).
+LifetimeTracker::Registration LifetimeTracker::Register(std::string typeName,
+                                                        std::function<void()> cleanup) NO_THREAD_SAFETY_ANALYSIS
 {
-    const MutexLock lock(trackerLock);
+    while (!trackerLock.TryLock())
+    {
+        if (tearingDown.load())
+        {
+            return Known;
+        }
+        SwitchToThread();
+    }
+    const MutexLock lock(trackerLock, MutexLock<RecursiveMutex>::Locked);
     const bool known =
         std::any_of(entries.begin(), entries.end(), [&](const Record& record) { return record.typeName == typeName; });
     if (known)
@@ -50,7 +61,9 @@ void LifetimeTracker::DestroyAll()
     {
         walk.push_back(record);
     }
+    tearingDown.store(true);
     std::for_each(walk.rbegin(), walk.rend(), [](auto record) { record->cleanup(); });
+    tearingDown.store(false);
     for (const auto& record : walk)
     {
         entries.erase(record);

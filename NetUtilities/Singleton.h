@@ -42,7 +42,7 @@ union Indestructible
 };
 } // namespace SingletonDetail
 
-// A function-level static with once-only construction, destroyed when the process exits.
+// An object that C++ itself makes on first use, whichever thread comes first, and takes down with the process.
 template <class T>
 class SimpleSingleton
 {
@@ -65,7 +65,8 @@ public:
         Known = 2,    // the type had a record already
     };
 
-    // Records type T with its clean-up function, unless it has a record.
+    // Records type T with its clean-up function, unless it has a record. Nothing is recorded for a thread that comes
+    // while another one tears down: that one may be joining it, so it is told Known at once instead of waiting.
     template <class T>
     Registration Register(std::function<void()> cleanup)
     {
@@ -85,7 +86,8 @@ private:
     };
 
     std::list<Record> entries GUARDED_BY(trackerLock);
-    RecursiveMutex trackerLock; // recursive: a singleton being destroyed can still get another one
+    RecursiveMutex trackerLock;           // recursive: a singleton being destroyed can still get another one
+    std::atomic<bool> tearingDown{false}; // written under trackerLock
 };
 
 // LifetimeTracker::DestroyAll on the process's tracker: the tear-down at the end of the service's life.
@@ -97,7 +99,7 @@ class Singleton
 public:
     // A shared reference to the one object, made by `factory` (returning a T* from new) on first use. May be null:
     // the first use is not locked, and a thread that loses that race while the winner is still building gets
-    // nothing. Every caller tests the result.
+    // nothing; nor does one whose first use falls into a tear-down by another thread. Every caller tests the result.
     template <class Factory>
     [[nodiscard]] static std::shared_ptr<T> Get(Factory&& factory)
     {

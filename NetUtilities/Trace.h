@@ -1,7 +1,7 @@
 #pragma once
-// The trace of the process: every function that does real work opens a ScopeTrace, every message goes through
-// one of the functions below, from any thread. Nothing here reports a failure to its caller; only running out of
-// memory while formatting raises.
+// The trace of the process. A function with work to do opens a ScopeTrace first; messages go through the functions
+// below, on any thread. Nothing here reports a failure to its caller; only running out of memory while formatting
+// raises.
 //
 // A message carries a source and a level. It passes when its level is at most the source's level (the global one
 // if the source has none): 1 invalid parameters, 2 failures, 3 doubtful states, 4 the ordinary account, 5 detail

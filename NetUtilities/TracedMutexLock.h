@@ -1,6 +1,6 @@
 #pragma once
-// Scoped locks that write each lock and unlock of a named mutex to the trace (source 11, level 5): the wish before
-// the lock, the release behind it, so the lines of two threads can be read in order.
+// Scoped locks that leave a line in the trace (source 11, level 5) before they wait for their mutex and another once
+// they have given it back. Who waits for whom can be read off the lines of several threads.
 
 #include <source_location>
 #include <string>

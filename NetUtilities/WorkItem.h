@@ -1,10 +1,10 @@
 #pragma once
-// Slow work away from the threads that ask for it: the work item, a queue with one thread, and a small growing pool
-// of such queues. Nothing in here traces.
+// Slow work away from the threads that ask for it: a work item, a queue that runs items on a thread of its own, and a
+// pool that adds such queues as they are needed. Nothing in here traces.
 //
-// A work item is made with new by the caller. From the moment it is handed to a queue or pool it belongs to that,
-// and is deleted after it was run, when it is refused, or with the queue; the exceptions stand at the functions.
-// Nothing catches an exception from Execute.
+// The caller makes an item with new and gives it away with the call that takes it: it is deleted after it was run, when
+// it is refused, or with the queue; the exceptions stand at the functions. An exception out of Execute ends the
+// process.
 //
 // Lock order: pool lock, then a thread's lock or a queue's items lock. A queue's life lock comes before its items
 // lock. The pool lock is held while the pool stops, and that joins threads; Add does not wait for it then but refuses

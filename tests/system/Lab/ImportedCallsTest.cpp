@@ -58,12 +58,12 @@ const std::set<std::string>& NotHooked()
         "RtlLookupFunctionEntry", "RtlUnwindEx", "RtlVirtualUnwind", "TlsAlloc", "TlsGetValue", "TlsSetValue",
         "__C_specific_handler", "___lc_codepage_func", "___mb_cur_max_func", "__iob_func", "__set_app_type",
         "__setusermatherr", "__wgetmainargs", "__winitenv", "_amsg_exit", "_assert", "_cexit", "_close", "_commode",
-        "_endthreadex", "_errno", "_exit", "_fmode", "_initterm", "_lock", "_onexit", "_open", "_read", "_setjmp",
-        "_snwprintf", "_strdup", "_ultoa", "_unlock", "_wcmdln", "_write", "_wsopen_s", "abort", "calloc", "clock",
-        "exit", "fprintf", "fputc", "fputs", "fputwc", "free", "fwprintf", "fwrite", "getenv", "isspace", "localeconv",
-        "longjmp", "malloc", "memchr", "memcmp", "memcpy", "memmove", "memset", "printf", "realloc", "signal",
-        "sprintf", "strcmp", "strerror", "strlen", "strncmp", "strstr", "strtoul", "towlower", "vfprintf", "wcslen",
-        "wcsncmp"};
+        "_endthreadex", "_errno", "_exit", "_fmode", "_initterm", "_lock", "_onexit", "_open", "_read",
+        "_set_error_mode", "_setjmp", "_snwprintf", "_strdup", "_ultoa", "_unlock", "_wcmdln", "_write", "_wsopen_s",
+        "abort", "calloc", "clock", "exit", "fprintf", "fputc", "fputs", "fputwc", "free", "fwprintf", "fwrite",
+        "getenv", "isspace", "localeconv", "longjmp", "malloc", "memchr", "memcmp", "memcpy", "memmove", "memset",
+        "printf", "realloc", "signal", "sprintf", "strcmp", "strerror", "strlen", "strncmp", "strstr", "strtoul",
+        "towlower", "vfprintf", "wcslen", "wcsncmp"};
     return names;
 }
 

@@ -159,3 +159,20 @@ TEST_F(ControlHandlerFailures, StopReportsStopPendingBeforeAnythingElse)
         L"2 could not get netmon object during service stop command Error 2148007941 (0x80080005)"));
     EXPECT_EQ(lines[3], L"4 setting stop event");
 }
+
+TEST_F(ControlHandlerFailures, ControlsThatAreOnlyTracedReportNothingAndAskNobody)
+{
+    constexpr DWORD controls[] = {SERVICE_CONTROL_PAUSE,    SERVICE_CONTROL_CONTINUE,    SERVICE_CONTROL_INTERROGATE,
+                                  SERVICE_CONTROL_SHUTDOWN, SERVICE_CONTROL_DEVICEEVENT, 200};
+    for (const DWORD control : controls)
+    {
+        Send(control);
+    }
+    EXPECT_EQ(HostLines(),
+              (Texts{L"6 got the service control pause control", L"6 got the service control continue control",
+                     L"6 got the service control interrogate control", L"6 got the service control shutdown control",
+                     L"4 *** service control device event", L"6 service control device event",
+                     L"4 Unknown service request (Opcode = 0x0000c8)"}));
+    EXPECT_EQ(PlatformHooks::Calls("SetServiceStatus"), 0);
+    EXPECT_EQ(PlatformHooks::Calls("CoCreateInstance"), 0);
+}

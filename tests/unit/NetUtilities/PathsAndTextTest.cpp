@@ -337,6 +337,14 @@ TEST_F(CrashDumpTest, GuardInstallsTheFilterThatWritesADumpAndLeavesItInPlace)
     EXPECT_STREQ("MDMP", signature);
 }
 
+TEST(RuntimeMessages, GoToTheErrorStreamInsteadOfADialogue)
+{
+    const int before = _set_error_mode(_OUT_TO_MSGBOX);
+    KeepRuntimeFromAsking();
+    EXPECT_EQ(_OUT_TO_STDERR, _set_error_mode(_REPORT_ERRMODE));
+    _set_error_mode(before);
+}
+
 // The exception that the handler raises, caught before it gets to the filter.
 DWORD raisedCode = 0;
 

@@ -1,10 +1,13 @@
 #include "NetUtilities/Singleton.h"
 
+#include <atomic>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "NetUtilities/Event.h"
 #include "NetUtilities/Trace.h"
 #include "tests/unit/support/TraceRecorder.h"
 
@@ -43,6 +46,32 @@ public:
     }
     static inline bool meetsNewOne = false;
     static inline bool metWhileGoing = false;
+};
+// Ends a thread of its own on the way out, which asks for another singleton first.
+class SingletonWithThread : public Singleton<SingletonWithThread>
+{
+public:
+    ~SingletonWithThread()
+    {
+        std::thread last(
+            []
+            {
+                gotOne = SingletonB::Get([] { return new SingletonB; }) != nullptr;
+                answered.Set();
+            });
+        inTime = answered.Wait(10'000);
+        if (inTime)
+        {
+            last.join();
+        }
+        else
+        {
+            last.detach();
+        }
+    }
+    static inline Event answered{true, false};
+    static inline std::atomic<bool> gotOne = false;
+    static inline bool inTime = false;
 };
 
 namespace
@@ -135,6 +164,15 @@ TEST_F(SingletonTest, SingletonThatIsGoneAlreadyIsNotMadeAgainDuringTheTearDown)
     DestroyAllSingletons();
     EXPECT_FALSE(SingletonC::metWhileGoing);
     EXPECT_EQ((std::vector<std::string>{"A", "C"}), destroyed);
+}
+
+TEST_F(SingletonTest, ThreadThatATearDownJoinsGetsNullInsteadOfWaitingForItsEnd)
+{
+    (void)SingletonWithThread::Get([] { return new SingletonWithThread; });
+    DestroyAllSingletons();
+    EXPECT_TRUE(SingletonWithThread::inTime) << "each waited for the other";
+    EXPECT_FALSE(SingletonWithThread::gotOne);
+    EXPECT_NE(nullptr, SingletonB::Get([] { return new SingletonB; })) << "behind the tear-down all is as before";
 }
 
 TEST_F(SingletonTest, LoserOfTheFirstUseGetsNullWhileTheWinnerBuilds)
