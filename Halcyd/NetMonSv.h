@@ -301,7 +301,7 @@ protected:
     std::unique_ptr<std::thread> WmiEventThread;
     Event wmiEventThreadStop; // manual-reset, made at thread start
     PlainMutex wmiEventQueueMutex{LockRank::WmiEventQueue};
-    PlainMutex wmiEventHandleMutex; // a late notification may signal wmiEventAvailable while a close takes it away
+    PlainMutex wmiEventHandleMutex; // a late notification may signal wmiEventAvailable while it is made or closed
     UniqueHandle nativeWifiEvent;   // "NetCfgWifiEvent", manual-reset
     std::unique_ptr<std::thread> NativeWifiMonitorThread;
     Event nativeWifiStopEvent;                                                 // manual-reset
