@@ -97,6 +97,7 @@ TEST_F(AdapterConfigTest, FreeLockIsTakenAtTheFirstLookWithoutASleep)
     EXPECT_EQ(L"", engine.LockHolder());
     EXPECT_FALSE(session->HasSession());
     EXPECT_FALSE(session->HoldsWriteLock());
+    EXPECT_TRUE(trace.Has(L"INetCfg Uninitialize interface"));
     EXPECT_TRUE(trace.Has(L"INetCfgLock WriteLock released"));
     EXPECT_TRUE(trace.Has(L"Close INetCfgLockGIT.Revoke cookie: 0x0"));
     EXPECT_TRUE(trace.Has(L"Close INetCfgGIT.Revoke rc: cookie: 0x0"));
