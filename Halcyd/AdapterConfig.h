@@ -7,7 +7,6 @@
 #include <netcfgx.h>
 
 #include <atomic>
-#include <functional>
 #include <string>
 #include <string_view>
 
@@ -71,7 +70,7 @@ public:
     // returned; 0 without a session.
     HRESULT RestoreBindings();
 
-    // Removes the record.
+    // Removes the record, session or not. Does not come back while the system refuses to delete a key of it.
     void DeleteOldBindingInfo();
 
     // True from Initialize to Close, also when the lock was not got.

@@ -20,7 +20,8 @@ PathDecision DecidePath(const PathFacts& facts, std::wstring_view adapterNotToUn
     {
         return LeaveAlone(L"\talready disabled");
     }
-    if (facts.componentGuid == adapterNotToUnbind)
+    // An id that the engine could not tell is nobody's, also when the client names no adapter to keep.
+    if (!facts.componentGuid.empty() && facts.componentGuid == adapterNotToUnbind)
     {
         return LeaveAlone(L"\tthis is the component that we should not unbind");
     }

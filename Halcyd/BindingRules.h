@@ -32,7 +32,7 @@ struct PathFacts
 {
     bool disabled = false;      // IsEnabled gave S_FALSE
     std::wstring componentId;   // lower component's id
-    std::wstring componentGuid; // its instance GUID, as StringFromCLSID prints it
+    std::wstring componentGuid; // its instance GUID, as StringFromCLSID prints it; empty if the engine did not tell it
     std::wstring displayName;
 };
 

@@ -184,40 +184,54 @@ public:
     static void UpdateBstrFromVariant(BSTR* field, VARIANT* value);
 
     // --- WMI notifications (ProcessWmiEvents.cpp) ---
+    // Subscribes eventSink. E_INVALIDARG without a connection; the first failure is returned, with the subscriptions
+    // made so far in force.
     HRESULT RegisterForNotifications();
+    // Both are called by Open and Close only, which exclude each other. Without its events there is no thread. The stop
+    // waits until every queued notification has been handled.
     void StartWmiEventMonitorThread();
     void StopWmiEventMonitorThread();
     void ProcessWmiEventsThread();
     // Called on WMI's threads. Takes a reference of its own.
     void EnqueueWmiEvent(IWbemClassObject* object);
+    // Handles one notification (not null) under deviceInfoListMutex, WMI queries included, and fires what came of it
+    // with the lock released. Returns 0.
     HRESULT ProcessNotificationEvent(IWbemClassObject* event);
-    // Both return an object that the caller releases, or null.
+    // Both return an object that the caller releases, or null. They ask WMI, and take no lock.
     IWbemClassObject* GetWmiObjInstanceByDeviceId(const wchar_t* id);
     IWbemClassObject* GetWmiObjInstanceByInstanceName(const wchar_t* name);
+    // For the trace only. The first wants an object, the second does nothing without one.
     void TraceMofSyntax(IWbemClassObject* object);
     void TraceWmiObject(IWbemClassObject* object);
 
     // --- Media (NetMonSvMedia.cpp) ---
+    // Both take deviceInfoListMutex, which the caller must hold already if `node` is to stay good; they do nothing
+    // without a node or an object. What is to be told at once is appended to `events` for the caller to fire.
     void ProcessDeviceConnectedEvent(_DEVICE_ELEMENT* node, IWbemClassObject* object,
                                      std::list<FireAdapterChangeEventData>& events);
     void ProcessDeviceDisconnectedEvent(_DEVICE_ELEMENT* node, IWbemClassObject* object,
                                         std::list<FireAdapterChangeEventData>& events);
+    // Runs on a pool thread with no lock held. Tells the connect when the wait is over, unless the adapter left or the
+    // monitor closes.
     void WaitForDefaultGatewayThread(WAIT_FOR_DCHP_EVENT context);
-    // Polls until the adapter has a gateway; replaces *object as it goes, which may end as null. Non-zero for a
-    // gateway.
+    // Polls, 500 ms apart, until the adapter has a gateway or the attempts are used up; replaces *object as it goes,
+    // which may end as null. Non-zero for a gateway.
     int WaitForIpDefaultGateway(IWbemClassObject** object, int attempts);
 
     // --- IP changes (NetMonSvIpChange.cpp) ---
     void RegisterForIpChangeEvents() REQUIRES(serializeOpenCloseMutex);
     void DeregisterForIpChangeEvents() REQUIRES(serializeOpenCloseMutex);
-    // Called on a thread of the platform.
+    // Called on a thread of the platform; never blocks on the monitor's work.
     void NetMonHandleUnicastIpChangeEvent();
+    // One update onto the queue; a failure is only traced.
     void EnqueueIPChangeEvent();
+    // The update, on the queue's thread: the list under deviceInfoListMutex, then the event and the spacing without it.
     void NetMonHandleUnicastIpChangeEventImpl();
 
     // --- Bindings (NetMonSvBindings.cpp); each runs on a thread of its own ---
     // Opens the session, disables, fires, and stays until a restore if it got the write lock.
     void DisableIpBindingsThread(std::unique_ptr<DISABLE_BINDINGS_INFO> info);
+    // Restores with the session of the disable or one of its own, fires, closes the session, frees a waiting disable.
     void RestoreIpBindingsThread();
     void RestoreAndCloseSession();
 
@@ -301,7 +315,7 @@ protected:
     std::unique_ptr<std::thread> WmiEventThread;
     Event wmiEventThreadStop; // manual-reset, made at thread start
     PlainMutex wmiEventQueueMutex{LockRank::WmiEventQueue};
-    PlainMutex wmiEventHandleMutex; // a late notification may signal wmiEventAvailable while a close takes it away
+    PlainMutex wmiEventHandleMutex; // a late notification may signal wmiEventAvailable while it is made or closed
     UniqueHandle nativeWifiEvent;   // "NetCfgWifiEvent", manual-reset
     std::unique_ptr<std::thread> NativeWifiMonitorThread;
     Event nativeWifiStopEvent;                                                 // manual-reset

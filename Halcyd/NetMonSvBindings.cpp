@@ -214,8 +214,8 @@ void CNetMonSv::RestoreAndCloseSession()
             MonitorTrace::FailureResult(result, L"problem restoring the bindings");
         }
     }
-    // In this order for the client: it hears of the restore while the write lock is held, then the lock goes, then the
-    // disable call returns.
+    // The event goes first, so that a client can act on it before any other program gets the write lock. Close gives
+    // the lock away; only behind it is the waiting disable woken, whose return says that the lock is free.
     Fire_AdapterChange(nullptr, result, enumEventIpBindingsRestored);
     static_cast<void>(adapterConfig.Close());
 }

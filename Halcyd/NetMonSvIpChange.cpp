@@ -1,11 +1,7 @@
-// Changes of unicast addresses. One update runs at a time, one more may be pending, and updates are at least 500 ms
-// apart.
-//
-//   state               queued  pending  on a change
-//   idle                  no      no     an update is queued: working
-//   working               yes     no     pending is set
-//   working, pending      yes     yes    nothing new
-// At the end of an update, its spacing included, working becomes idle, and with a change pending works again.
+// Changes of unicast addresses. They come in bursts, one for each address of an adapter, and each update costs a query
+// for every adapter. Two flags turn a burst into two updates: `queued` says that an update waits, runs or rests for
+// 500 ms behind its event, `pending` that something has changed since. Who ends an update with `pending` set starts one
+// more, so what an update may have read too early is read again.
 
 #include <winsock2.h>
 #include <ws2tcpip.h>
@@ -87,8 +83,8 @@ void CNetMonSv::DeregisterForIpChangeEvents()
     }
 }
 
-// The flags are read here without a lock: a change that comes in the instant in which an update ends may slip through,
-// and is picked up with the next one.
+// No lock, on purpose: the caller is a thread of the platform, and all that can be lost where this meets the end of an
+// update is one refresh, which the next change brings.
 void CNetMonSv::NetMonHandleUnicastIpChangeEvent()
 {
     ScopeTrace scope(Log::Source::NetMon, AlwaysOnTraceFlag);
@@ -96,6 +92,12 @@ void CNetMonSv::NetMonHandleUnicastIpChangeEvent()
     {
         MonitorTrace::Note(L"Set IP change event pending and return");
         ipChangePending = true;
+        return;
+    }
+    // The registration outlives the queue in Close. An item that such a change leaves in the stopped queue would run at
+    // the next Open, ahead of the one that gives the queue's thread its COM.
+    if (wmiCleanupEvent.Wait(0))
+    {
         return;
     }
     EnqueueIPChangeEvent();

@@ -1,5 +1,5 @@
-// Media connect and disconnect. A disconnect is told at once, and so is a connect on a Wi-Fi adapter. A connect on a
-// wired adapter is told when the adapter has a default gateway, or after about ten seconds without one.
+// Media connect and disconnect. A client that hears "connected" starts to dial, so a wired connect is kept back on the
+// pool while DHCP is at work, ten seconds at most; nothing else waits.
 
 #include "Halcyd/MonitorTrace.h"
 #include "Halcyd/NetMonSv.h"

@@ -87,7 +87,10 @@ void CNetMonSv::EnqueueWmiEvent(IWbemClassObject* object)
 void CNetMonSv::StartWmiEventMonitorThread()
 {
     ScopeTrace scope(Log::Source::NetMon, AlwaysOnTraceFlag);
-    wmiEventAvailable.Create(false, false);
+    {
+        MutexLock handle(wmiEventHandleMutex); // the sink of an earlier Open may still get a notification
+        wmiEventAvailable.Create(false, false);
+    }
     wmiEventThreadStop.Create(true, false);
     if (!wmiEventAvailable || !wmiEventThreadStop)
     {

@@ -41,8 +41,8 @@ IWbemClassObject* CNetMonSv::GetWmiObjInstanceByDeviceId(const wchar_t* id)
     return pTargetObject.Detach();
 }
 
-// A notification's InstanceName is the driver's name for the adapter, perhaps with a suffix, so the search goes the
-// other way round than the one in the list: WMI's value has to occur inside the name.
+// Drivers number a second card of their kind ("... #2") in the names that notifications carry, which WMI does not. So
+// what WMI calls the adapter is the needle here, while the list's own look-up has the notification's name for one.
 IWbemClassObject* CNetMonSv::GetWmiObjInstanceByInstanceName(const wchar_t* name)
 {
     ScopeTrace scope(Log::Source::NetMon, AlwaysOnTraceFlag);
@@ -88,10 +88,13 @@ IWbemClassObject* CNetMonSv::FindConfigurationNamedIn(std::wstring_view name, co
             }
             return nullptr;
         }
-        const std::wstring value = WmiValues::ReadText(object, property);
+        _variant_t stored;
+        WmiValues::Read(object, property, stored);
+        const std::wstring value = WmiValues::Text(stored);
         const std::wstring_view adapterName = WithoutBracketedIndex(value);
         MonitorTrace::Detail(L"checking if '{}' is a match '{}'", adapterName, name);
-        if (name.find(adapterName) == std::wstring_view::npos)
+        // An object that has no such text would otherwise be the adapter of every name.
+        if (WmiValues::IsNull(stored) || name.find(adapterName) == std::wstring_view::npos)
         {
             continue;
         }

@@ -85,6 +85,7 @@ TEST_F(AdapterConfigTest, FreeLockIsTakenAtTheFirstLookWithoutASleep)
     EXPECT_EQ(S_OK, Open());
     EXPECT_TRUE(clock.Sleeps().empty());
     EXPECT_EQ(Us, engine.LockHolder());
+    EXPECT_EQ(5000u, engine.lockWait);
     EXPECT_TRUE(session->HoldsWriteLock());
     EXPECT_TRUE(session->HasSession());
     EXPECT_TRUE(trace.Has(L"no current INetCfg object, need to create it"));
@@ -97,6 +98,7 @@ TEST_F(AdapterConfigTest, FreeLockIsTakenAtTheFirstLookWithoutASleep)
     EXPECT_EQ(L"", engine.LockHolder());
     EXPECT_FALSE(session->HasSession());
     EXPECT_FALSE(session->HoldsWriteLock());
+    EXPECT_TRUE(trace.Has(L"INetCfg Uninitialize interface"));
     EXPECT_TRUE(trace.Has(L"INetCfgLock WriteLock released"));
     EXPECT_TRUE(trace.Has(L"Close INetCfgLockGIT.Revoke cookie: 0x0"));
     EXPECT_TRUE(trace.Has(L"Close INetCfgGIT.Revoke rc: cookie: 0x0"));
@@ -147,6 +149,18 @@ TEST_F(AdapterConfigTest, LockTakenBetweenLookAndAcquireIsRetriedOnlyForNoWriteL
     EXPECT_EQ(2, engine.Calls("INetCfgLock::AcquireWriteLock"));
     EXPECT_TRUE(trace.Has(L"Acquire INetCfgLock WriteLock failed"));
     EXPECT_TRUE(trace.Has(L"'' is holding INetCfgLock"));
+}
+
+TEST_F(AdapterConfigTest, WaitForTheLockThatRanOutNamesTheHolderAndIsNotRetried)
+{
+    // Free at the look, taken when it is asked for.
+    engine.OnCall("INetCfgLock::AcquireWriteLock", [this] { engine.SetLockHolder(L"Quick program"); });
+    EXPECT_EQ(S_FALSE, Open());
+    EXPECT_EQ(L"Quick program", holder);
+    EXPECT_TRUE(clock.Sleeps().empty());
+    EXPECT_EQ(1, engine.Calls("INetCfgLock::AcquireWriteLock"));
+    EXPECT_EQ(0, engine.Calls("INetCfg::Initialize"));
+    EXPECT_FALSE(session->HoldsWriteLock());
 }
 
 TEST_F(AdapterConfigTest, EachOtherLockResultEndsTheAttemptAtOnceWithItsLine)
@@ -545,6 +559,17 @@ TEST_F(AdapterConfigTest, DeletingTheRecordDoesNotGiveUpOnAKeyThatCannotBeDelete
     session->DeleteOldBindingInfo();
     EXPECT_EQ(501, refused);
     EXPECT_EQ(-2, RecordValue(RecordOf(L"ms_tcpip", *card)));
+}
+
+TEST_F(AdapterConfigTest, ProtocolsKeyThatWasDeletedAfterAllIsToldAsDeleted)
+{
+    WriteRecord(RecordOf(L"ms_tcpip", *engine.AddComponent(L"card", 2)), 1);
+    RegDeleteKeyExWHook::Replace(
+        [](HKEY key, LPCWSTR name, REGSAM view, DWORD reserved) -> LONG
+        { return name[0] == L'{' ? RegDeleteKeyExWHook::Real(key, name, view, reserved) : ERROR_SUCCESS; });
+    session->DeleteOldBindingInfo();
+    EXPECT_TRUE(trace.Has(L"deleted registry key " + std::wstring(BindingRules::RootKey) + L"ms_tcpip"));
+    EXPECT_FALSE(trace.Has(L"could not delete registry key"));
 }
 
 TEST_F(AdapterConfigTest, AThousandCyclesLeaveTheBindingsAndTheEngineAsTheyWere)

@@ -55,6 +55,13 @@ TEST(BindingRules, EmptyAdapterKeepsNothing)
     EXPECT_EQ(PathAction::Disable, Decide(Ethernet(), 0, false, L"").action);
 }
 
+TEST(BindingRules, ComponentWhoseIdCannotBeToldIsNotKeptForAClientThatNamesNone)
+{
+    PathFacts facts = Ethernet();
+    facts.componentGuid.clear();
+    EXPECT_EQ(PathAction::Disable, Decide(facts, 0, false, L"").action);
+}
+
 TEST(BindingRules, IsatapInterfaceOfTheKeptAdapterIsLeftAlone)
 {
     PathFacts facts = Ethernet();

@@ -332,10 +332,11 @@ public:
     }
     HRESULT STDMETHODCALLTYPE QueryNetCfgClass(const GUID*, REFIID, void**) override { return E_NOTIMPL; }
 
-    HRESULT STDMETHODCALLTYPE AcquireWriteLock(DWORD, LPCWSTR client, LPWSTR* holder) override
+    HRESULT STDMETHODCALLTYPE AcquireWriteLock(DWORD milliseconds, LPCWSTR client, LPWSTR* holder) override
     {
         ENGINE_CALL("INetCfgLock::AcquireWriteLock");
         const std::lock_guard guard(Engine().mutex);
+        Engine().lockWait = milliseconds;
         if (holder != nullptr)
         {
             *holder = nullptr;
@@ -412,6 +413,7 @@ FakeNetCfg& FakeNetCfg::Fresh()
     engine.protocols = {{L"ms_tcpip6", {}}, {L"ms_tcpip", {}}, {L"ms_ndiswan", {}}};
     engine.lockHolder.clear();
     engine.initialized = false;
+    engine.lockWait = 0;
     engine.calls.clear();
     engine.order.clear();
     engine.failures.clear();

@@ -60,6 +60,7 @@ public:
     std::map<std::wstring, std::vector<std::shared_ptr<FakePath>>> protocols;
     std::wstring lockHolder;
     bool initialized = false;
+    DWORD lockWait = 0; // milliseconds that the last AcquireWriteLock asked for
     int living = 0;
 
 private:

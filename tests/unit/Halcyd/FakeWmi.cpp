@@ -53,8 +53,8 @@ HRESULT FakeClassObject::Clone(IWbemClassObject** copy)
 
 HRESULT FakeClassObject::GetObjectText(long, BSTR* text)
 {
-    *text = SysAllocString(L"instance of FakeObject {};");
-    return S_OK;
+    *text = SUCCEEDED(textResult) ? SysAllocString(L"instance of FakeObject {};") : nullptr;
+    return textResult;
 }
 
 HRESULT FakeEnumerator::Reset()
@@ -98,12 +98,16 @@ HRESULT FakeWmiNamespace::ExecQuery(const BSTR, const BSTR query, long flags, IW
 }
 
 HRESULT FakeWmiNamespace::ExecNotificationQueryAsync(const BSTR, const BSTR query, long flags, IWbemContext*,
-                                                     IWbemObjectSink*)
+                                                     IWbemObjectSink* sink)
 {
     notificationQueries.emplace_back(query);
     queryFlags.push_back(flags);
-    return failNotificationQuery == static_cast<int>(notificationQueries.size()) ? static_cast<HRESULT>(WBEM_E_FAILED)
-                                                                                 : S_OK;
+    if (failNotificationQuery == static_cast<int>(notificationQueries.size()))
+    {
+        return static_cast<HRESULT>(WBEM_E_FAILED);
+    }
+    notificationSinks.push_back(sink);
+    return S_OK;
 }
 
 HRESULT FakeWmiNamespace::CancelAsyncCall(IWbemObjectSink* sink)

@@ -56,6 +56,7 @@ class FakeClassObject : public FakeUnknown<IWbemClassObject>
 public:
     std::map<std::wstring, _variant_t> values; // a property that is not there fails
     HRESULT cloneResult = S_OK;
+    HRESULT textResult = S_OK;
 
     HRESULT STDMETHODCALLTYPE Get(LPCWSTR name, long, VARIANT* value, CIMTYPE*, long*) override;
     HRESULT STDMETHODCALLTYPE Clone(IWbemClassObject** copy) override;
@@ -124,7 +125,8 @@ public:
     std::vector<std::wstring> queries;
     std::vector<long> queryFlags;
     std::vector<std::wstring> notificationQueries;
-    int failNotificationQuery = 0; // counted from 1
+    std::vector<IWbemObjectSink*> notificationSinks; // of those that succeeded; not counted
+    int failNotificationQuery = 0;                   // counted from 1
     std::vector<IWbemObjectSink*> cancelled;
 
     HRESULT STDMETHODCALLTYPE ExecQuery(const BSTR, const BSTR query, long flags, IWbemContext*,

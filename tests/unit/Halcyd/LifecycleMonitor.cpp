@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <thread>
+
+#include "NetUtilities/TracedMutexLock.h"
 #include "tests/unit/Halcyd/TraceLines.h"
 
 namespace
@@ -74,6 +77,19 @@ HRESULT WmiScope::ConnectServer(const BSTR resource, const BSTR user, const BSTR
     *out = made;
     (*out)->AddRef();
     return S_OK;
+}
+
+bool LifecycleMonitor::IsListFree()
+{
+    bool isFree = false;
+    std::thread(
+        [&]
+        {
+            const TracedMutexTryLock<RecursiveMutex> tried(deviceInfoListMutex, L"deviceInfoListMutex");
+            isFree = tried.Owned();
+        })
+        .join();
+    return isFree;
 }
 
 std::wstring FirstMissingInOrder(const std::vector<std::wstring>& wanted)

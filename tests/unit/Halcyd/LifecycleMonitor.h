@@ -24,6 +24,20 @@ public:
     }
     std::int32_t ForcedSurveys() NO_THREAD_SAFETY_ANALYSIS { return forcedSurveyCount; }
     RecursiveMutex& ListMutex() { return deviceInfoListMutex; }
+    // True if another thread could have the list now.
+    [[nodiscard]] bool IsListFree();
+    // The module that the address notifications are asked of, with a reference that the monitor gives back.
+    void UseIpHelper(HMODULE module) NO_THREAD_SAFETY_ANALYSIS { ipHelperModule.reset(module); }
+    void RegisterForAddresses()
+    {
+        MutexLock lock(serializeOpenCloseMutex);
+        RegisterForIpChangeEvents();
+    }
+    void DeregisterForAddresses()
+    {
+        MutexLock lock(serializeOpenCloseMutex);
+        DeregisterForIpChangeEvents();
+    }
 
     HRESULT WiFiAdapterInfo(_DEVICE_ELEMENT* node, IWbemClassObject* object)
     {

@@ -16,6 +16,7 @@
 #include "NetUtilities/ComApartment.h"
 #include "NetUtilities/RegistryKey.h"
 #include "tests/unit/Halcyd/FakeNetCfg.h"
+#include "tests/unit/Halcyd/MemoryLedger.h"
 #include "tests/unit/Halcyd/PlatformHooks.h"
 #include "tests/unit/Halcyd/SleepClock.h"
 #include "tests/unit/Halcyd/TestModule.h"
@@ -381,6 +382,35 @@ TEST_F(NetMonSvBindingsTest, ThreadWithoutComFiresNothing)
     EXPECT_TRUE(trace.Has(L"bindings have been restored (RestoreIpBindingsThread)"));
     EXPECT_EQ(0u, sink.Count());
     EXPECT_TRUE(engine.AllCalls().empty());
+}
+
+TEST_F(NetMonSvBindingsTest, RestoreWithoutComFreesTheWaitingDisableAndLeavesTheSessionToTheNextOne)
+{
+    std::future<HRESULT> disable = DisableOnAThread();
+    sink.WaitFor(1);
+    WaitForTrace(L"wait for RestoreIpBindings to finish");
+    CoInitializeExHook::Replace([](LPVOID, DWORD) -> HRESULT { return E_OUTOFMEMORY; });
+    EXPECT_EQ(S_OK, monitor->RestoreIpBindings());
+    EXPECT_EQ(S_OK, Finish(disable));
+    EXPECT_EQ(1u, sink.Count());
+    EXPECT_EQ(Us, engine.LockHolder());
+    PlatformHooks::Reset();
+    EXPECT_EQ(S_OK, monitor->RestoreIpBindings());
+    EXPECT_EQ(10, sink.WaitFor(2).event);
+    EXPECT_EQ(L"", engine.LockHolder());
+}
+
+TEST_F(NetMonSvBindingsTest, DisableWithoutMemoryReturnsZeroAndDoesNothing)
+{
+    const _bstr_t adapter(Kept);
+    {
+        const NothrowNewFails shortage(sizeof(DISABLE_BINDINGS_INFO));
+        EXPECT_EQ(S_OK, monitor->DisableIpBindings(adapter, 0));
+        EXPECT_TRUE(NothrowNewFails::Happened());
+    }
+    EXPECT_EQ(0u, sink.Count());
+    EXPECT_TRUE(engine.AllCalls().empty());
+    EXPECT_FALSE(trace.Has(L"The adapter to not unbind is"));
 }
 
 TEST_F(NetMonSvBindingsTest, ThreadThatIsInAnotherApartmentAlreadyWorks)
