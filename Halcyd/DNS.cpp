@@ -53,9 +53,9 @@ bool ToText(_variant_t& variant, std::wstring& text)
 STDMETHODIMP CDNS::ConnectNetCfg(BSTR bstrGuid) noexcept
 {
     return GuardMethod(
-        [&]
+        [&](const std::source_location& here)
         {
-            const ScopeTrace scope{Source, ScopeFlag};
+            const ScopeTrace scope{Source, ScopeFlag, 0, {}, here};
             ComPointer<IWbemLocator> locator;
             HRESULT result = locator.CreateInstance(CLSID_WbemLocator, nullptr, CLSCTX_INPROC_SERVER);
             if (FAILED(result))
@@ -92,9 +92,9 @@ STDMETHODIMP CDNS::ConnectNetCfg(BSTR bstrGuid) noexcept
 STDMETHODIMP CDNS::DisconnectNetCfg() noexcept
 {
     return GuardMethod(
-        [&]
+        [&](const std::source_location& here)
         {
-            const ScopeTrace scope{Source, ScopeFlag};
+            const ScopeTrace scope{Source, ScopeFlag, 0, {}, here};
             configurationClass = nullptr;
             services = nullptr;
             return S_OK;

@@ -72,9 +72,9 @@ HRESULT CDNS::GetInstance(const wchar_t* guid, const wchar_t* noPath, const wcha
 STDMETHODIMP CDNS::GetDNS(BSTR bstrGuid, VARIANT* vArray) noexcept
 {
     return GuardMethod(
-        [&]
+        [&](const std::source_location& here)
         {
-            const ScopeTrace scope{Source, ScopeFlag};
+            const ScopeTrace scope{Source, ScopeFlag, 0, {}, here};
             if (vArray == nullptr)
             {
                 return E_POINTER;
@@ -139,9 +139,9 @@ STDMETHODIMP CDNS::GetDNS(BSTR bstrGuid, VARIANT* vArray) noexcept
 STDMETHODIMP CDNS::GetWINS(BSTR bstrMACAddress, BSTR* pbstrPrimary, BSTR* pbstrSecondary) noexcept
 {
     return GuardMethod(
-        [&]
+        [&](const std::source_location& here)
         {
-            const ScopeTrace scope{Source, ScopeFlag};
+            const ScopeTrace scope{Source, ScopeFlag, 0, {}, here};
             ComPointer<IWbemClassObject> object;
             HRESULT result = GetInstance(bstrMACAddress, L"could not get instance path",
                                          L"could not get class instance object", object);
@@ -180,9 +180,9 @@ STDMETHODIMP CDNS::GetWINS(BSTR bstrMACAddress, BSTR* pbstrPrimary, BSTR* pbstrS
 STDMETHODIMP CDNS::GetDNSSuffixSearchOrder(BSTR bstrMACAddress, VARIANT* vArray) noexcept
 {
     return GuardMethod(
-        [&]
+        [&](const std::source_location& here)
         {
-            const ScopeTrace scope{Source, ScopeFlag};
+            const ScopeTrace scope{Source, ScopeFlag, 0, {}, here};
             // The one failure that is told: without a session there is nothing to ask.
             if (const HRESULT session = RequireSession(); FAILED(session))
             {
@@ -212,9 +212,9 @@ STDMETHODIMP CDNS::GetDNSSuffixSearchOrder(BSTR bstrMACAddress, VARIANT* vArray)
 STDMETHODIMP CDNS::GetDNSDomain(BSTR bstrGuid, BSTR* pbstrDNSDomain) noexcept
 {
     return GuardMethod(
-        [&]
+        [&](const std::source_location& here)
         {
-            const ScopeTrace scope{Source, ScopeFlag};
+            const ScopeTrace scope{Source, ScopeFlag, 0, {}, here};
             if (pbstrDNSDomain == nullptr)
             {
                 return E_POINTER;
@@ -240,9 +240,9 @@ STDMETHODIMP CDNS::GetDNSDomain(BSTR bstrGuid, BSTR* pbstrDNSDomain) noexcept
 STDMETHODIMP CDNS::GetDefaultGateway(BSTR bstrGuid, BSTR* pbstrGateway) noexcept
 {
     return GuardMethod(
-        [&]
+        [&](const std::source_location& here)
         {
-            const ScopeTrace scope{Source, ScopeFlag};
+            const ScopeTrace scope{Source, ScopeFlag, 0, {}, here};
             return pbstrGateway != nullptr ? GetFirstOfArray(bstrGuid, L"DefaultIPGateway", *pbstrGateway) : E_POINTER;
         });
 }
@@ -250,9 +250,9 @@ STDMETHODIMP CDNS::GetDefaultGateway(BSTR bstrGuid, BSTR* pbstrGateway) noexcept
 STDMETHODIMP CDNS::GetIpAddress(BSTR bstrGuid, BSTR* pbstrIpAddr) noexcept
 {
     return GuardMethod(
-        [&]
+        [&](const std::source_location& here)
         {
-            const ScopeTrace scope{Source, ScopeFlag};
+            const ScopeTrace scope{Source, ScopeFlag, 0, {}, here};
             if (pbstrIpAddr == nullptr)
             {
                 return E_POINTER;

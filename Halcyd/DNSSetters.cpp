@@ -116,9 +116,9 @@ HRESULT CDNS::SpawnInput(const SetterMethod& method, std::span<const InputProper
 STDMETHODIMP CDNS::SetDNS(BSTR bstrGuid, VARIANT* vArray) noexcept
 {
     return GuardMethod(
-        [&]
+        [&](const std::source_location& here)
         {
-            const ScopeTrace scope{Source, ScopeFlag};
+            const ScopeTrace scope{Source, ScopeFlag, 0, {}, here};
             if (!IsStringArray(vArray))
             {
                 return Fail(E_UNEXPECTED, L"pass string array by reference to SetDNS");
@@ -143,9 +143,9 @@ STDMETHODIMP CDNS::SetDNS(BSTR bstrGuid, VARIANT* vArray) noexcept
 STDMETHODIMP CDNS::SetWINS(BSTR bstrMACAddress, BSTR bstrPrimary, BSTR bstrSecondary) noexcept
 {
     return GuardMethod(
-        [&]
+        [&](const std::source_location& here)
         {
-            const ScopeTrace scope{Source, ScopeFlag};
+            const ScopeTrace scope{Source, ScopeFlag, 0, {}, here};
             // An empty text is a value: it takes the server away.
             if (bstrPrimary == nullptr || bstrSecondary == nullptr)
             {
@@ -170,9 +170,9 @@ STDMETHODIMP CDNS::SetWINS(BSTR bstrMACAddress, BSTR bstrPrimary, BSTR bstrSecon
 STDMETHODIMP CDNS::SetDNSSuffixSearchOrder(BSTR bstrMACAddress, VARIANT* vArray) noexcept
 {
     return GuardMethod(
-        [&]
+        [&](const std::source_location& here)
         {
-            const ScopeTrace scope{Source, ScopeFlag};
+            const ScopeTrace scope{Source, ScopeFlag, 0, {}, here};
             if (!IsStringArray(vArray))
             {
                 return Fail(E_UNEXPECTED, L"Pass string array by reference to SetDNSSuffixSearchOrder");
@@ -199,9 +199,9 @@ STDMETHODIMP CDNS::SetDNSSuffixSearchOrder(BSTR bstrMACAddress, VARIANT* vArray)
 STDMETHODIMP CDNS::SetDNSDomain(BSTR bstrGuid, BSTR bstrDNSDomain) noexcept
 {
     return GuardMethod(
-        [&]
+        [&](const std::source_location& here)
         {
-            const ScopeTrace scope{Source, ScopeFlag};
+            const ScopeTrace scope{Source, ScopeFlag, 0, {}, here};
             _variant_t domain;
             domain.vt = VT_BSTR;
             domain.bstrVal = bstrDNSDomain != nullptr ? SysAllocString(bstrDNSDomain) : nullptr;
@@ -229,9 +229,9 @@ STDMETHODIMP CDNS::SetDNSDomain(BSTR bstrGuid, BSTR bstrDNSDomain) noexcept
 STDMETHODIMP CDNS::EnableDHCP(BSTR bstrGuid) noexcept
 {
     return GuardMethod(
-        [&]
+        [&](const std::source_location& here)
         {
-            const ScopeTrace scope{Source, ScopeFlag};
+            const ScopeTrace scope{Source, ScopeFlag, 0, {}, here};
             const SetterMethod method{L"EnableDHCP",
                                       L"EnableDHCP",
                                       L"Could not get EnableDHCP method",
@@ -246,10 +246,10 @@ STDMETHODIMP CDNS::EnableDHCP(BSTR bstrGuid) noexcept
 STDMETHODIMP CDNS::SetGateways(BSTR /*bstrGuid*/, VARIANT* /*vGatewayIPArray*/, VARIANT* /*vMetric*/) noexcept
 {
     return GuardMethod(
-        []
+        [](const std::source_location& here)
         {
             // Required: never offered, whatever the arguments.
-            const ScopeTrace scope{Source, ScopeFlag};
+            const ScopeTrace scope{Source, ScopeFlag, 0, {}, here};
             return E_UNEXPECTED;
         });
 }
@@ -257,9 +257,9 @@ STDMETHODIMP CDNS::SetGateways(BSTR /*bstrGuid*/, VARIANT* /*vGatewayIPArray*/, 
 STDMETHODIMP CDNS::EnableStatic(BSTR bstrGuid, VARIANT* vIPArray, VARIANT* vSubnetArray) noexcept
 {
     return GuardMethod(
-        [&]
+        [&](const std::source_location& here)
         {
-            const ScopeTrace scope{Source, ScopeFlag};
+            const ScopeTrace scope{Source, ScopeFlag, 0, {}, here};
             if (!IsStringArray(vIPArray) || !IsStringArray(vSubnetArray))
             {
                 return Fail(E_UNEXPECTED, L"Pass IP array by reference to EnableStatic");
@@ -281,9 +281,9 @@ STDMETHODIMP CDNS::EnableStatic(BSTR bstrGuid, VARIANT* vIPArray, VARIANT* vSubn
 STDMETHODIMP CDNS::ReleaseDHCPLease(BSTR bstrGuid) noexcept
 {
     return GuardMethod(
-        [&]
+        [&](const std::source_location& here)
         {
-            const ScopeTrace scope{Source, ScopeFlag};
+            const ScopeTrace scope{Source, ScopeFlag, 0, {}, here};
             const SetterMethod method{L"ReleaseDHCPLease",
                                       L"ReleaseDHCPLease",
                                       L"Could not get ReleaseDHCPLease method",
@@ -298,9 +298,9 @@ STDMETHODIMP CDNS::ReleaseDHCPLease(BSTR bstrGuid) noexcept
 STDMETHODIMP CDNS::RenewDHCPLease(BSTR bstrSettingId) noexcept
 {
     return GuardMethod(
-        [&]
+        [&](const std::source_location& here)
         {
-            const ScopeTrace scope{Source, ScopeFlag};
+            const ScopeTrace scope{Source, ScopeFlag, 0, {}, here};
             // Required: it looks for the release method, only to see that it is there, and then runs the renewal.
             const SetterMethod method{L"RenewDHCPLease",
                                       L"ReleaseDHCPLease",

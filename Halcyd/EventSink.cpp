@@ -1,5 +1,6 @@
 #include "Halcyd/EventSink.h"
 
+#include "Halcyd/MethodGuard.h"
 #include "Halcyd/MonitorTrace.h"
 #include "Halcyd/NetMonSv.h"
 
@@ -9,7 +10,7 @@ HRESULT EventSink::SetProcessingInstance(CNetMonSv* monitor) noexcept
     return S_OK;
 }
 
-STDMETHODIMP EventSink::QueryInterface(REFIID iid, void** result)
+STDMETHODIMP EventSink::QueryInterface(REFIID iid, void** result) noexcept
 {
     if (result == nullptr)
     {
@@ -25,12 +26,12 @@ STDMETHODIMP EventSink::QueryInterface(REFIID iid, void** result)
     return E_NOINTERFACE;
 }
 
-STDMETHODIMP_(ULONG) EventSink::AddRef()
+STDMETHODIMP_(ULONG) EventSink::AddRef() noexcept
 {
     return static_cast<ULONG>(++referenceCount);
 }
 
-STDMETHODIMP_(ULONG) EventSink::Release()
+STDMETHODIMP_(ULONG) EventSink::Release() noexcept
 {
     const long left = --referenceCount;
     if (left == 0)
@@ -40,43 +41,54 @@ STDMETHODIMP_(ULONG) EventSink::Release()
     return static_cast<ULONG>(left);
 }
 
-STDMETHODIMP EventSink::Indicate(long count, IWbemClassObject** objects)
+STDMETHODIMP EventSink::Indicate(long count, IWbemClassObject** objects) noexcept
 {
-    ScopeTrace scope(Log::Source::NetMon, AlwaysOnTraceFlag);
-    for (long index = 0; index < count; ++index)
-    {
-        if (CNetMonSv* const monitor = processingInstance; monitor != nullptr)
+    // Every return is S_OK: WMI can do nothing about an event that there is no memory for.
+    static_cast<void>(GuardMethod(
+        [&](const std::source_location& here)
         {
-            MonitorTrace::Note(L"processing object {}", index);
-            monitor->EnqueueWmiEvent(objects[index]);
-        }
-        else
-        {
-            MonitorTrace::Note(L"no processing handler for object {}", index);
-        }
-    }
-    MonitorTrace::Note(L"processed indication");
+            const ScopeTrace scope(Log::Source::NetMon, AlwaysOnTraceFlag, 0, {}, here);
+            for (long index = 0; index < count; ++index)
+            {
+                if (CNetMonSv* const monitor = processingInstance; monitor != nullptr)
+                {
+                    MonitorTrace::Note(L"processing object {}", index);
+                    monitor->EnqueueWmiEvent(objects[index]);
+                }
+                else
+                {
+                    MonitorTrace::Note(L"no processing handler for object {}", index);
+                }
+            }
+            MonitorTrace::Note(L"processed indication");
+            return S_OK;
+        }));
     return S_OK;
 }
 
-STDMETHODIMP EventSink::SetStatus(long flags, HRESULT result, BSTR /*text*/, IWbemClassObject* /*object*/)
+STDMETHODIMP EventSink::SetStatus(long flags, HRESULT result, BSTR /*text*/, IWbemClassObject* /*object*/) noexcept
 {
-    ScopeTrace scope(Log::Source::NetMon, AlwaysOnTraceFlag);
-    const auto code = static_cast<std::uint32_t>(result);
-    switch (flags)
-    {
-    case WBEM_STATUS_COMPLETE:
-        MonitorTrace::Note(L"EventSink::SetStatus: current status WBEM_STATUS_COMPLETE ({:#x})", code);
-        break;
-    case WBEM_STATUS_REQUIREMENTS:
-        MonitorTrace::Note(L"EventSink::SetStatus: current status WBEM_STATUS_REQUIREMENTS ({:#x})", code);
-        break;
-    case WBEM_STATUS_PROGRESS:
-        MonitorTrace::Note(L"EventSink::SetStatus: current status WBEM_STATUS_PROGRESS ({:#x})", code);
-        break;
-    default:
-        MonitorTrace::Note(L"EventSink::SetStatus: current status unknown ({:#x})", code);
-        break;
-    }
+    static_cast<void>(GuardMethod(
+        [&](const std::source_location& here)
+        {
+            const ScopeTrace scope(Log::Source::NetMon, AlwaysOnTraceFlag, 0, {}, here);
+            const auto code = static_cast<std::uint32_t>(result);
+            switch (flags)
+            {
+            case WBEM_STATUS_COMPLETE:
+                MonitorTrace::Note(L"EventSink::SetStatus: current status WBEM_STATUS_COMPLETE ({:#x})", code);
+                break;
+            case WBEM_STATUS_REQUIREMENTS:
+                MonitorTrace::Note(L"EventSink::SetStatus: current status WBEM_STATUS_REQUIREMENTS ({:#x})", code);
+                break;
+            case WBEM_STATUS_PROGRESS:
+                MonitorTrace::Note(L"EventSink::SetStatus: current status WBEM_STATUS_PROGRESS ({:#x})", code);
+                break;
+            default:
+                MonitorTrace::Note(L"EventSink::SetStatus: current status unknown ({:#x})", code);
+                break;
+            }
+            return S_OK;
+        }));
     return S_OK;
 }

@@ -21,13 +21,13 @@ public:
     HRESULT SetProcessingInstance(CNetMonSv* monitor) noexcept;
 
     // IUnknown
-    STDMETHODIMP QueryInterface(REFIID iid, void** result) override;
-    STDMETHODIMP_(ULONG) AddRef() override;
-    STDMETHODIMP_(ULONG) Release() override;
+    STDMETHODIMP QueryInterface(REFIID iid, void** result) noexcept override;
+    STDMETHODIMP_(ULONG) AddRef() noexcept override;
+    STDMETHODIMP_(ULONG) Release() noexcept override;
 
     // IWbemObjectSink. Both return 0 in all cases and never block on the monitor's work.
-    STDMETHODIMP Indicate(long count, IWbemClassObject** objects) override;
-    STDMETHODIMP SetStatus(long flags, HRESULT result, BSTR text, IWbemClassObject* object) override;
+    STDMETHODIMP Indicate(long count, IWbemClassObject** objects) noexcept override;
+    STDMETHODIMP SetStatus(long flags, HRESULT result, BSTR text, IWbemClassObject* object) noexcept override;
 
 private:
     ~EventSink() = default;

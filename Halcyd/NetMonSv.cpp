@@ -2,6 +2,7 @@
 
 #include "Halcyd/NetMonSv.h"
 
+#include "Halcyd/MethodGuard.h"
 #include "Halcyd/MonitorReport.h"
 #include "Halcyd/MonitorTrace.h"
 #include "NetUtilities/Clock.h"
@@ -104,31 +105,43 @@ void CNetMonSv::FinalRelease() NO_THREAD_SAFETY_ANALYSIS
     m_instance = nullptr;
 }
 
-STDMETHODIMP CNetMonSv::IsOpen(VARIANT_BOOL* pIsOpen)
+STDMETHODIMP CNetMonSv::IsOpen(VARIANT_BOOL* pIsOpen) noexcept
 {
-    ScopeTrace scope(Log::Source::NetMon, AlwaysOnTraceFlag);
-    if (pIsOpen == nullptr)
-    {
-        return E_POINTER;
-    }
-    *pIsOpen = closedFlag ? VARIANT_FALSE : VARIANT_TRUE;
-    return S_OK;
+    return GuardMethod(
+        [&](const std::source_location& here)
+        {
+            const ScopeTrace scope(Log::Source::NetMon, AlwaysOnTraceFlag, 0, {}, here);
+            if (pIsOpen == nullptr)
+            {
+                return E_POINTER;
+            }
+            *pIsOpen = closedFlag ? VARIANT_FALSE : VARIANT_TRUE;
+            return S_OK;
+        });
 }
 
-STDMETHODIMP CNetMonSv::get_FilterMask(long* pVal)
+STDMETHODIMP CNetMonSv::get_FilterMask(long* pVal) noexcept
 {
-    ScopeTrace scope(Log::Source::NetMon, AlwaysOnTraceFlag);
-    if (pVal == nullptr)
-    {
-        return E_POINTER;
-    }
-    *pVal = FilterMask;
-    return S_OK;
+    return GuardMethod(
+        [&](const std::source_location& here)
+        {
+            const ScopeTrace scope(Log::Source::NetMon, AlwaysOnTraceFlag, 0, {}, here);
+            if (pVal == nullptr)
+            {
+                return E_POINTER;
+            }
+            *pVal = FilterMask;
+            return S_OK;
+        });
 }
 
-STDMETHODIMP CNetMonSv::put_FilterMask(long newVal)
+STDMETHODIMP CNetMonSv::put_FilterMask(long newVal) noexcept
 {
-    ScopeTrace scope(Log::Source::NetMon, AlwaysOnTraceFlag);
-    FilterMask = newVal; // kept for the client, and read by no event path: all clients get all events
-    return S_OK;
+    return GuardMethod(
+        [&](const std::source_location& here)
+        {
+            const ScopeTrace scope(Log::Source::NetMon, AlwaysOnTraceFlag, 0, {}, here);
+            FilterMask = newVal; // kept for the client, and read by no event path: all clients get all events
+            return S_OK;
+        });
 }

@@ -26,6 +26,7 @@
 #include <list>
 #include <map>
 #include <memory>
+#include <source_location>
 #include <string>
 #include <thread>
 
@@ -95,21 +96,22 @@ public:
     HRESULT FinalConstruct();
     void FinalRelease();
 
-    // --- INetMonSv; arguments, results and errors stand in the IDL ---
-    STDMETHODIMP Open() override;
-    STDMETHODIMP Close() override;
-    STDMETHODIMP get_FilterMask(long* pVal) override;
-    STDMETHODIMP put_FilterMask(long newVal) override;
-    STDMETHODIMP GetDeviceInfoList(_DEVICE_ELEMENT** ppList) override;
-    STDMETHODIMP StartNotificationProcessing() override;
-    STDMETHODIMP StopNotificationProcessing() override;
-    STDMETHODIMP WiFiSurvey() override;
-    STDMETHODIMP DisableIpBindings(BSTR bstrAdapterNameNotToUnbind, long bPppDevice) override;
-    STDMETHODIMP RestoreIpBindings() override;
-    STDMETHODIMP ChangeMultiHomingPreferenceIfAllowed(long bEnable) override;
-    STDMETHODIMP RestoreIpBindingsSync() override;
-    STDMETHODIMP ResetSsidList() override;
-    STDMETHODIMP IsOpen(VARIANT_BOOL* pIsOpen) override;
+    // --- INetMonSv; arguments, results and errors stand in the IDL. Where memory is short and nothing else is said,
+    // the result is E_OUTOFMEMORY ---
+    STDMETHODIMP Open() noexcept override;
+    STDMETHODIMP Close() noexcept override;
+    STDMETHODIMP get_FilterMask(long* pVal) noexcept override;
+    STDMETHODIMP put_FilterMask(long newVal) noexcept override;
+    STDMETHODIMP GetDeviceInfoList(_DEVICE_ELEMENT** ppList) noexcept override;
+    STDMETHODIMP StartNotificationProcessing() noexcept override;
+    STDMETHODIMP StopNotificationProcessing() noexcept override;
+    STDMETHODIMP WiFiSurvey() noexcept override;
+    STDMETHODIMP DisableIpBindings(BSTR bstrAdapterNameNotToUnbind, long bPppDevice) noexcept override;
+    STDMETHODIMP RestoreIpBindings() noexcept override;
+    STDMETHODIMP ChangeMultiHomingPreferenceIfAllowed(long bEnable) noexcept override;
+    STDMETHODIMP RestoreIpBindingsSync() noexcept override;
+    STDMETHODIMP ResetSsidList() noexcept override;
+    STDMETHODIMP IsOpen(VARIANT_BOOL* pIsOpen) noexcept override;
 
     // --- Lifecycle (NetMonSvLifecycle.cpp) ---
     // Connects to a WMI namespace, making wbemLocator first if there is none. A pointer that was got stays in
@@ -269,6 +271,8 @@ protected:
     void RefreshClientToken() REQUIRES(serializeOpenCloseMutex);
     void IncrementRunCount();
     void DeleteExtensionAndElement(_DEVICE_ELEMENT* element) REQUIRES(deviceInfoListMutex);
+    // Appends a copy of each element at `end`; `here` is the caller, for the lock's trace lines.
+    void CopyDeviceInfoList(_DEVICE_ELEMENT** end, const std::source_location& here) EXCLUDES(deviceInfoListMutex);
     void DumpSetupApiAdapters();
     HRESULT AddAdaptersFromWmi();
     void AddAdapter(IWbemClassObject* object, IEnumWbemClassObject* adapters);

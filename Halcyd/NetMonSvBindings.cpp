@@ -48,13 +48,13 @@ void RunToItsEnd(Body&& body, Started&& started)
 }
 } // namespace
 
-STDMETHODIMP CNetMonSv::DisableIpBindings(BSTR bstrAdapterNameNotToUnbind, long bPppDevice)
+STDMETHODIMP CNetMonSv::DisableIpBindings(BSTR bstrAdapterNameNotToUnbind, long bPppDevice) noexcept
 {
     // Every return is S_OK: the outcome is told by the event.
     static_cast<void>(GuardMethod(
-        [&]
+        [&](const std::source_location& here)
         {
-            const ScopeTrace scope{Log::Source::NetMon, AlwaysOnTraceFlag};
+            const ScopeTrace scope{Log::Source::NetMon, AlwaysOnTraceFlag, 0, {}, here};
             std::unique_ptr<DISABLE_BINDINGS_INFO> info(new (std::nothrow) DISABLE_BINDINGS_INFO);
             if (info == nullptr)
             {
@@ -128,12 +128,12 @@ void CNetMonSv::DisableIpBindingsThread(std::unique_ptr<DISABLE_BINDINGS_INFO> i
     }
 }
 
-STDMETHODIMP CNetMonSv::RestoreIpBindings()
+STDMETHODIMP CNetMonSv::RestoreIpBindings() noexcept
 {
     static_cast<void>(GuardMethod(
-        [&]
+        [&](const std::source_location& here)
         {
-            const ScopeTrace scope{Log::Source::NetMon, AlwaysOnTraceFlag};
+            const ScopeTrace scope{Log::Source::NetMon, AlwaysOnTraceFlag, 0, {}, here};
             MonitorTrace::Note(L"starting thread to restore ip bindings");
             RunToItsEnd<std::jthread>([this] { RestoreIpBindingsThread(); }, [] {});
             return S_OK;
@@ -141,12 +141,12 @@ STDMETHODIMP CNetMonSv::RestoreIpBindings()
     return S_OK;
 }
 
-STDMETHODIMP CNetMonSv::RestoreIpBindingsSync()
+STDMETHODIMP CNetMonSv::RestoreIpBindingsSync() noexcept
 {
     static_cast<void>(GuardMethod(
-        [&]
+        [&](const std::source_location& here)
         {
-            const ScopeTrace scope{Log::Source::NetMon, AlwaysOnTraceFlag};
+            const ScopeTrace scope{Log::Source::NetMon, AlwaysOnTraceFlag, 0, {}, here};
             MonitorTrace::Note(L"starting thread to restore ip bindings");
             RunToItsEnd<std::thread>([this] { RestoreIpBindingsThread(); },
                                      [] { MonitorTrace::Note(L"waiting for the thread to finish"); });
@@ -220,12 +220,12 @@ void CNetMonSv::RestoreAndCloseSession()
     static_cast<void>(adapterConfig.Close());
 }
 
-STDMETHODIMP CNetMonSv::ChangeMultiHomingPreferenceIfAllowed(long bEnable)
+STDMETHODIMP CNetMonSv::ChangeMultiHomingPreferenceIfAllowed(long bEnable) noexcept
 {
     return GuardMethod(
-        [&]
+        [&](const std::source_location& here)
         {
-            const ScopeTrace scope{Log::Source::NetMon, AlwaysOnTraceFlag};
+            const ScopeTrace scope{Log::Source::NetMon, AlwaysOnTraceFlag, 0, {}, here};
             const std::wstring path(BindingRules::RootKey);
             RegistryKey key;
             DWORD error = key.Open(HKEY_LOCAL_MACHINE, path, KEY_WRITE);

@@ -11,7 +11,6 @@
 #include "WiFiWrap/wifiwraplib.h"
 
 #include <new>
-#include <source_location>
 #include <system_error>
 
 namespace
@@ -29,12 +28,12 @@ void ReportFailure(HRESULT result, std::wstring_view format, const Args&... argu
 }
 } // namespace
 
-STDMETHODIMP CNetMonSv::Open()
+STDMETHODIMP CNetMonSv::Open() noexcept
 {
-    ScopeTrace scope(Log::Source::NetMon, AlwaysOnTraceFlag);
     return GuardMethod(
-        [this, here = std::source_location::current()]
+        [this](const std::source_location& here)
         {
+            const ScopeTrace scope(Log::Source::NetMon, AlwaysOnTraceFlag, 0, {}, here);
             TracedMutexLock lock(serializeOpenCloseMutex, L"serializeOpenCloseMutex", here);
             return OpenLocked();
         });
@@ -275,12 +274,12 @@ CNetMonSv::EventSinkPtr CNetMonSv::CurrentEventSink()
     return eventSink;
 }
 
-STDMETHODIMP CNetMonSv::Close()
+STDMETHODIMP CNetMonSv::Close() noexcept
 {
-    ScopeTrace scope(Log::Source::NetMon, AlwaysOnTraceFlag);
     return GuardMethod(
-        [this, here = std::source_location::current()]
+        [this](const std::source_location& here)
         {
+            const ScopeTrace scope(Log::Source::NetMon, AlwaysOnTraceFlag, 0, {}, here);
             AnnounceClose();
             TracedMutexLock lock(serializeOpenCloseMutex, L"serializeOpenCloseMutex", here);
             return CloseLocked();

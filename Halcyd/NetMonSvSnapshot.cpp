@@ -1,9 +1,11 @@
 // The deep copy of the list that a client gets. Nothing of it is kept here.
 
 #include "Halcyd/LinkSpeed.h"
+#include "Halcyd/MethodGuard.h"
 #include "Halcyd/MonitorTrace.h"
 #include "Halcyd/NetMonSv.h"
 #include "Halcyd/SignalPercent.h"
+#include "NetUtilities/Handles.h"
 #include "NetUtilities/RegistryKey.h"
 #include "NetUtilities/TracedMutexLock.h"
 #include "WiFiWrap/wifiwraplib.h"
@@ -66,14 +68,15 @@ _ETHERNET_ADAPTER* CopyEthernet(const _ETHERNET_ADAPTER& from) noexcept
     return to;
 }
 
-// Copy number `number` of a network; the first, number 0, keeps the name.
-_WIFI_DETAILS* CopyNetwork(const _WIFI_DETAILS& from, std::uint32_t number)
+// Copy number `number` of a network; the first, number 0, keeps the name. Empty when memory is short.
+UniqueCoTaskMem<_WIFI_DETAILS> CopyNetwork(const _WIFI_DETAILS& from, std::uint32_t number)
 {
     MonitorTrace::Detail(L"GetDeviceInfoList: Copy wifi details");
-    auto* const to = AllocateRecord<_WIFI_DETAILS>();
+    UniqueCoTaskMem<_WIFI_DETAILS> copy(AllocateRecord<_WIFI_DETAILS>());
+    _WIFI_DETAILS* const to = copy.get();
     if (to == nullptr)
     {
-        return nullptr;
+        return copy;
     }
     std::memcpy(to->DeviceName, from.DeviceName, sizeof to->DeviceName);
     std::memcpy(to->DeviceDesc, from.DeviceDesc, sizeof to->DeviceDesc);
@@ -96,7 +99,7 @@ _WIFI_DETAILS* CopyNetwork(const _WIFI_DETAILS& from, std::uint32_t number)
     to->Timestamp = from.Timestamp;
     to->InfrastructureMode = from.InfrastructureMode;
     to->MaxRate = from.MaxRate;
-    return to;
+    return copy;
 }
 
 // How many copies of each network are handed out; a setting for tests of clients.
@@ -112,12 +115,14 @@ std::uint32_t ReadWifiFactor()
     return factor;
 }
 
-_WIFI_ADAPTER* CopyWiFi(const _WIFI_ADAPTER& from)
+// The copy is in its place before it is filled: it belongs to the client even if the rest cannot be had.
+void CopyWiFi(const _WIFI_ADAPTER& from, _WIFI_ADAPTER*& place)
 {
-    auto* const to = AllocateRecord<_WIFI_ADAPTER>();
+    place = AllocateRecord<_WIFI_ADAPTER>();
+    _WIFI_ADAPTER* const to = place;
     if (to == nullptr)
     {
-        return nullptr;
+        return;
     }
     to->AdapterMacAddress = CopyString(from.AdapterMacAddress);
     to->LinkSpeed = LinkSpeedForClient(from.LinkSpeed);
@@ -132,14 +137,13 @@ _WIFI_ADAPTER* CopyWiFi(const _WIFI_ADAPTER& from)
     {
         for (std::uint32_t number = 0; number < copies; ++number)
         {
-            if (_WIFI_DETAILS* const copy = CopyNetwork(*network, number); copy != nullptr)
+            if (UniqueCoTaskMem<_WIFI_DETAILS> copy = CopyNetwork(*network, number))
             {
-                *end = copy;
-                end = &copy->pNext;
+                *end = copy.release();
+                end = &(*end)->pNext;
             }
         }
     }
-    return to;
 }
 
 void CopyExtension(const _DEVICE_ELEMENT& from, _DEVICE_ELEMENT& to)
@@ -159,44 +163,55 @@ void CopyExtension(const _DEVICE_ELEMENT& from, _DEVICE_ELEMENT& to)
     else if (from.AdapterType == enumWiFi && from.u.pWiFiAdapter != nullptr)
     {
         MonitorTrace::Detail(L"GetDeviceInfoList: copy WiFi");
-        to.u.pWiFiAdapter = CopyWiFi(*from.u.pWiFiAdapter);
+        CopyWiFi(*from.u.pWiFiAdapter, to.u.pWiFiAdapter);
     }
 }
 } // namespace
 
-STDMETHODIMP CNetMonSv::GetDeviceInfoList(_DEVICE_ELEMENT** ppList)
+STDMETHODIMP CNetMonSv::GetDeviceInfoList(_DEVICE_ELEMENT** ppList) noexcept
 {
-    ScopeTrace scope(Log::Source::NetMon, AlwaysOnTraceFlag);
-    if (ppList == nullptr)
+    if (ppList != nullptr)
     {
-        return S_OK; // success in every case; a copy made now could never be freed
+        *ppList = nullptr;
     }
-    _DEVICE_ELEMENT* head = nullptr;
-    {
-        TracedMutexLock lock(deviceInfoListMutex, L"deviceInfoListMutex");
-        _DEVICE_ELEMENT** end = &head;
-        for (const _DEVICE_ELEMENT* element = deviceInfoListHead; element != nullptr; element = element->pNext)
+    // Success in every case. The copy grows where the client looks for it: a shortage of memory, wherever it comes,
+    // leaves what there is of it as the result.
+    static_cast<void>(GuardMethod(
+        [&](const std::source_location& here)
         {
-            MonitorTrace::Detail(L"GetDeviceInfoList: copying device list element {} ({} bytes)", element->DeviceIndex,
-                                 element->Size);
-            auto* const copy = AllocateRecord<_DEVICE_ELEMENT>();
-            if (copy == nullptr)
+            const ScopeTrace scope(Log::Source::NetMon, AlwaysOnTraceFlag, 0, {}, here);
+            if (ppList == nullptr)
             {
-                MonitorTrace::FailureCode(ERROR_NOT_ENOUGH_MEMORY, L"memory allocation failed");
-                break;
+                return S_OK; // a copy made now could never be freed
             }
-            *end = copy;
-            end = &copy->pNext;
-            MonitorTrace::Detail(L"GetDeviceInfoList: make copy of the common parts of the structure");
-            CopyCommonPart(*element, *copy);
-            CopyExtension(*element, *copy);
-        }
-        MonitorTrace::Detail(L"GetDeviceInfoList: Copy Done!");
-        *ppList = head;
-    }
-    if (head == nullptr)
-    {
-        MonitorTrace::Note(L"NetMon returning NULL device info list");
-    }
+            CopyDeviceInfoList(ppList, here);
+            if (*ppList == nullptr)
+            {
+                MonitorTrace::Note(L"NetMon returning NULL device info list");
+            }
+            return S_OK;
+        }));
     return S_OK;
+}
+
+void CNetMonSv::CopyDeviceInfoList(_DEVICE_ELEMENT** end, const std::source_location& here)
+{
+    TracedMutexLock lock(deviceInfoListMutex, L"deviceInfoListMutex", here);
+    for (const _DEVICE_ELEMENT* element = deviceInfoListHead; element != nullptr; element = element->pNext)
+    {
+        MonitorTrace::Detail(L"GetDeviceInfoList: copying device list element {} ({} bytes)", element->DeviceIndex,
+                             element->Size);
+        auto* const copy = AllocateRecord<_DEVICE_ELEMENT>();
+        if (copy == nullptr)
+        {
+            MonitorTrace::FailureCode(ERROR_NOT_ENOUGH_MEMORY, L"memory allocation failed");
+            break;
+        }
+        *end = copy;
+        end = &copy->pNext;
+        MonitorTrace::Detail(L"GetDeviceInfoList: make copy of the common parts of the structure");
+        CopyCommonPart(*element, *copy);
+        CopyExtension(*element, *copy);
+    }
+    MonitorTrace::Detail(L"GetDeviceInfoList: Copy Done!");
 }

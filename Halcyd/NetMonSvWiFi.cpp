@@ -1,6 +1,7 @@
 // Wi-Fi adapters: their extension, the networks in view, and what is told about them.
 
 #include "Halcyd/ClientLookup.h"
+#include "Halcyd/MethodGuard.h"
 #include "Halcyd/MonitorTrace.h"
 #include "Halcyd/NetMonSv.h"
 #include "Halcyd/SignalRule.h"
@@ -37,10 +38,16 @@ std::int32_t ClockNow() noexcept
 class WiFiHandle
 {
 public:
-    WiFiHandle() : handle(WiFiOpen()) {}
+    enum class GoesBack
+    {
+        IfValid,
+        Always
+    };
+
+    explicit WiFiHandle(GoesBack goesBack = GoesBack::IfValid) : handle(WiFiOpen()), closing(goesBack) {}
     ~WiFiHandle()
     {
-        if (IsValid())
+        if (IsValid() || closing == GoesBack::Always)
         {
             WiFiClose(handle);
         }
@@ -52,6 +59,7 @@ public:
 
 private:
     HANDLE handle;
+    GoesBack closing;
 };
 
 const wchar_t* MediaStateText(long state) noexcept
@@ -482,44 +490,54 @@ HRESULT CNetMonSv::DeleteWiFiAccessPointList(_DEVICE_ELEMENT* node)
     return S_OK;
 }
 
-STDMETHODIMP CNetMonSv::ResetSsidList()
+STDMETHODIMP CNetMonSv::ResetSsidList() noexcept
 {
-    ScopeTrace scope(Log::Source::NetMon, AlwaysOnTraceFlag);
-    TracedMutexLock lock(deviceInfoListMutex, L"deviceInfoListMutex");
-    _DEVICE_ELEMENT* element = deviceInfoListHead;
-    while (element != nullptr && (element->AdapterType & enumWiFi) == 0)
-    {
-        element = element->pNext;
-    }
-    if (element == nullptr)
-    {
-        return S_OK;
-    }
-    // The first Wi-Fi adapter only; a second one keeps its list.
-    const HRESULT result = DeleteWiFiAccessPointList(element);
-    if (FAILED(result))
-    {
-        MonitorTrace::FailureResult(result, L"there was an issue deleting the BSSID list, memory leak will result");
-    }
-    else
-    {
-        MonitorTrace::Note(L"deleted the BSSID list for 802.11 adapter");
-    }
-    return result;
+    return GuardMethod(
+        [this](const std::source_location& here)
+        {
+            const ScopeTrace scope(Log::Source::NetMon, AlwaysOnTraceFlag, 0, {}, here);
+            TracedMutexLock lock(deviceInfoListMutex, L"deviceInfoListMutex", here);
+            _DEVICE_ELEMENT* element = deviceInfoListHead;
+            while (element != nullptr && (element->AdapterType & enumWiFi) == 0)
+            {
+                element = element->pNext;
+            }
+            if (element == nullptr)
+            {
+                return S_OK;
+            }
+            // The first Wi-Fi adapter only; a second one keeps its list.
+            const HRESULT result = DeleteWiFiAccessPointList(element);
+            if (FAILED(result))
+            {
+                MonitorTrace::FailureResult(result,
+                                            L"there was an issue deleting the BSSID list, memory leak will result");
+            }
+            else
+            {
+                MonitorTrace::Note(L"deleted the BSSID list for 802.11 adapter");
+            }
+            return result;
+        });
 }
 
 // Walks the list without its lock, as it always has: a survey blocks for long, and the lock would hold up everything
 // else.
-STDMETHODIMP CNetMonSv::WiFiSurvey() NO_THREAD_SAFETY_ANALYSIS
+STDMETHODIMP CNetMonSv::WiFiSurvey() noexcept
 {
-    ScopeTrace scope(Log::Source::NetMon, AlwaysOnTraceFlag);
-    const WiFiHandle wifi; // no result matters, not even that of the opening
-    for (const _DEVICE_ELEMENT* element = deviceInfoListHead; element != nullptr; element = element->pNext)
-    {
-        if ((element->AdapterType & enumWiFi) != 0)
+    return GuardMethod(
+        [this](const std::source_location& here) NO_THREAD_SAFETY_ANALYSIS
         {
-            WiFiSurveyEx2(wifi.Get(), element->DeviceId, 0);
-        }
-    }
-    return S_OK;
+            const ScopeTrace scope(Log::Source::NetMon, AlwaysOnTraceFlag, 0, {}, here);
+            // No result matters, not even that of the opening: whatever it gave is used, and goes back.
+            const WiFiHandle wifi(WiFiHandle::GoesBack::Always);
+            for (const _DEVICE_ELEMENT* element = deviceInfoListHead; element != nullptr; element = element->pNext)
+            {
+                if ((element->AdapterType & enumWiFi) != 0)
+                {
+                    WiFiSurveyEx2(wifi.Get(), element->DeviceId, 0);
+                }
+            }
+            return S_OK;
+        });
 }

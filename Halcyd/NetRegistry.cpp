@@ -98,9 +98,9 @@ bool CNetRegistry::IsWriteAllowed(const std::wstring& path) const
 STDMETHODIMP CNetRegistry::QueryRegistry(BSTR bstrValue, BSTR bstrSubkey, VARIANT* pvType, VARIANT* pvData) noexcept
 {
     return GuardMethod(
-        [&]
+        [&](const std::source_location& here)
         {
-            const ScopeTrace scope{Source, ScopeFlag};
+            const ScopeTrace scope{Source, ScopeFlag, 0, {}, here};
             if (pvType == nullptr || pvData == nullptr)
             {
                 return AsResult(ERROR_INVALID_PARAMETER);
@@ -166,9 +166,9 @@ DWORD CNetRegistry::Query(const std::wstring& valueName, const std::wstring& pat
 STDMETHODIMP CNetRegistry::SetRegistry(BSTR bstrValue, BSTR bstrSubkey, VARIANT vType, VARIANT vData) noexcept
 {
     return GuardMethod(
-        [&]
+        [&](const std::source_location& here)
         {
-            const ScopeTrace scope{Source, ScopeFlag};
+            const ScopeTrace scope{Source, ScopeFlag, 0, {}, here};
             return AsResult(Set(TextOf(bstrValue), TextOf(bstrSubkey), vType, vData));
         });
 }
@@ -239,9 +239,9 @@ DWORD CNetRegistry::Set(const std::wstring& valueName, const std::wstring& path,
 STDMETHODIMP CNetRegistry::DeleteRegistry(BSTR bstrValue, BSTR bstrSubkey) noexcept
 {
     return GuardMethod(
-        [&]
+        [&](const std::source_location& here)
         {
-            const ScopeTrace scope{Source, ScopeFlag};
+            const ScopeTrace scope{Source, ScopeFlag, 0, {}, here};
             return AsResult(Delete(TextOf(bstrValue), TextOf(bstrSubkey)));
         });
 }
@@ -273,9 +273,9 @@ DWORD CNetRegistry::Delete(const std::wstring& valueName, const std::wstring& pa
 STDMETHODIMP CNetRegistry::DeleteRegistryNode(BSTR bstrNode) noexcept
 {
     return GuardMethod(
-        [&]
+        [&](const std::source_location& here)
         {
-            const ScopeTrace scope{Source, ScopeFlag};
+            const ScopeTrace scope{Source, ScopeFlag, 0, {}, here};
             return AsResult(DeleteNode(TextOf(bstrNode)));
         });
 }
@@ -311,9 +311,9 @@ DWORD CNetRegistry::DeleteNode(const std::wstring& node)
 STDMETHODIMP CNetRegistry::RefreshDNSCache() noexcept
 {
     return GuardMethod(
-        [&]
+        [&](const std::source_location& here)
         {
-            const ScopeTrace scope{Source, ScopeFlag};
+            const ScopeTrace scope{Source, ScopeFlag, 0, {}, here};
             if (SystemIsVersion10OrHigher())
             {
                 return S_OK;

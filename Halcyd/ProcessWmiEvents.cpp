@@ -1,6 +1,7 @@
 // Adapter notifications of WMI: asked for here, queued on WMI's threads, handled one at a time on WmiEventThread.
 
 #include "Halcyd/AdapterGates.h"
+#include "Halcyd/MethodGuard.h"
 #include "Halcyd/MonitorTrace.h"
 #include "Halcyd/NetMonSv.h"
 #include "NetUtilities/Clock.h"
@@ -49,35 +50,44 @@ HRESULT CNetMonSv::RegisterForNotifications()
     return S_OK;
 }
 
-STDMETHODIMP CNetMonSv::StartNotificationProcessing()
+STDMETHODIMP CNetMonSv::StartNotificationProcessing() noexcept
 {
-    ScopeTrace scope(Log::Source::NetMon, AlwaysOnTraceFlag);
-    MonitorTrace::Note(L"saving pointer to this instance to the sync ({:#08x})", MonitorTrace::Address(this));
-    if (const EventSinkPtr sink = CurrentEventSink(); sink != nullptr)
-    {
-        sink->SetProcessingInstance(this);
-    }
-    return S_OK;
+    return GuardMethod(
+        [this](const std::source_location& here)
+        {
+            const ScopeTrace scope(Log::Source::NetMon, AlwaysOnTraceFlag, 0, {}, here);
+            MonitorTrace::Note(L"saving pointer to this instance to the sync ({:#08x})", MonitorTrace::Address(this));
+            if (const EventSinkPtr sink = CurrentEventSink(); sink != nullptr)
+            {
+                sink->SetProcessingInstance(this);
+            }
+            return S_OK;
+        });
 }
 
-STDMETHODIMP CNetMonSv::StopNotificationProcessing()
+STDMETHODIMP CNetMonSv::StopNotificationProcessing() noexcept
 {
-    ScopeTrace scope(Log::Source::NetMon, AlwaysOnTraceFlag);
-    MonitorTrace::Note(L"setting the class instance for processing in the sync to NULL");
-    if (const EventSinkPtr sink = CurrentEventSink(); sink != nullptr)
-    {
-        sink->SetProcessingInstance(nullptr);
-    }
-    return S_OK;
+    return GuardMethod(
+        [this](const std::source_location& here)
+        {
+            const ScopeTrace scope(Log::Source::NetMon, AlwaysOnTraceFlag, 0, {}, here);
+            MonitorTrace::Note(L"setting the class instance for processing in the sync to NULL");
+            if (const EventSinkPtr sink = CurrentEventSink(); sink != nullptr)
+            {
+                sink->SetProcessingInstance(nullptr);
+            }
+            return S_OK;
+        });
 }
 
 void CNetMonSv::EnqueueWmiEvent(IWbemClassObject* object)
 {
     ScopeTrace scope(Log::Source::NetMon, AlwaysOnTraceFlag);
-    object->AddRef();
+    IWbemClassObjectPtr owned(object);
     {
         MutexLock lock(wmiEventQueueMutex);
         wmiEventQueue.Push(object, wmiEventQueueMutex);
+        owned.Detach(); // the queue's from now on
         MonitorTrace::Note(L"queued wmi event {:#08x}", MonitorTrace::Address(object));
     }
     MutexLock handle(wmiEventHandleMutex);

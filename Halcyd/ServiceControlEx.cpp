@@ -56,9 +56,9 @@ ServiceStopList CServiceControlEx::wzcList;
 STDMETHODIMP CServiceControlEx::SetServiceMode(BSTR bstrService, LONG dwMode, LONG dwStartupState) noexcept
 {
     return GuardMethod(
-        [&]
+        [&](const std::source_location& here)
         {
-            const ScopeTrace scope{Source, ScopeFlag};
+            const ScopeTrace scope{Source, ScopeFlag, 0, {}, here};
             const std::wstring name = TextOf(bstrService);
             const UniqueServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
             if (!manager)
@@ -220,9 +220,9 @@ DWORD CServiceControlEx::StartByName(SC_HANDLE scm, SC_HANDLE service, const std
 STDMETHODIMP CServiceControlEx::QueryServiceMode(BSTR bstrService, VARIANT* pvMode, VARIANT* pvStartupState) noexcept
 {
     return GuardMethod(
-        [&]
+        [&](const std::source_location& here)
         {
-            const ScopeTrace scope{Source, ScopeFlag};
+            const ScopeTrace scope{Source, ScopeFlag, 0, {}, here};
             if (pvMode == nullptr || pvStartupState == nullptr)
             {
                 return AsResult(ERROR_INVALID_PARAMETER);

@@ -1,9 +1,14 @@
 #include "Halcyd/SimpleSink.h"
 
+#include "Halcyd/MethodGuard.h"
 #include "NetUtilities/Trace.h"
 
-STDMETHODIMP CSimpleSink::Test(BSTR /*bstr*/)
+STDMETHODIMP CSimpleSink::Test(BSTR /*bstr*/) noexcept
 {
-    WriteDebuggerPlain(L"**** fired *****\n");
-    return S_OK;
+    return GuardMethod(
+        [](const std::source_location& /*method*/)
+        {
+            WriteDebuggerPlain(L"**** fired *****\n");
+            return S_OK;
+        });
 }

@@ -19,5 +19,5 @@ public:
     END_COM_MAP()
 
     // Writes a fixed text to the debugger channel. The argument is not used. Always S_OK.
-    STDMETHODIMP Test(BSTR bstr) override;
+    STDMETHODIMP Test(BSTR bstr) noexcept override;
 };

@@ -1,129 +1,125 @@
 #include "Halcyd/VNIC.h"
 
+#include "Halcyd/MethodGuard.h"
 #include "NetUtilities/Trace.h"
+
+namespace
+{
+HRESULT NotImplemented(std::source_location method = std::source_location::current()) noexcept
+{
+    return GuardMethod(
+        [](const std::source_location& location)
+        {
+            const ScopeTrace scope{Log::Source::ConfigServer, 19, 0, {}, location};
+            return E_NOTIMPL;
+        },
+        method);
+}
+} // namespace
 
 STDMETHODIMP CVNIC::CreateRouteEntry(VARIANT /*vDest*/, VARIANT /*vNetMask*/, VARIANT /*vGateway*/,
                                      VARIANT /*vInterface*/, VARIANT /*vMetric*/, VARIANT /*vIfIndex*/,
-                                     VARIANT /*vIfMask*/)
+                                     VARIANT /*vIfMask*/) noexcept
 {
-    const ScopeTrace scope(Log::Source::ConfigServer, 19);
-    return E_NOTIMPL;
+    return NotImplemented();
 }
 
-STDMETHODIMP CVNIC::DeleteRouteEntry(VARIANT /*vDest*/)
+STDMETHODIMP CVNIC::DeleteRouteEntry(VARIANT /*vDest*/) noexcept
 {
-    const ScopeTrace scope(Log::Source::ConfigServer, 19);
-    return E_NOTIMPL;
+    return NotImplemented();
 }
 
-STDMETHODIMP CVNIC::EnableVNICAdapter()
+STDMETHODIMP CVNIC::EnableVNICAdapter() noexcept
 {
-    const ScopeTrace scope(Log::Source::ConfigServer, 19);
-    return E_NOTIMPL;
+    return NotImplemented();
 }
 
-STDMETHODIMP CVNIC::EnableVNICAdapterAsynch()
+STDMETHODIMP CVNIC::EnableVNICAdapterAsynch() noexcept
 {
-    const ScopeTrace scope(Log::Source::ConfigServer, 19);
-    return E_NOTIMPL;
+    return NotImplemented();
 }
 
-STDMETHODIMP CVNIC::DisableVNICAdapter()
+STDMETHODIMP CVNIC::DisableVNICAdapter() noexcept
 {
-    const ScopeTrace scope(Log::Source::ConfigServer, 19);
-    return E_NOTIMPL;
+    return NotImplemented();
 }
 
-STDMETHODIMP CVNIC::DisableVNICAdapterAsynch()
+STDMETHODIMP CVNIC::DisableVNICAdapterAsynch() noexcept
 {
-    const ScopeTrace scope(Log::Source::ConfigServer, 19);
-    return E_NOTIMPL;
+    return NotImplemented();
 }
 
-STDMETHODIMP CVNIC::ResetVNICAdapterAsynch()
+STDMETHODIMP CVNIC::ResetVNICAdapterAsynch() noexcept
 {
-    const ScopeTrace scope(Log::Source::ConfigServer, 19);
-    return E_NOTIMPL;
+    return NotImplemented();
 }
 
-STDMETHODIMP CVNIC::ResetVNICAdapter()
+STDMETHODIMP CVNIC::ResetVNICAdapter() noexcept
 {
-    const ScopeTrace scope(Log::Source::ConfigServer, 19);
-    return E_NOTIMPL;
+    return NotImplemented();
 }
 
-STDMETHODIMP CVNIC::GetVNICStatus()
+STDMETHODIMP CVNIC::GetVNICStatus() noexcept
 {
-    const ScopeTrace scope(Log::Source::ConfigServer, 19);
-    return E_NOTIMPL;
+    return NotImplemented();
 }
 
-STDMETHODIMP CVNIC::TunvexSetIpForwardEntry(VARIANT /*vVnicIpAddr*/, VARIANT /*vInterfaceIndex*/)
+STDMETHODIMP CVNIC::TunvexSetIpForwardEntry(VARIANT /*vVnicIpAddr*/, VARIANT /*vInterfaceIndex*/) noexcept
 {
-    const ScopeTrace scope(Log::Source::ConfigServer, 19);
-    return E_NOTIMPL;
+    return NotImplemented();
 }
 
-STDMETHODIMP CVNIC::RouteCommand(BSTR /*bstrCommand*/)
+STDMETHODIMP CVNIC::RouteCommand(BSTR /*bstrCommand*/) noexcept
 {
-    const ScopeTrace scope(Log::Source::ConfigServer, 19);
-    return E_NOTIMPL;
+    return NotImplemented();
 }
 
-STDMETHODIMP CVNIC::TunvexUpdateVnicState(VARIANT /*vVnicState*/)
+STDMETHODIMP CVNIC::TunvexUpdateVnicState(VARIANT /*vVnicState*/) noexcept
 {
-    const ScopeTrace scope(Log::Source::ConfigServer, 19);
-    return E_NOTIMPL;
+    return NotImplemented();
 }
 
-STDMETHODIMP CVNIC::CleanUpVnicStateIfNecessary()
+STDMETHODIMP CVNIC::CleanUpVnicStateIfNecessary() noexcept
 {
-    const ScopeTrace scope(Log::Source::ConfigServer, 19);
-    return E_NOTIMPL;
+    return NotImplemented();
 }
 
-STDMETHODIMP CVNIC::TunvexInitVnicForVista(VARIANT /*vVnicMetric*/, BSTR* /*Alias*/, LONG /*bIPv6*/)
+STDMETHODIMP CVNIC::TunvexInitVnicForVista(VARIANT /*vVnicMetric*/, BSTR* /*Alias*/, LONG /*bIPv6*/) noexcept
 {
-    const ScopeTrace scope(Log::Source::ConfigServer, 19);
-    return E_NOTIMPL;
+    return NotImplemented();
 }
 
-STDMETHODIMP CVNIC::TunvexGetInterfaceMetric(VARIANT /*vIpv6*/, VARIANT /*vIndex*/, VARIANT* /*vMetric*/)
+STDMETHODIMP CVNIC::TunvexGetInterfaceMetric(VARIANT /*vIpv6*/, VARIANT /*vIndex*/, VARIANT* /*vMetric*/) noexcept
 {
-    const ScopeTrace scope(Log::Source::ConfigServer, 19);
-    return E_NOTIMPL;
+    return NotImplemented();
 }
 
-STDMETHODIMP CVNIC::ConfigureVnic(_VNIC_CONFIG_INFO* /*pVnicConfigInfo*/)
+STDMETHODIMP CVNIC::ConfigureVnic(_VNIC_CONFIG_INFO* /*pVnicConfigInfo*/) noexcept
 {
-    const ScopeTrace scope(Log::Source::ConfigServer, 19);
-    return E_NOTIMPL;
+    return NotImplemented();
 }
 
 STDMETHODIMP CVNIC::CreateMultipleRouteEntries(VARIANT /*vRouteList*/, VARIANT /*vNumRoutes*/, VARIANT /*vGateway*/,
                                                VARIANT /*vInterface*/, VARIANT /*vMetric*/, VARIANT /*vIfIndex*/,
-                                               VARIANT /*vIfMask*/)
+                                               VARIANT /*vIfMask*/) noexcept
 {
-    const ScopeTrace scope(Log::Source::ConfigServer, 19);
-    return E_NOTIMPL;
+    return NotImplemented();
 }
 
 STDMETHODIMP CVNIC::CreateMultipleIPv6RouteEntries(ULONG /*NumRoutes*/, _ip_transfer* /*IPv6Acl*/, byte /*Gateway*/[16],
                                                    byte /*Interface*/[16], ULONG /*Metric*/, ULONG /*IfIndex*/,
-                                                   BSTR /*FriendlyName*/)
+                                                   BSTR /*FriendlyName*/) noexcept
 {
-    const ScopeTrace scope(Log::Source::ConfigServer, 19);
-    return E_NOTIMPL;
+    return NotImplemented();
 }
 
 STDMETHODIMP CVNIC::DeleteMultipleIPv6RouteEntries(ULONG /*ulNumACLEntries*/, _ip_transfer* /*pACL*/,
-                                                   BSTR /*FriendlyName*/, BSTR /*GatewayIpAddress*/)
+                                                   BSTR /*FriendlyName*/, BSTR /*GatewayIpAddress*/) noexcept
 {
-    const ScopeTrace scope(Log::Source::ConfigServer, 19);
-    return E_NOTIMPL;
+    return NotImplemented();
 }
 
-STDMETHODIMP CVNIC::PerformGenericAction(ULONG /*Action*/)
+STDMETHODIMP CVNIC::PerformGenericAction(ULONG /*Action*/) noexcept
 {
     return E_NOTIMPL;
 }

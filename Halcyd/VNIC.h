@@ -19,29 +19,29 @@ public:
     END_COM_MAP()
 
     STDMETHODIMP CreateRouteEntry(VARIANT vDest, VARIANT vNetMask, VARIANT vGateway, VARIANT vInterface,
-                                  VARIANT vMetric, VARIANT vIfIndex, VARIANT vIfMask) override;
-    STDMETHODIMP DeleteRouteEntry(VARIANT vDest) override;
-    STDMETHODIMP EnableVNICAdapter() override;
-    STDMETHODIMP EnableVNICAdapterAsynch() override;
-    STDMETHODIMP DisableVNICAdapter() override;
-    STDMETHODIMP DisableVNICAdapterAsynch() override;
-    STDMETHODIMP ResetVNICAdapterAsynch() override;
-    STDMETHODIMP ResetVNICAdapter() override;
-    STDMETHODIMP GetVNICStatus() override;
-    STDMETHODIMP TunvexSetIpForwardEntry(VARIANT vVnicIpAddr, VARIANT vInterfaceIndex) override;
-    STDMETHODIMP RouteCommand(BSTR bstrCommand) override;
-    STDMETHODIMP TunvexUpdateVnicState(VARIANT vVnicState) override;
-    STDMETHODIMP CleanUpVnicStateIfNecessary() override;
-    STDMETHODIMP TunvexInitVnicForVista(VARIANT vVnicMetric, BSTR* Alias, LONG bIPv6) override;
-    STDMETHODIMP TunvexGetInterfaceMetric(VARIANT vIpv6, VARIANT vIndex, VARIANT* vMetric) override;
-    STDMETHODIMP ConfigureVnic(_VNIC_CONFIG_INFO* pVnicConfigInfo) override;
+                                  VARIANT vMetric, VARIANT vIfIndex, VARIANT vIfMask) noexcept override;
+    STDMETHODIMP DeleteRouteEntry(VARIANT vDest) noexcept override;
+    STDMETHODIMP EnableVNICAdapter() noexcept override;
+    STDMETHODIMP EnableVNICAdapterAsynch() noexcept override;
+    STDMETHODIMP DisableVNICAdapter() noexcept override;
+    STDMETHODIMP DisableVNICAdapterAsynch() noexcept override;
+    STDMETHODIMP ResetVNICAdapterAsynch() noexcept override;
+    STDMETHODIMP ResetVNICAdapter() noexcept override;
+    STDMETHODIMP GetVNICStatus() noexcept override;
+    STDMETHODIMP TunvexSetIpForwardEntry(VARIANT vVnicIpAddr, VARIANT vInterfaceIndex) noexcept override;
+    STDMETHODIMP RouteCommand(BSTR bstrCommand) noexcept override;
+    STDMETHODIMP TunvexUpdateVnicState(VARIANT vVnicState) noexcept override;
+    STDMETHODIMP CleanUpVnicStateIfNecessary() noexcept override;
+    STDMETHODIMP TunvexInitVnicForVista(VARIANT vVnicMetric, BSTR* Alias, LONG bIPv6) noexcept override;
+    STDMETHODIMP TunvexGetInterfaceMetric(VARIANT vIpv6, VARIANT vIndex, VARIANT* vMetric) noexcept override;
+    STDMETHODIMP ConfigureVnic(_VNIC_CONFIG_INFO* pVnicConfigInfo) noexcept override;
     STDMETHODIMP CreateMultipleRouteEntries(VARIANT vRouteList, VARIANT vNumRoutes, VARIANT vGateway,
                                             VARIANT vInterface, VARIANT vMetric, VARIANT vIfIndex,
-                                            VARIANT vIfMask) override;
+                                            VARIANT vIfMask) noexcept override;
     STDMETHODIMP CreateMultipleIPv6RouteEntries(ULONG NumRoutes, _ip_transfer* IPv6Acl, byte Gateway[16],
                                                 byte Interface[16], ULONG Metric, ULONG IfIndex,
-                                                BSTR FriendlyName) override;
+                                                BSTR FriendlyName) noexcept override;
     STDMETHODIMP DeleteMultipleIPv6RouteEntries(ULONG ulNumACLEntries, _ip_transfer* pACL, BSTR FriendlyName,
-                                                BSTR GatewayIpAddress) override;
-    STDMETHODIMP PerformGenericAction(ULONG Action) override;
+                                                BSTR GatewayIpAddress) noexcept override;
+    STDMETHODIMP PerformGenericAction(ULONG Action) noexcept override;
 };

@@ -212,13 +212,21 @@ ScopeTrace::~ScopeTrace()
     {
         return;
     }
-    std::wstring line =
-        FormatText(L"Exit  <== {} pid {:05x} tid {:05x}", name, GetCurrentProcessId(), GetCurrentThreadId());
-    if (timed)
+    try
     {
-        line += ElapsedText(Clock::Current().SteadyNanoseconds() - start);
+        std::wstring line =
+            FormatText(L"Exit  <== {} pid {:05x} tid {:05x}", name, GetCurrentProcessId(), GetCurrentThreadId());
+        if (timed)
+        {
+            line += ElapsedText(Clock::Current().SteadyNanoseconds() - start);
+        }
+        sink(line);
     }
-    sink(line);
+    catch (const std::bad_alloc&)
+    {
+        // The line is lost. Raised from here it would end the process.
+        active = false;
+    }
 }
 
 std::wstring ElapsedText(std::int64_t nanoseconds)

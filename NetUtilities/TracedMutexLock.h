@@ -13,8 +13,11 @@ namespace TracedLockDetail
 // "{}: {}" of the location's short function name and the text with the mutex's name, to the trace.
 void Write(std::wstring_view format, const std::wstring& mutexName, const std::source_location& location);
 void WriteLock(const std::wstring& mutexName, const std::source_location& location);
-void WriteUnlock(const std::wstring& mutexName, const std::source_location& location);
-void WriteTryLock(const std::wstring& mutexName, const std::source_location& location);
+// Without memory for it the line is lost: both come when the mutex has changed hands already.
+void WriteIfPossible(std::wstring_view format, const std::wstring& mutexName,
+                     const std::source_location& location) noexcept;
+void WriteUnlock(const std::wstring& mutexName, const std::source_location& location) noexcept;
+void WriteTryLock(const std::wstring& mutexName, const std::source_location& location) noexcept;
 } // namespace TracedLockDetail
 
 // `Mutex` is PlainMutex or RecursiveMutex. Locking raises what the mutex raises.
