@@ -3,61 +3,42 @@
 #include <algorithm>
 #include <limits>
 
-CComDynamicUnkArray::~CComDynamicUnkArray()
+bool CComDynamicUnkArray::Grow() noexcept
 {
-    for (int i = 0; i < m_size; ++i)
+    constexpr int firstSlots = 4;
+    const int slots = GetSize();
+    if (slots > std::numeric_limits<int>::max() / 2)
     {
-        if (m_slots[i] != nullptr)
-        {
-            m_slots[i]->Release();
-        }
+        return false;
     }
-    delete[] m_slots;
+    try
+    {
+        m_slots.resize(static_cast<std::size_t>(slots == 0 ? firstSlots : slots * 2));
+    }
+    catch (const std::bad_alloc&)
+    {
+        return false;
+    }
+    return true;
 }
 
-DWORD CComDynamicUnkArray::Add(IUnknown* sink) noexcept
+DWORD CComDynamicUnkArray::Add(CComUniqueUnknown&& sink) noexcept
 {
-    IUnknown** const end = m_slots + m_size;
-    IUnknown** const free = std::find(m_slots, end, nullptr);
-    if (free != end)
-    {
-        *free = sink;
-        return static_cast<DWORD>(free - m_slots) + 1;
-    }
-    if (m_size > std::numeric_limits<int>::max() / 2)
+    const auto slot = static_cast<std::size_t>(std::find(m_slots.begin(), m_slots.end(), nullptr) - m_slots.begin());
+    if (slot == m_slots.size() && !Grow())
     {
         return 0;
     }
-    const int size = m_size == 0 ? kFirstSlots : m_size * 2;
-    IUnknown** const slots = new (std::nothrow) IUnknown*[static_cast<std::size_t>(size)]();
-    if (slots == nullptr)
-    {
-        return 0;
-    }
-    std::copy(m_slots, end, slots);
-    delete[] m_slots;
-    const int slot = m_size;
-    m_slots = slots;
-    m_size = size;
-    m_slots[slot] = sink;
+    m_slots[slot] = std::move(sink);
     return static_cast<DWORD>(slot) + 1;
 }
 
-BOOL CComDynamicUnkArray::Remove(DWORD cookie) noexcept
+CComUniqueUnknown CComDynamicUnkArray::Remove(DWORD cookie) noexcept
 {
-    if (GetUnknown(cookie) == nullptr)
-    {
-        return FALSE;
-    }
-    m_slots[cookie - 1] = nullptr;
-    return TRUE;
+    return GetUnknown(cookie) != nullptr ? std::move(m_slots[cookie - 1]) : nullptr;
 }
 
 IUnknown* CComDynamicUnkArray::GetUnknown(DWORD cookie) const noexcept
 {
-    if (cookie == 0 || cookie > static_cast<DWORD>(m_size))
-    {
-        return nullptr;
-    }
-    return m_slots[cookie - 1];
+    return cookie != 0 && cookie <= m_slots.size() ? m_slots[cookie - 1].get() : nullptr;
 }

@@ -5,12 +5,10 @@
 // outgoing interfaces, and names them in a connection point map. The list of sinks is a class of its own, so that an
 // object that fires from threads other than its client's can keep them in a form that can travel. List offers, called
 // with the object's critical section held:
-//     DWORD Add(IUnknown* sink)
-//         Takes the caller's reference over and gives the cookie. 0 when there is no room: the reference is then still
-//         the caller's.
-//     BOOL Remove(DWORD cookie)
-//         Hands the reference back to the caller, who has asked GetUnknown for the pointer before. FALSE when the
-//         cookie names nothing.
+//     DWORD Add(CComUniqueUnknown&& sink)
+//         Takes the reference over and gives the cookie. 0 when there is no room: `sink` then still holds it.
+//     CComUniqueUnknown Remove(DWORD cookie)
+//         Hands the reference back; null when the cookie names nothing.
 //     IUnknown* GetUnknown(DWORD cookie)
 //         Without a reference of its own; null when the cookie names nothing.
 //     int GetSize()
@@ -18,27 +16,31 @@
 
 #include "ComSupport/Enumerator.h"
 
+#include <memory>
 #include <olectl.h>
+
+// One reference, released with its owner.
+struct CComReleaseUnknown
+{
+    void operator()(IUnknown* object) const noexcept { object->Release(); }
+};
+using CComUniqueUnknown = std::unique_ptr<IUnknown, CComReleaseUnknown>;
 
 // A plain list of sinks: slots that are used again, cookies that count from 1.
 class CComDynamicUnkArray
 {
 public:
-    CComDynamicUnkArray() = default;
-    virtual ~CComDynamicUnkArray();
-    CComDynamicUnkArray(const CComDynamicUnkArray&) = delete;
-    CComDynamicUnkArray& operator=(const CComDynamicUnkArray&) = delete;
-
-    DWORD Add(IUnknown* sink) noexcept;
-    BOOL Remove(DWORD cookie) noexcept;
+    // Puts the sink in the first free slot; 4 slots at first, twice as many when they are full.
+    DWORD Add(CComUniqueUnknown&& sink) noexcept;
+    // Null if the cookie is 0, beyond the slots, or names a free one.
+    [[nodiscard]] CComUniqueUnknown Remove(DWORD cookie) noexcept;
     [[nodiscard]] IUnknown* GetUnknown(DWORD cookie) const noexcept;
-    [[nodiscard]] int GetSize() const noexcept { return m_size; }
+    [[nodiscard]] int GetSize() const noexcept { return static_cast<int>(m_slots.size()); }
 
-protected:
-    static constexpr int kFirstSlots = 4;
+private:
+    [[nodiscard]] bool Grow() noexcept;
 
-    IUnknown** m_slots = nullptr; // one per slot, null when free; doubles when full
-    int m_size = 0;               // slots
+    std::vector<CComUniqueUnknown> m_slots; // null when free
 };
 
 // One row of a connection point map: the point's interface, and how to get the point from the object (no reference).
@@ -197,33 +199,22 @@ private:
         {
             return asked == E_NOINTERFACE ? CONNECT_E_CANNOTCONNECT : asked;
         }
+        CComUniqueUnknown owned(outgoing); // released outside the lock if there is no room
         {
             const CComCritSecLock lock(static_cast<T*>(this)->m_critsec);
-            *cookie = m_vec.Add(outgoing);
+            *cookie = m_vec.Add(std::move(owned));
         }
-        if (*cookie == 0)
-        {
-            outgoing->Release();
-            return CONNECT_E_ADVISELIMIT;
-        }
-        return S_OK;
+        return *cookie == 0 ? CONNECT_E_ADVISELIMIT : S_OK;
     }
 
     HRESULT Unadvise(DWORD cookie) noexcept
     {
-        IUnknown* sink = nullptr;
-        BOOL removed = FALSE;
+        CComUniqueUnknown sink; // released outside the lock: the last release runs the client's code
         {
             const CComCritSecLock lock(static_cast<T*>(this)->m_critsec);
-            sink = m_vec.GetUnknown(cookie);
-            removed = m_vec.Remove(cookie);
+            sink = m_vec.Remove(cookie);
         }
-        // Outside the lock: the last release runs the client's code.
-        if (removed && sink != nullptr)
-        {
-            sink->Release();
-        }
-        return removed ? S_OK : CONNECT_E_NOCONNECTION;
+        return sink != nullptr ? S_OK : CONNECT_E_NOCONNECTION;
     }
 
     HRESULT EnumConnections(IEnumConnections** result) noexcept

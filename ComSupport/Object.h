@@ -167,7 +167,7 @@ private:
 };
 
 // Makes an object of class T and asks it for an interface. Nothing stays behind when a step fails.
-// E_OUTOFMEMORY for want of memory, FinalConstruct's code, or that of the query.
+// E_OUTOFMEMORY for want of memory, FinalConstruct's code, E_FAIL for any other exception, or the code of the query.
 template <class T>
 class CComCreator
 {
@@ -208,6 +208,10 @@ public:
         catch (const std::bad_alloc&)
         {
             status = E_OUTOFMEMORY;
+        }
+        catch (...)
+        {
+            status = E_FAIL; // such as a thread that an object wants from the start and that cannot be had
         }
         if (FAILED(status))
         {

@@ -38,8 +38,10 @@ AdapterChangeArguments::AdapterChangeArguments(BSTR deviceId, HRESULT result, _N
 
 HRESULT AdapterChangeArguments::Invoke(IDispatch* sink, _variant_t& result)
 {
-    result.Clear();
-    result.scode = 0; // clearing keeps the old value's bits
+    // Not by the wrapper, which raises for a type that a sink has made up.
+    static_cast<void>(VariantClear(&result));
+    VariantInit(&result);
+    result.scode = 0; // neither touches the old value's bits
     DISPPARAMS parameters{arguments, nullptr, 3, 0};
     return sink->Invoke(adapterChangeId, IID_NULL, eventLocale, DISPATCH_METHOD, &parameters, &result, nullptr,
                         nullptr);

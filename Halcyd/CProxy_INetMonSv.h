@@ -58,6 +58,7 @@ private:
     HRESULT FireToAll(MakeArguments makeArguments)
     {
         _variant_t result;
+        result.scode = 0;              // what is returned when nobody is told
         const int slots = SlotCount(); // sinks that connect during the loop are not told
         for (int index = 0; index < slots; ++index)
         {

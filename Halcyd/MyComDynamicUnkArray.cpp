@@ -3,9 +3,7 @@
 #include "Halcyd/MonitorTrace.h"
 #include "Halcyd_h.h"
 
-#include <cstdint>
-#include <limits>
-#include <new>
+#include <utility>
 
 MyComDynamicUnkArray::MyComDynamicUnkArray()
 {
@@ -24,42 +22,18 @@ MyComDynamicUnkArray::~MyComDynamicUnkArray()
     }
 }
 
-bool MyComDynamicUnkArray::Grow() noexcept
+DWORD MyComDynamicUnkArray::Add(CComUniqueUnknown&& sink) noexcept
 {
-    constexpr int firstSize = 4;
-    const int slotCount = GetSize();
-    if (slotCount > std::numeric_limits<int>::max() / 2)
+    IUnknown* const added = sink.get();
+    const DWORD cookie = slots.Add(std::move(sink));
+    if (cookie != 0)
     {
-        return false;
+        RegisterSink(added, static_cast<int>(cookie) - 1);
     }
-    try
-    {
-        slots.resize(static_cast<std::size_t>(slotCount == 0 ? firstSize : slotCount * 2));
-    }
-    catch (const std::bad_alloc&)
-    {
-        return false;
-    }
-    return true;
+    return cookie;
 }
 
-DWORD MyComDynamicUnkArray::Add(IUnknown* sink)
-{
-    int index = 0;
-    while (index < GetSize() && slots[static_cast<std::size_t>(index)] != nullptr)
-    {
-        ++index;
-    }
-    if (index == GetSize() && !Grow())
-    {
-        return 0;
-    }
-    slots[static_cast<std::size_t>(index)].Attach(sink);
-    RegisterSink(sink, index);
-    return static_cast<DWORD>(index) + 1;
-}
-
-void MyComDynamicUnkArray::RegisterSink(IUnknown* sink, int index)
+void MyComDynamicUnkArray::RegisterSink(IUnknown* sink, int index) noexcept
 {
     if (interfaceTable == nullptr || index >= MaximumSinks)
     {
@@ -92,24 +66,14 @@ void MyComDynamicUnkArray::RevokeSink(int index) noexcept
     }
 }
 
-BOOL MyComDynamicUnkArray::Remove(DWORD cookie)
+CComUniqueUnknown MyComDynamicUnkArray::Remove(DWORD cookie) noexcept
 {
-    if (GetUnknown(cookie) == nullptr)
+    CComUniqueUnknown sink = slots.Remove(cookie);
+    if (sink != nullptr)
     {
-        return FALSE;
+        RevokeSink(static_cast<int>(cookie) - 1);
     }
-    static_cast<void>(slots[cookie - 1].Detach()); // the caller's from now on
-    RevokeSink(static_cast<int>(cookie) - 1);
-    return TRUE;
-}
-
-IUnknown* MyComDynamicUnkArray::GetUnknown(DWORD cookie) const noexcept
-{
-    if (cookie == 0 || cookie > slots.size())
-    {
-        return nullptr;
-    }
-    return slots[cookie - 1].GetInterfacePtr();
+    return sink;
 }
 
 IUnknownPtr MyComDynamicUnkArray::GetAt(int index) const

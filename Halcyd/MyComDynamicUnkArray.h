@@ -4,7 +4,8 @@
 #include <comdef.h>
 
 #include <array>
-#include <vector>
+
+#include "ComSupport/ConnectionPoint.h"
 
 _COM_SMARTPTR_TYPEDEF(IUnknown, __uuidof(IUnknown));
 _COM_SMARTPTR_TYPEDEF(IDispatch, __uuidof(IDispatch));
@@ -16,8 +17,7 @@ _COM_SMARTPTR_TYPEDEF(IGlobalInterfaceTable, __uuidof(IGlobalInterfaceTable));
 // only) each sink has an entry in the process's Global Interface Table, and GetAt fetches from there a pointer that is
 // good on the calling thread.
 //
-// Not locked: the owner holds its critical section around every call. Add takes the sink's reference over; with Remove
-// it goes back to the caller, who releases it. What is left at the end is released here.
+// Not locked: the owner holds its critical section around every call. What is left at the end is released here.
 class MyComDynamicUnkArray
 {
 public:
@@ -30,24 +30,24 @@ public:
     MyComDynamicUnkArray& operator=(const MyComDynamicUnkArray&) = delete;
 
     // Puts the sink in the first free slot; 4 slots at first, twice as many when they are full. Returns the cookie, 0
-    // if there was no room. A sink that the Global Interface Table does not take keeps its slot and gets no events.
-    DWORD Add(IUnknown* sink);
-    // Frees the slot. FALSE if the cookie is 0, beyond the slots, or names a free one.
-    BOOL Remove(DWORD cookie);
+    // if there was no room: `sink` then still holds the reference. A sink that the Global Interface Table does not take
+    // keeps its slot and gets no events.
+    DWORD Add(CComUniqueUnknown&& sink) noexcept;
+    // Frees the slot and hands the reference back. Null if the cookie is 0, beyond the slots, or names a free one.
+    [[nodiscard]] CComUniqueUnknown Remove(DWORD cookie) noexcept;
     // The sink of a cookie, without a reference of its own; null as for Remove.
-    [[nodiscard]] IUnknown* GetUnknown(DWORD cookie) const noexcept;
+    [[nodiscard]] IUnknown* GetUnknown(DWORD cookie) const noexcept { return slots.GetUnknown(cookie); }
 
     // The sink at `index` (from 0) for use on this thread. Null for a free slot, and when the Global Interface Table
     // has nothing or fails.
     [[nodiscard]] IUnknownPtr GetAt(int index) const;
-    [[nodiscard]] int GetSize() const noexcept { return static_cast<int>(slots.size()); }
+    [[nodiscard]] int GetSize() const noexcept { return slots.GetSize(); }
 
 private:
-    [[nodiscard]] bool Grow() noexcept;
-    void RegisterSink(IUnknown* sink, int index);
+    void RegisterSink(IUnknown* sink, int index) noexcept;
     void RevokeSink(int index) noexcept;
 
-    std::vector<IUnknownPtr> slots; // null pointers are free slots
+    CComDynamicUnkArray slots;
     IGlobalInterfaceTablePtr interfaceTable;
     std::array<DWORD, MaximumSinks> tableCookies{}; // by slot number less one; 0 for none
 };
