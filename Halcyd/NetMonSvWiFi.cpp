@@ -47,9 +47,17 @@ public:
     explicit WiFiHandle(GoesBack goesBack = GoesBack::IfValid) : handle(WiFiOpen()), closing(goesBack) {}
     ~WiFiHandle()
     {
-        if (IsValid() || closing == GoesBack::Always)
+        if (!IsValid() && closing == GoesBack::IfValid)
+        {
+            return;
+        }
+        try
         {
             WiFiClose(handle);
+        }
+        catch (const std::bad_alloc&)
+        {
+            handle = INVALID_HANDLE_VALUE; // lost: raised from here it would end the process
         }
     }
     WiFiHandle(const WiFiHandle&) = delete;

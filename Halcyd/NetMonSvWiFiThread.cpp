@@ -28,6 +28,39 @@ std::int32_t ClockNow() noexcept
     return static_cast<std::int32_t>(std::clock());
 }
 
+// The client's identity on this thread, given up at the end at the latest: what comes behind must not run as the
+// client, whichever way the work in between ends.
+class ClientIdentity
+{
+public:
+    ClientIdentity() = default;
+    ~ClientIdentity()
+    {
+        if (assumed)
+        {
+            RevertToSelf();
+        }
+    }
+    ClientIdentity(const ClientIdentity&) = delete;
+    ClientIdentity& operator=(const ClientIdentity&) = delete;
+
+    // Both return false with the platform's last error.
+    [[nodiscard]] bool Assume(HANDLE token) noexcept
+    {
+        assumed = ImpersonateLoggedOnUser(token) != FALSE;
+        return assumed;
+    }
+    // Reverts whether or not an identity was assumed.
+    [[nodiscard]] bool Drop() noexcept
+    {
+        assumed = false;
+        return RevertToSelf() != FALSE;
+    }
+
+private:
+    bool assumed = false;
+};
+
 void HashBanner(const std::wstring& text)
 {
     MonitorTrace::Banner(text, L'#', 71);
@@ -192,10 +225,10 @@ void CNetMonSv::StartNativeWifiEventMonitorThread()
 {
     ScopeTrace scope(Log::Source::NetMon, AlwaysOnTraceFlag);
     // The event belongs to the client, so that the client's own programs may open it.
-    const bool impersonating = clientTokenHandle && ImpersonateLoggedOnUser(clientTokenHandle.get());
+    ClientIdentity identity;
     if (clientTokenHandle)
     {
-        if (impersonating)
+        if (identity.Assume(clientTokenHandle.get()))
         {
             MonitorTrace::Note(L"Impersonating the client with token {:#08x}",
                                MonitorTrace::Address(clientTokenHandle.get()));
@@ -207,7 +240,7 @@ void CNetMonSv::StartNativeWifiEventMonitorThread()
         }
     }
     nativeWifiEvent.reset(CreateEventW(nullptr, TRUE, FALSE, GlobalObjectName(L"NetCfgWifiEvent")));
-    if (RevertToSelf())
+    if (identity.Drop())
     {
         MonitorTrace::Note(L"Reverting to self");
     }

@@ -118,6 +118,20 @@ TEST_F(ObjectTest, FailedFinalConstructLeavesNothingBehind)
     EXPECT_EQ(module.GetLockCount(), 0);
 }
 
+TEST_F(ObjectTest, ExceptionOfAConstructionIsAFailedCreation)
+{
+    CPlainObject::lives.constructorRaises = true;
+    EXPECT_EQ(Create<IPersist>(), nullptr);
+    EXPECT_EQ(lastResult, E_FAIL);
+    CPlainObject::lives.constructorRaises = false;
+    CPlainObject::lives.finalConstructRaises = true;
+    EXPECT_EQ(Create<IPersist>(), nullptr);
+    EXPECT_EQ(lastResult, E_FAIL);
+    EXPECT_EQ(CPlainObject::lives.constructed, 1);
+    EXPECT_EQ(CPlainObject::lives.Alive(), 0);
+    EXPECT_EQ(module.GetLockCount(), 0);
+}
+
 TEST_F(ObjectTest, CreationForAnInterfaceThatIsNotThereLeavesNothingBehind)
 {
     EXPECT_EQ(Create<IUnknown>(IID_TestEvents), nullptr);

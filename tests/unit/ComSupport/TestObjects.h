@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <ocidl.h>
+#include <system_error>
 
 inline constexpr CLSID CLSID_TestCounter = {
     0x7A1B2C01, 0x1111, 0x4222, {0x83, 0x33, 0x44, 0x44, 0x55, 0x55, 0x66, 0x01}};
@@ -21,9 +22,12 @@ struct Lives
     std::atomic<int> finalReleased{0};
     std::atomic<int> destroyed{0};
     std::atomic<HRESULT> finalConstructResult{S_OK};
+    std::atomic<bool> constructorRaises{false};
+    std::atomic<bool> finalConstructRaises{false};
 
     void Reset()
     {
+        constructorRaises = finalConstructRaises = false;
         constructed = finalConstructed = finalReleased = destroyed = 0;
         finalConstructResult = S_OK;
     }
@@ -46,12 +50,23 @@ public:
     END_COM_MAP()
     static HRESULT WINAPI UpdateRegistry(BOOL) noexcept { return S_OK; }
 
-    CTestObject() { ++lives.constructed; }
+    CTestObject()
+    {
+        if (lives.constructorRaises)
+        {
+            throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
+        }
+        ++lives.constructed;
+    }
     ~CTestObject() { ++lives.destroyed; }
 
     HRESULT FinalConstruct()
     {
         ++lives.finalConstructed;
+        if (lives.finalConstructRaises)
+        {
+            throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
+        }
         // Hands itself out and takes itself back, as a member object that is built here would.
         IUnknown* self = nullptr;
         if (SUCCEEDED(

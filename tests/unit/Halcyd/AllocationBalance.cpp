@@ -10,6 +10,7 @@
 #include <mutex>
 #include <new>
 #include <set>
+#include <utility>
 
 #include "tests/unit/Halcyd/MemoryLedger.h"
 #include "tests/unit/Halcyd/TraceLines.h"
@@ -18,6 +19,9 @@ namespace
 {
 thread_local bool measuring = false;
 thread_local std::size_t refusedSize = 0;
+constexpr long ample = -1;
+thread_local long blocksToGive = ample;
+thread_local bool anyRefused = false;
 std::atomic<long> liveHeapBlocks{0};
 
 // In front of each block of operator new. As large as the strictest alignment that plain new has to give.
@@ -26,8 +30,28 @@ struct alignas(__STDCPP_DEFAULT_NEW_ALIGNMENT__) BlockHeader
     bool counted;
 };
 
+// Whether this thread has had all the blocks that it is to get.
+bool IsShort() noexcept
+{
+    if (blocksToGive == ample)
+    {
+        return false;
+    }
+    if (blocksToGive == 0)
+    {
+        anyRefused = true;
+        return true;
+    }
+    --blocksToGive;
+    return false;
+}
+
 void* Allocate(std::size_t size) noexcept
 {
+    if (IsShort())
+    {
+        return nullptr;
+    }
     auto* const header = static_cast<BlockHeader*>(std::malloc(sizeof(BlockHeader) + size));
     if (header == nullptr)
     {
@@ -205,4 +229,27 @@ NoRoomFor::NoRoomFor(std::size_t size) noexcept
 NoRoomFor::~NoRoomFor()
 {
     refusedSize = 0;
+}
+
+NoMemoryAfter::NoMemoryAfter(long blocks) noexcept
+{
+    anyRefused = false;
+    blocksToGive = blocks;
+}
+
+NoMemoryAfter::~NoMemoryAfter()
+{
+    blocksToGive = ample;
+}
+
+bool NoMemoryAfter::Happened() noexcept
+{
+    return anyRefused;
+}
+
+AmpleMemory::AmpleMemory() noexcept : blocksLeft(std::exchange(blocksToGive, ample)) {}
+
+AmpleMemory::~AmpleMemory()
+{
+    blocksToGive = blocksLeft;
 }

@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "Halcyd/ComPointer.h"
+#include "tests/unit/Halcyd/AllocationBalance.h"
 #include "tests/unit/Halcyd/HostHooks.h"
 #include "tests/unit/Halcyd/LifecycleMonitor.h"
 #include "tests/unit/Halcyd/PlatformHooks.h"
@@ -80,6 +81,31 @@ TEST_F(ConnectionList, SinksFailureToGiveItsEventsIsPassedOn)
     DWORD cookie = 77;
     EXPECT_EQ(point->Advise(&broken, &cookie), E_OUTOFMEMORY);
     EXPECT_EQ(cookie, 0u);
+}
+
+TEST_F(ConnectionList, SinkThatThereIsNoSlotForIsRefusedAndReleased)
+{
+    TestSink sinks[5];
+    for (int number = 0; number < 4; ++number)
+    {
+        Advise(point, sinks[number]);
+    }
+    DWORD cookie = 77;
+    HRESULT result = S_OK;
+    {
+        const NoMemoryAfter shortage(0);
+        result = point->Advise(&sinks[4], &cookie);
+    }
+    EXPECT_EQ(result, CONNECT_E_ADVISELIMIT);
+    EXPECT_EQ(cookie, 0u);
+    EXPECT_EQ(sinks[4].References(), 1);
+    monitor->Fire_AdapterChange(nullptr, static_cast<BSTR>(nullptr), enumEventIpChange);
+    EXPECT_EQ(sinks[3].Events().size(), 1u); // the others are as they were
+    EXPECT_EQ(Advise(point, sinks[4]), 5u);
+    for (DWORD number = 1; number <= 5; ++number)
+    {
+        EXPECT_EQ(point->Unadvise(number), S_OK);
+    }
 }
 
 TEST_F(ConnectionList, SlotsDoubleAndTheSinkBehindTheTablesEndGetsNoEvents)
@@ -278,6 +304,28 @@ TEST_F(ConnectionList, FiringReturnsTheCodeOfTheLastResult)
     EXPECT_EQ(monitor->Fire_AdapterChange(nullptr, static_cast<BSTR>(nullptr), enumEventIpChange), 0);
     sinks[1].resultCode = 5;
     EXPECT_EQ(monitor->Fire_AdapterChange(nullptr, S_OK, enumEventIpBindingsRestored), 5);
+    for (const DWORD cookie : cookies)
+    {
+        point->Unadvise(cookie);
+    }
+}
+
+TEST_F(ConnectionList, ResultOfATypeThatASinkMadeUpHarmsNobody)
+{
+    class OddSink : public TestSink
+    {
+    public:
+        HRESULT Invoke(DISPID, REFIID, LCID, WORD, DISPPARAMS*, VARIANT* result, EXCEPINFO*, UINT*) override
+        {
+            result->vt = 0x0FFF;
+            return S_OK;
+        }
+    } odd;
+    TestSink good;
+    const DWORD cookies[] = {Advise(point, odd), Advise(point, good)};
+    monitor->Fire_AdapterChange(nullptr, static_cast<BSTR>(nullptr), enumEventIpChange);
+    monitor->Fire_AdapterChange(nullptr, static_cast<BSTR>(nullptr), enumEventIpChange);
+    EXPECT_EQ(good.Events().size(), 2u);
     for (const DWORD cookie : cookies)
     {
         point->Unadvise(cookie);

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <vector>
 
+#include "tests/unit/Halcyd/AllocationBalance.h"
 #include "tests/unit/Halcyd/MemoryLedger.h"
 #include "tests/unit/Halcyd/TestMonitor.h"
 #include "tests/unit/Halcyd/TraceLines.h"
@@ -275,6 +276,36 @@ TEST_F(DeviceListMemory, CopyLeavesOutTheNetworkThatHasNoRoom)
     EXPECT_EQ(networks->pNext->pNext, nullptr);
     EXPECT_FALSE(trace.Has(L"memory allocation failed"));
     FreeCopy(head);
+}
+
+// The copying traces, and a line wants memory too.
+TEST_F(DeviceListMemory, WhereverMemoryEndsTheCopyMadeSoFarIsTheClients)
+{
+    GiveEthernet(*AddFull());
+    GiveWiFi(*AddFull(), {L"home", L"cafe"});
+    _DEVICE_ELEMENT* head = nullptr;
+    EXPECT_EQ(monitor->GetDeviceInfoList(&head), S_OK); // what is made once is made
+    FreeCopy(head);
+    const MemoryLedger ledger;
+    std::size_t longest = 0;
+    bool enough = false;
+    for (long room = 0; !enough; ++room)
+    {
+        head = reinterpret_cast<_DEVICE_ELEMENT*>(1); // a client need not clear it
+        HRESULT result = E_FAIL;
+        {
+            const NoMemoryAfter shortage(room);
+            result = monitor->GetDeviceInfoList(&head);
+            enough = !NoMemoryAfter::Happened();
+        }
+        ASSERT_EQ(result, S_OK) << room;
+        ASSERT_TRUE(room > 0 || head == nullptr);
+        longest = std::max(longest, ledger.Blocks());
+        FreeCopy(head);
+        ASSERT_EQ(ledger.Blocks(), 0u) << room;
+        ASSERT_EQ(ledger.Strings(), 0u) << room;
+    }
+    EXPECT_EQ(longest, 2u + 2u + 2u);
 }
 
 TEST_F(DeviceListMemory, EveryFieldOfANetworkIsCopied)

@@ -23,6 +23,8 @@ public:
         lastForcedSurvey = last;
     }
     std::int32_t ForcedSurveys() NO_THREAD_SAFETY_ANALYSIS { return forcedSurveyCount; }
+    // The client's token as Open would have found it; the monitor closes it.
+    void UseToken(HANDLE token) NO_THREAD_SAFETY_ANALYSIS { clientTokenHandle.reset(token); }
     RecursiveMutex& ListMutex() { return deviceInfoListMutex; }
     // True if another thread could have the list now.
     [[nodiscard]] bool IsListFree();

@@ -5,6 +5,8 @@
 #include <new>
 #include <set>
 
+#include "tests/unit/Halcyd/AllocationBalance.h"
+
 namespace
 {
 struct Account
@@ -28,6 +30,7 @@ Pointer Note(std::set<const void*> Account::* kind, Pointer made)
     const std::lock_guard guard(account.mutex);
     if (account.thread == GetCurrentThreadId() && made != nullptr)
     {
+        const AmpleMemory books;
         (account.*kind).insert(made);
     }
     return made;

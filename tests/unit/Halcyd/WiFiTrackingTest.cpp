@@ -18,6 +18,16 @@
 #include "tests/unit/Halcyd/TraceLines.h"
 #include "tests/unit/support/VirtualClock.h"
 
+// clang-format off
+PLATFORM_HOOK(ImpersonateLoggedOnUser, L"advapi32.dll", BOOL(HANDLE))
+PLATFORM_HOOK(RevertToSelf, L"advapi32.dll", BOOL())
+// clang-format on
+extern "C"
+{
+    decltype(&ImpersonateLoggedOnUserHook::Call) __imp_ImpersonateLoggedOnUser = &ImpersonateLoggedOnUserHook::Call;
+    decltype(&RevertToSelfHook::Call) __imp_RevertToSelf = &RevertToSelfHook::Call;
+}
+
 namespace
 {
 constexpr wchar_t id[] = L"{4A1C7E09-3B52-4D0F-9E61-0C5D8A2B7009}";
@@ -505,6 +515,8 @@ TEST_F(WiFiTracking, ClientsSurveyAsksEachWiFiAdapterAndIgnoresTheResults)
                                                        L"WiFiSurveyEx2 {W2}", L"WiFiClose"}));
     wifi.available = false;
     EXPECT_EQ(monitor->WiFiSurvey(), S_OK);
+    EXPECT_EQ(wifi.Count(std::wstring(L"WiFiSurveyEx2 ") + id), 2);
+    EXPECT_EQ(wifi.Count(L"WiFiClose of a strange handle"), 1); // what the opening gave goes back, whatever it is
 }
 
 // --- the list of access points ---
@@ -746,6 +758,80 @@ TEST_F(WiFiTracking, WithoutItsEventsNoThreadRuns)
     EXPECT_TRUE(trace.Has(L"Could not create events"));
     EXPECT_EQ(monitor->NativeWifiMonitorThread, nullptr);
     monitor->StopWifiThread();
+}
+
+// The calls around the making of the signal's event, in their order.
+class ClientsEvent : public WiFiTracking
+{
+protected:
+    ClientsEvent()
+    {
+        monitor->UseToken(CreateEventW(nullptr, TRUE, FALSE, nullptr)); // something that CloseHandle takes
+        ImpersonateLoggedOnUserHook::Replace(
+            [this](HANDLE)
+            {
+                order.emplace_back(L"impersonate");
+                SetLastError(ERROR_ACCESS_DENIED);
+                return assumed;
+            });
+        RevertToSelfHook::Replace(
+            [this]
+            {
+                order.emplace_back(L"revert");
+                SetLastError(ERROR_ACCESS_DENIED);
+                return reverted;
+            });
+        CreateEventWHook::Replace(
+            [this](LPSECURITY_ATTRIBUTES security, BOOL manual, BOOL set, LPCWSTR name)
+            {
+                if (name != nullptr && wcsstr(name, L"NetCfgWifiEvent") != nullptr)
+                {
+                    order.emplace_back(L"event");
+                    if (raises)
+                    {
+                        throw std::bad_alloc();
+                    }
+                }
+                return CreateEventWHook::Real(security, manual, set, name);
+            });
+    }
+    // The hooks go before what they use.
+    ~ClientsEvent() override { PlatformHooks::Reset(); }
+
+    BOOL assumed = TRUE;
+    BOOL reverted = TRUE;
+    bool raises = false;
+    std::vector<std::wstring> order;
+    const std::vector<std::wstring> usual{L"impersonate", L"event", L"revert"};
+};
+
+TEST_F(ClientsEvent, IsMadeInTheClientsName)
+{
+    monitor->StartWifiThread();
+    EXPECT_EQ(order, usual);
+    EXPECT_EQ(FirstMissingInOrder({L"Impersonating the client with token 0x", L"Reverting to self",
+                                   L"Creating thread to listen for special wifi events"}),
+              L"");
+    monitor->StopWifiThread();
+}
+
+TEST_F(ClientsEvent, IsMadeAllTheSameWhenTheClientsNameCannotBeHadOrGivenUp)
+{
+    assumed = FALSE;
+    reverted = FALSE;
+    monitor->StartWifiThread();
+    EXPECT_EQ(order, usual);
+    EXPECT_EQ(FirstMissingInOrder({L"Problem impersonating the client with token 0x", L"Error reverting to self!",
+                                   L"Creating thread to listen for special wifi events"}),
+              L"");
+    monitor->StopWifiThread();
+}
+
+TEST_F(ClientsEvent, ThatCannotBeMadeForWantOfMemoryLeavesNoThreadInTheClientsName)
+{
+    raises = true;
+    EXPECT_THROW(monitor->StartWifiThread(), std::bad_alloc);
+    EXPECT_EQ(order, usual);
 }
 
 TEST_F(WiFiTracking, WithoutItsEventTheTimersEndIsNotWaitedFor)
