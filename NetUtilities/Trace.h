@@ -172,6 +172,7 @@ public:
                std::source_location location = std::source_location::current());
     ScopeTrace(LogOutput output, unsigned flag, int timing = 0, std::wstring_view detail = {},
                std::source_location location = std::source_location::current());
+    // Raises nothing: an exit line that there is no memory for is lost.
     ~ScopeTrace();
     ScopeTrace(const ScopeTrace&) = delete;
     ScopeTrace& operator=(const ScopeTrace&) = delete;

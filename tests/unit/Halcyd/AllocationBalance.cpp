@@ -10,7 +10,6 @@
 #include <mutex>
 #include <new>
 #include <set>
-#include <utility>
 
 #include "tests/unit/Halcyd/MemoryLedger.h"
 #include "tests/unit/Halcyd/TraceLines.h"
@@ -19,9 +18,6 @@ namespace
 {
 thread_local bool measuring = false;
 thread_local std::size_t refusedSize = 0;
-constexpr long ample = -1;
-thread_local long blocksToGive = ample;
-thread_local bool anyRefused = false;
 std::atomic<long> liveHeapBlocks{0};
 
 // In front of each block of operator new. As large as the strictest alignment that plain new has to give.
@@ -30,25 +26,9 @@ struct alignas(__STDCPP_DEFAULT_NEW_ALIGNMENT__) BlockHeader
     bool counted;
 };
 
-// Whether this thread has had all the blocks that it is to get.
-bool IsShort() noexcept
-{
-    if (blocksToGive == ample)
-    {
-        return false;
-    }
-    if (blocksToGive == 0)
-    {
-        anyRefused = true;
-        return true;
-    }
-    --blocksToGive;
-    return false;
-}
-
 void* Allocate(std::size_t size) noexcept
 {
-    if (IsShort())
+    if (NoMemoryAfter::Takes())
     {
         return nullptr;
     }
@@ -229,27 +209,4 @@ NoRoomFor::NoRoomFor(std::size_t size) noexcept
 NoRoomFor::~NoRoomFor()
 {
     refusedSize = 0;
-}
-
-NoMemoryAfter::NoMemoryAfter(long blocks) noexcept
-{
-    anyRefused = false;
-    blocksToGive = blocks;
-}
-
-NoMemoryAfter::~NoMemoryAfter()
-{
-    blocksToGive = ample;
-}
-
-bool NoMemoryAfter::Happened() noexcept
-{
-    return anyRefused;
-}
-
-AmpleMemory::AmpleMemory() noexcept : blocksLeft(std::exchange(blocksToGive, ample)) {}
-
-AmpleMemory::~AmpleMemory()
-{
-    blocksToGive = blocksLeft;
 }

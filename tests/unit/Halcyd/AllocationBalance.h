@@ -25,28 +25,3 @@ public:
     NoRoomFor(const NoRoomFor&) = delete;
     NoRoomFor& operator=(const NoRoomFor&) = delete;
 };
-
-// From construction to destruction this thread gets `blocks` blocks of operator new, and then none. One at a time.
-class NoMemoryAfter
-{
-public:
-    explicit NoMemoryAfter(long blocks) noexcept;
-    ~NoMemoryAfter();
-    NoMemoryAfter(const NoMemoryAfter&) = delete;
-    NoMemoryAfter& operator=(const NoMemoryAfter&) = delete;
-    // Whether a block was asked for in vain since the last construction.
-    [[nodiscard]] static bool Happened() noexcept;
-};
-
-// While it lives, the shortage does not concern this thread: for the books that a test keeps about the code under test.
-class AmpleMemory
-{
-public:
-    AmpleMemory() noexcept;
-    ~AmpleMemory();
-    AmpleMemory(const AmpleMemory&) = delete;
-    AmpleMemory& operator=(const AmpleMemory&) = delete;
-
-private:
-    long blocksLeft;
-};

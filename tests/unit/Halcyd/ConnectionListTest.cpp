@@ -6,9 +6,9 @@
 #include <thread>
 
 #include "Halcyd/ComPointer.h"
-#include "tests/unit/Halcyd/AllocationBalance.h"
 #include "tests/unit/Halcyd/HostHooks.h"
 #include "tests/unit/Halcyd/LifecycleMonitor.h"
+#include "tests/unit/Halcyd/MemoryLedger.h"
 #include "tests/unit/Halcyd/PlatformHooks.h"
 #include "tests/unit/Halcyd/TraceLines.h"
 

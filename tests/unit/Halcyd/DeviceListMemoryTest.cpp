@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <vector>
 
-#include "tests/unit/Halcyd/AllocationBalance.h"
 #include "tests/unit/Halcyd/MemoryLedger.h"
 #include "tests/unit/Halcyd/TestMonitor.h"
 #include "tests/unit/Halcyd/TraceLines.h"

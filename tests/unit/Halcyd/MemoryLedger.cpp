@@ -4,8 +4,7 @@
 #include <mutex>
 #include <new>
 #include <set>
-
-#include "tests/unit/Halcyd/AllocationBalance.h"
+#include <utility>
 
 namespace
 {
@@ -23,6 +22,23 @@ Account& TheAccount()
     return *account;
 }
 
+constexpr long ample = -1;
+thread_local long blocksToGive = ample;
+thread_local bool anyRefused = false;
+
+// While it lives, a shortage does not concern this thread: the ledger is no part of the code under test.
+class AmpleMemory
+{
+public:
+    AmpleMemory() noexcept : before(std::exchange(blocksToGive, ample)) {}
+    ~AmpleMemory() { blocksToGive = before; }
+    AmpleMemory(const AmpleMemory&) = delete;
+    AmpleMemory& operator=(const AmpleMemory&) = delete;
+
+private:
+    long before;
+};
+
 template <class Pointer>
 Pointer Note(std::set<const void*> Account::* kind, Pointer made)
 {
@@ -30,7 +46,7 @@ Pointer Note(std::set<const void*> Account::* kind, Pointer made)
     const std::lock_guard guard(account.mutex);
     if (account.thread == GetCurrentThreadId() && made != nullptr)
     {
-        const AmpleMemory books;
+        const AmpleMemory ownNeeds;
         (account.*kind).insert(made);
     }
     return made;
@@ -103,6 +119,37 @@ bool NothrowNewFails::Takes(std::size_t size) noexcept
     failingSize = 0;
     nothrowNewFailed = true;
     return true;
+}
+
+NoMemoryAfter::NoMemoryAfter(long blocks) noexcept
+{
+    anyRefused = false;
+    blocksToGive = blocks;
+}
+
+NoMemoryAfter::~NoMemoryAfter()
+{
+    blocksToGive = ample;
+}
+
+bool NoMemoryAfter::Happened() noexcept
+{
+    return anyRefused;
+}
+
+bool NoMemoryAfter::Takes() noexcept
+{
+    if (blocksToGive == ample)
+    {
+        return false;
+    }
+    if (blocksToGive == 0)
+    {
+        anyRefused = true;
+        return true;
+    }
+    --blocksToGive;
+    return false;
 }
 
 MemoryLedger::MemoryLedger()

@@ -46,3 +46,17 @@ public:
     // Asked by the program's operator new (AllocationBalance.cpp): whether this call is the one to fail.
     [[nodiscard]] static bool Takes(std::size_t size) noexcept;
 };
+
+// From construction to destruction this thread gets `blocks` blocks of operator new, and then none. One at a time.
+class NoMemoryAfter
+{
+public:
+    explicit NoMemoryAfter(long blocks) noexcept;
+    ~NoMemoryAfter();
+    NoMemoryAfter(const NoMemoryAfter&) = delete;
+    NoMemoryAfter& operator=(const NoMemoryAfter&) = delete;
+    // Whether a block was asked for in vain since the last construction.
+    [[nodiscard]] static bool Happened() noexcept;
+    // Asked by the program's operator new (AllocationBalance.cpp): whether this call is to fail.
+    [[nodiscard]] static bool Takes() noexcept;
+};

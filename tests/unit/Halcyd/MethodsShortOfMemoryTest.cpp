@@ -11,8 +11,8 @@
 #include "Halcyd/EventSink.h"
 #include "Halcyd/MethodGuard.h"
 #include "Halcyd/SimpleSink.h"
-#include "tests/unit/Halcyd/AllocationBalance.h"
 #include "tests/unit/Halcyd/LifecycleMonitor.h"
+#include "tests/unit/Halcyd/MemoryLedger.h"
 #include "tests/unit/Halcyd/TraceLines.h"
 
 namespace
