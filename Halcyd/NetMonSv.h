@@ -261,6 +261,7 @@ public:
 protected:
     HRESULT OpenLocked() REQUIRES(serializeOpenCloseMutex);
     HRESULT CloseLocked() REQUIRES(serializeOpenCloseMutex);
+    HRESULT TakeDown() REQUIRES(serializeOpenCloseMutex);
     HRESULT StartIpChangeQueue() REQUIRES(serializeOpenCloseMutex);
     HRESULT ConnectToWmi() REQUIRES(serializeOpenCloseMutex);
     HRESULT CreateEventSink() REQUIRES(serializeOpenCloseMutex);

@@ -168,15 +168,18 @@ HRESULT CNetMonSv::DeleteDeviceInfoList()
 {
     ScopeTrace scope(Log::Source::NetMon, AlwaysOnTraceFlag);
     TracedMutexLock lock(deviceInfoListMutex, L"deviceInfoListMutex");
-    for (_DEVICE_ELEMENT* element = deviceInfoListHead; element != nullptr;)
+    while (deviceInfoListHead != nullptr)
     {
-        _DEVICE_ELEMENT* const next = element->pNext;
+        // Out of the list before it goes: the list stays good if memory for a line of this runs out.
+        _DEVICE_ELEMENT* const element = deviceInfoListHead;
+        deviceInfoListHead = element->pNext;
+        if (deviceInfoListHead == nullptr)
+        {
+            deviceInfoListTail = nullptr;
+        }
         DeleteExtensionAndElement(element);
-        element = next;
     }
     MonitorTrace::Note(L"completed the deletion of the netmon internal device info list");
-    deviceInfoListHead = nullptr;
-    deviceInfoListTail = nullptr;
     return S_OK;
 }
 

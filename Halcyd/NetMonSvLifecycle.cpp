@@ -292,11 +292,8 @@ void CNetMonSv::AnnounceClose()
     sdkSwitchEvent.Set(); // in spite of the words nothing is waited for
 }
 
-// The producers of work end first, then the thread that handles WMI events, then WMI and the list, which all of them
-// use. No step's failure stops the ones behind it.
 HRESULT CNetMonSv::CloseLocked()
 {
-    HRESULT result = S_OK;
     MonitorTrace::Note(L"close called with reference counter at {}", openReferenceCount);
     if (openReferenceCount == 0)
     {
@@ -304,11 +301,28 @@ HRESULT CNetMonSv::CloseLocked()
         return S_OK;
     }
     --openReferenceCount;
-    if (openReferenceCount >= 1)
+    try
     {
-        MonitorTrace::Note(L"netmon reference counter is {}, not closing everything down yet", openReferenceCount);
-        return S_OK;
+        if (openReferenceCount >= 1)
+        {
+            MonitorTrace::Note(L"netmon reference counter is {}, not closing everything down yet", openReferenceCount);
+            return S_OK;
+        }
+        return TakeDown();
     }
+    catch (...)
+    {
+        // Memory ran out on the way. The caller hears of it, so the Close did not count and can be made again.
+        ++openReferenceCount;
+        throw;
+    }
+}
+
+// The producers of work end first, then the thread that handles WMI events, then WMI and the list, which all of them
+// use. No step's failure stops the ones behind it.
+HRESULT CNetMonSv::TakeDown()
+{
+    HRESULT result = S_OK;
     closingFlag = true;
     wmiCleanupEvent.Set();
     StopWorkQueues(result);
@@ -366,11 +380,14 @@ void CNetMonSv::MyDeleteTimerQueue()
     {
         return;
     }
-    if (DeleteTimerQueueEx(queue, INVALID_HANDLE_VALUE)) // waits for running callbacks
+    const bool deleted = DeleteTimerQueueEx(queue, INVALID_HANDLE_VALUE) != FALSE; // waits for running callbacks
+    const DWORD error = GetLastError();
+    timerQueue = nullptr; // whatever came of it, and whether or not there is memory for the lines below
+    if (deleted)
     {
         MonitorTrace::Note(L"deleting the timer queue");
     }
-    else if (const DWORD error = GetLastError(); error == ERROR_IO_PENDING)
+    else if (error == ERROR_IO_PENDING)
     {
         MonitorTrace::Doubt(L"i/o to delete timer queue pending ({:#08x})", error);
     }
@@ -379,7 +396,6 @@ void CNetMonSv::MyDeleteTimerQueue()
         MonitorTrace::Failure(L"could not delete timer queue ({:#08x})", error);
     }
     MonitorTrace::Note(L"timer queue is now deleted");
-    timerQueue = nullptr;
 }
 
 void CNetMonSv::CleanupWmiResources()

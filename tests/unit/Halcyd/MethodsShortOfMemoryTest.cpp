@@ -90,6 +90,32 @@ TEST_F(MethodsShortOfMemory, OfTheMonitorSaySoAndLeaveItsLocksFree)
     EXPECT_TRUE(IsFree(monitor->OpenCloseMutex()));
 }
 
+TEST_F(MethodsShortOfMemory, CloseThatDoesNotGetToItsEndDoesNotCountAndMayBeMadeAgain)
+{
+    const TestObject<LifecycleMonitor> monitor = MakeTestObject<LifecycleMonitor>();
+    VARIANT_BOOL open = VARIANT_FALSE;
+    HRESULT result = E_OUTOFMEMORY;
+    monitor->PretendOpen(1);
+    monitor->timerQueue = CreateTimerQueue();
+    monitor->Add(L"{1}")->AdapterType = enumBluetooth;
+    monitor->Add(L"{2}");
+    for (long room = 0; result == E_OUTOFMEMORY; ++room)
+    {
+        ASSERT_EQ(monitor->Users(), 1u) << room;
+        ASSERT_EQ(monitor->IsOpen(&open), S_OK);
+        ASSERT_EQ(open, VARIANT_TRUE) << room;
+        const NoMemoryAfter shortage(room);
+        result = monitor->Close();
+    }
+    EXPECT_EQ(result, E_FAIL); // there was no queue for address changes to stop
+    EXPECT_EQ(monitor->Users(), 0u);
+    EXPECT_EQ(monitor->timerQueue.load(), nullptr);
+    EXPECT_EQ(monitor->Head(), nullptr);
+    EXPECT_EQ(monitor->Tail(), nullptr);
+    EXPECT_EQ(monitor->IsOpen(&open), S_OK);
+    EXPECT_EQ(open, VARIANT_FALSE);
+}
+
 TEST_F(MethodsShortOfMemory, OfTheEventSinkAlwaysSucceedAndAnEventThatIsLostIsReleased)
 {
     const TestObject<LifecycleMonitor> monitor = MakeTestObject<LifecycleMonitor>();
