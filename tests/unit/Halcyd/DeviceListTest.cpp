@@ -408,6 +408,7 @@ TEST_F(Networks, ExtensionGoesWhenThereIsNoTimerQueueAnyMore)
     EXPECT_EQ(monitor->DeleteWiFiDeviceExtension(element), S_OK);
     EXPECT_EQ(element->u.pWiFiAdapter, nullptr);
     EXPECT_TRUE(trace.Has(L"handle to timer queue is NULL therefore all timers have been canceled"));
+    EXPECT_TRUE(trace.Has(L"reset timer handle"));
     EXPECT_EQ(monitor->DeleteWiFiDeviceExtension(element), S_OK);
     EXPECT_TRUE(trace.Has(L"there is no wifi device extension to delete for node: {W}"));
 }

@@ -228,6 +228,7 @@ TEST_F(MonitorDetails, FailedMediaQueryLeavesTheKindUnknown)
 TEST_F(MonitorDetails, ComPortIsUnknownWithoutTouchingADriver)
 {
     EXPECT_EQ(monitor->GetDeviceType(MakeObject({{L"SettingID", L"Com7"}})), enumUnknown);
+    EXPECT_TRUE(trace.Has(L"GetDeviceType: GUID references a COM port"));
     EXPECT_EQ(monitor->GetDeviceType(MakeObject({{L"SettingID", WmiNull()}})), enumUnknown);
     EXPECT_EQ(miniports.opens, 0);
 }

@@ -445,6 +445,62 @@ TEST_F(MonitorLifecycle, QueueThatDoesNotEndInTimeMakesCloseFailWithoutStoppingI
     end.Set();
 }
 
+// A pool's thread is given up on, and only then does what it runs come to its end.
+class GivingUpClock : public ImpatientClock
+{
+public:
+    explicit GivingUpClock(Event& ends) : ImpatientClock(20000), end(ends) {}
+    DWORD Wait(HANDLE handle, DWORD milliseconds) noexcept override
+    {
+        const DWORD result = ImpatientClock::Wait(handle, milliseconds);
+        if (milliseconds == 20000)
+        {
+            end.Set();
+        }
+        return result;
+    }
+
+private:
+    Event& end;
+};
+
+TEST_F(MonitorLifecycle, PoolThatDoesNotEndInTimeMakesCloseFailWithoutStoppingIt)
+{
+    constexpr int limit = 3;
+    Event running[limit + 1];
+    Event end(true, false);
+    ASSERT_EQ(monitor->Open(), S_OK);
+    for (int number = 0; number < limit; ++number)
+    {
+        running[number].Create(true, false);
+        ASSERT_TRUE(monitor->AddToPool(new Obstacle(running[number], end)));
+        ASSERT_TRUE(running[number].Wait(60000));
+    }
+    // All threads are busy: this one stands in the queue of the first, which the close waits for.
+    running[limit].Create(true, false);
+    ASSERT_TRUE(monitor->AddToPool(new Obstacle(running[limit], end)));
+    TraceLines::Clear();
+    {
+        const GivingUpClock clock(end);
+        EXPECT_EQ(monitor->Close(), E_FAIL);
+    }
+    EXPECT_EQ(
+        FirstMissingInOrder({L"Stop thread pool", L"Stopping thread pool failed", L"Stop IP change work item queue",
+                             L"timer queue is now deleted", L"Finished WMI cleanup", L"deleting device info list"}),
+        L"");
+    EXPECT_FALSE(IsOpen());
+}
+
+TEST_F(MonitorLifecycle, TokenOfAnEarlierOpenIsClosedForAFreshOne)
+{
+    monitor->UseToken(CreateEventW(nullptr, TRUE, FALSE, nullptr)); // something that CloseHandle takes
+    EXPECT_EQ(monitor->Open(), S_OK);
+    EXPECT_EQ(FirstMissingInOrder(
+                  {L"Working from ", L"closing sorvane.exe or client test token handle", L"client token handle is "}),
+              L"");
+    EXPECT_EQ(monitor->Close(), S_OK);
+}
+
 TEST_F(MonitorLifecycle, TimerQueueIsClearedHoweverItsDeletionEnds)
 {
     monitor->MyDeleteTimerQueue(); // without one: nothing

@@ -21,11 +21,13 @@
 // clang-format off
 PLATFORM_HOOK(ImpersonateLoggedOnUser, L"advapi32.dll", BOOL(HANDLE))
 PLATFORM_HOOK(RevertToSelf, L"advapi32.dll", BOOL())
+PLATFORM_HOOK(DeleteTimerQueueTimer, L"kernel32.dll", BOOL(HANDLE, HANDLE, HANDLE))
 // clang-format on
 extern "C"
 {
     decltype(&ImpersonateLoggedOnUserHook::Call) __imp_ImpersonateLoggedOnUser = &ImpersonateLoggedOnUserHook::Call;
     decltype(&RevertToSelfHook::Call) __imp_RevertToSelf = &RevertToSelfHook::Call;
+    decltype(&DeleteTimerQueueTimerHook::Call) __imp_DeleteTimerQueueTimer = &DeleteTimerQueueTimerHook::Call;
 }
 
 namespace
@@ -701,6 +703,33 @@ TEST_F(WiFiTracking, ExtensionWhoseTimerDoesNotEndStaysAndItsElementGoesAllTheSa
     EXPECT_TRUE(tick.ended.Wait(20000));
     monitor->MyDeleteTimerQueue();
     CoTaskMemFree(&extension); // nobody else will
+}
+
+TEST_F(WiFiTracking, TimerThatCannotBeDeletedIsWaitedForAllTheSameAndKeepsTheExtension)
+{
+    monitor->timerQueue = CreateTimerQueue();
+    _WIFI_ADAPTER& extension = Extend();
+    long timer = 0; // stands for a timer: nobody looks into it
+    extension.hTimer = &timer;
+    DeleteTimerQueueTimerHook::Replace(
+        [](HANDLE, HANDLE, HANDLE gone)
+        {
+            EXPECT_NE(gone, nullptr);
+            SetLastError(ERROR_INVALID_HANDLE);
+            return FALSE;
+        });
+    {
+        const NoPatience clockOfTheWait;
+        EXPECT_EQ(monitor->DeleteWiFiDeviceExtension(element), S_OK);
+    }
+    const std::wstring banner = L"\n" + std::wstring(71, L'#') + L"\n";
+    EXPECT_EQ(FirstMissingInOrder({banner + L"# ERROR DELETING THE TIMER (NOT PENDING) '" + id + L"->",
+                                   banner + L"# TIMEOUT WAITING FOR THE TIMER TO BE DELELETED (258)",
+                                   L"*** timer is not cancelled, we must not deleted this node"}),
+              L"");
+    EXPECT_FALSE(trace.Has(L"deleted wifi update timer"));
+    EXPECT_EQ(element->u.pWiFiAdapter, &extension);
+    EXPECT_EQ(extension.hTimer, &timer);
 }
 
 // --- the signal's thread ---
