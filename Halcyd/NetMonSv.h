@@ -273,7 +273,7 @@ protected:
     void IncrementRunCount();
     void DeleteExtensionAndElement(_DEVICE_ELEMENT* element) REQUIRES(deviceInfoListMutex);
     // Appends a copy of each element at `end`; `here` is the caller, for the lock's trace lines.
-    void CopyDeviceInfoList(_DEVICE_ELEMENT** end, const std::source_location& here) EXCLUDES(deviceInfoListMutex);
+    void CopyDeviceInfoList(_DEVICE_ELEMENT** end, const std::source_location& here);
     void DumpSetupApiAdapters();
     HRESULT AddAdaptersFromWmi();
     void AddAdapter(IWbemClassObject* object, IEnumWbemClassObject* adapters);
