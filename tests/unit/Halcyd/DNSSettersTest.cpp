@@ -243,6 +243,14 @@ TEST_F(DNSSetters, SetDnsDomainPrintsANullDomainInItsFailure)
     EXPECT_TRUE(trace.Has(L"Could not setup parameter for the DNS suffix of '<NULL|EMPTY>'"));
 }
 
+TEST_F(DNSSetters, SetDnsDomainPrintsADomainWithBracesAsItStands)
+{
+    Connect();
+    Fail("IWbemClassObject::Put(DNSDomain)", 1, 0x80041003);
+    EXPECT_EQ(static_cast<HRESULT>(0x80041003), object->SetDNSDomain(Guid(), _bstr_t(L"{}.{name}")));
+    EXPECT_TRUE(trace.Has(L"Could not setup parameter for the DNS suffix of '{}.{name}'"));
+}
+
 TEST_F(DNSSetters, SetWinsRefusesNullAndTakesEmptyTexts)
 {
     Connect();
