@@ -189,6 +189,19 @@ TEST_F(DNSGetters, GatewayOrAddressWithoutAValueReturnsZeroAndLeavesTheOutput)
     SysFreeString(text);
 }
 
+TEST_F(DNSGetters, ListOfGatewaysOrAddressesWithoutAnEntryIsAFailure)
+{
+    Connect();
+    Property("DefaultIPGateway", lab::Json::array());
+    Property("IPAddress", lab::Json::array());
+    BSTR text = SysAllocString(L"kept");
+    EXPECT_EQ(DISP_E_BADINDEX, object->GetDefaultGateway(Guid(), &text));
+    EXPECT_EQ(DISP_E_BADINDEX, object->GetIpAddress(Guid(), &text));
+    EXPECT_EQ(2, trace.Count(L"Could not access safearray"));
+    EXPECT_STREQ(L"kept", text);
+    SysFreeString(text);
+}
+
 TEST_F(DNSGetters, FailingPropertyOfGatewayOrAddressIsReturned)
 {
     Connect();

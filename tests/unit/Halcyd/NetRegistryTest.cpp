@@ -172,6 +172,16 @@ TEST_F(NetRegistryTest, QueryOfAnEmptyMultiStringLeavesTheDataEmpty)
     EXPECT_EQ(VT_EMPTY, data.vt);
 }
 
+TEST_F(NetRegistryTest, QueryOfAMultiStringWithoutMemoryForTheArrayReturnsZeroAndNothingInTheData)
+{
+    WriteRaw(TestSubkey, L"m", REG_MULTI_SZ, L"one\0\0", 10);
+    PlatformHooks::FailCall("SafeArrayCreateVector", 1, ERROR_OUTOFMEMORY);
+    EXPECT_EQ(0, Query(TestPath, L"m"));
+    EXPECT_EQ(7, type.lVal);
+    EXPECT_EQ(VT_EMPTY, data.vt);
+    EXPECT_TRUE(trace.Has(L"could not initialize safe array with multi string"));
+}
+
 TEST_F(NetRegistryTest, QueryOfAnExpandStringReturnsItsTypeAndNothingInTheData)
 {
     WriteRaw(TestSubkey, L"x", REG_EXPAND_SZ, L"%a%", 8);
