@@ -13,24 +13,13 @@
 #include "tests/support/ComPointers.h"
 #include "tests/support/Processes.h"
 #include "tests/support/Services.h"
+#include "tests/support/StringArrays.h"
 
 namespace
 {
 constexpr wchar_t Ethernet[] = L"{4A1C7E07-3B52-4D0F-9E61-0C5D8A2B7007}";
 constexpr wchar_t EthernetLower[] = L"{4a1c7e07-3b52-4d0f-9e61-0c5d8a2b7007}";
 constexpr HRESULT NotFound = static_cast<HRESULT>(0x80041017);
-
-_variant_t TextArray(const std::vector<const wchar_t*>& texts)
-{
-    _variant_t array;
-    array.parray = SafeArrayCreateVector(VT_BSTR, 0, static_cast<ULONG>(texts.size()));
-    array.vt = VT_ARRAY | VT_BSTR;
-    for (LONG index = 0; index < static_cast<LONG>(texts.size()); ++index)
-    {
-        SafeArrayPutElement(array.parray, &index, _bstr_t(texts[static_cast<std::size_t>(index)]).GetBSTR());
-    }
-    return array;
-}
 
 // A string that the service may replace.
 class Slot

@@ -18,6 +18,7 @@
 
 #include "Lab/ServiceCalls.h"
 #include "Monitor/MonitorMachine.h"
+#include "tests/support/StringArrays.h"
 
 namespace
 {
@@ -169,18 +170,6 @@ constexpr std::uint32_t Denied = 0x80041003; // WBEM_E_ACCESS_DENIED
 constexpr wchar_t Dock[] = L"{4A1C7E0D-3B52-4D0F-9E61-0C5D8A2B700D}";
 constexpr wchar_t Nobody[] = L"{00000000-0000-0000-0000-00000000DEAD}";
 
-_variant_t TextArray(const std::vector<const wchar_t*>& texts)
-{
-    _variant_t array;
-    array.parray = SafeArrayCreateVector(VT_BSTR, 0, static_cast<ULONG>(texts.size()));
-    array.vt = VT_ARRAY | VT_BSTR;
-    for (LONG index = 0; index < static_cast<LONG>(texts.size()); ++index)
-    {
-        SafeArrayPutElement(array.parray, &index, _bstr_t(texts[static_cast<std::size_t>(index)]).GetBSTR());
-    }
-    return array;
-}
-
 std::wstring TextOfVariant(const VARIANT& value)
 {
     if (value.vt == VT_BSTR)
@@ -195,16 +184,12 @@ std::wstring TextOfVariant(const VARIANT& value)
     {
         return std::to_wstring(value.ullVal);
     }
-    std::wstring text;
-    if (value.vt == (VT_ARRAY | VT_BSTR) && value.parray != nullptr)
+    std::wstring joined;
+    for (const std::wstring& text : Texts(value))
     {
-        for (ULONG index = 0; index < value.parray->rgsabound[0].cElements; ++index)
-        {
-            const BSTR entry = static_cast<BSTR*>(value.parray->pvData)[index];
-            text += (index == 0 ? L"" : L",") + std::wstring(entry != nullptr ? entry : L"");
-        }
+        joined += (joined.empty() ? L"" : L",") + text;
     }
-    return text;
+    return joined;
 }
 
 TEST_F(ProxyFaultSweep, EachCallOfTheAdapterSettingsGivesItsResult)
@@ -236,7 +221,7 @@ TEST_F(ProxyFaultSweep, EachCallOfTheAdapterSettingsGivesItsResult)
     };
     const auto plain = [&](auto method)
     { return [&dns, &guid, method](std::wstring&) { return (dns.GetInterfacePtr()->*method)(guid); }; };
-    const auto servers = [&](std::initializer_list<const wchar_t*> list)
+    const auto servers = [&](const std::vector<std::wstring>& list)
     {
         _variant_t value = TextArray(list);
         return dns->SetDNS(guid, &value);
