@@ -8,24 +8,18 @@
 
 #include <string>
 
-#include "NetUtilities/ComApartment.h"
 #include "NetUtilities/Handles.h"
-#include "tests/support/ComPointers.h"
-#include "tests/support/Services.h"
+#include "tests/support/RunningService.h"
 
 namespace
 {
-class ServiceProxy : public testing::Test
+class ServiceProxy : public RunningServiceTest
 {
 protected:
     void SetUp() override
     {
-        ASSERT_TRUE(apartment.Initialized());
-        // An activation waits only so long for a service that is on its way up.
-        ASSERT_TRUE(ServiceControl().StartAndWait());
-        HRESULT result = E_FAIL;
-        services = ActivateLocal<IServiceControlExPtr>(CLSID_ServiceControlEx, &result);
-        ASSERT_EQ(S_OK, result);
+        ASSERT_NO_FATAL_FAILURE(RunningServiceTest::SetUp());
+        ASSERT_NO_FATAL_FAILURE(Activate(CLSID_ServiceControlEx, services));
         manager = UniqueServiceHandle(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
         ASSERT_TRUE(static_cast<bool>(manager));
     }
@@ -39,11 +33,11 @@ protected:
     }
     DWORD StartType(const wchar_t* name)
     {
-        const UniqueServiceHandle service(OpenServiceW(manager.get(), name, SERVICE_QUERY_CONFIG));
+        const UniqueServiceHandle opened(OpenServiceW(manager.get(), name, SERVICE_QUERY_CONFIG));
         alignas(QUERY_SERVICE_CONFIGW) BYTE buffer[8192] = {};
         auto* config = reinterpret_cast<QUERY_SERVICE_CONFIGW*>(buffer);
         DWORD needed = 0;
-        EXPECT_TRUE(QueryServiceConfigW(service.get(), config, sizeof(buffer), &needed));
+        EXPECT_TRUE(QueryServiceConfigW(opened.get(), config, sizeof(buffer), &needed));
         return config->dwStartType;
     }
     HRESULT Set(const wchar_t* name, long mode, long startType)
@@ -51,7 +45,6 @@ protected:
         return services->SetServiceMode(_bstr_t(name), mode, startType);
     }
 
-    ComApartment apartment;
     IServiceControlExPtr services;
     UniqueServiceHandle manager;
 };

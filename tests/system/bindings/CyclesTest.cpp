@@ -54,22 +54,9 @@ struct Holdings
     }
 };
 
-class BindingCycles : public testing::Test
+class BindingCycles : public BindingsServiceTest
 {
 protected:
-    void SetUp() override
-    {
-        ASSERT_TRUE(apartment.Initialized());
-        Load();
-        ASSERT_TRUE(service.StartAndWait());
-        Connect();
-    }
-    void Connect()
-    {
-        monitor = ActivateMonitor();
-        ASSERT_NE(monitor, nullptr);
-    }
-
     // A restore enables what a complete record names, so the record is completed in each cycle.
     void Cycle(const EventConnection& events)
     {
@@ -91,11 +78,6 @@ protected:
             ASSERT_NO_FATAL_FAILURE(Cycle(events)) << "cycle " << i;
         }
     }
-
-    ComApartment apartment;
-    ServiceControl service;
-    INetMonSvPtr monitor;
-    lab::Machine& machine = lab::Machine::Attach();
 };
 
 TEST_F(BindingCycles, AThousandLeaveTheBindingsAsTheyWereAndNothingOver)

@@ -17,24 +17,11 @@ using lab::Json;
 constexpr auto kLockedByOther = static_cast<std::int32_t>(0x8004A024);
 constexpr wchar_t kOwnName[] = L"Sorvane Configuration Service";
 
-class BindingStatesTest : public testing::Test
+class BindingStatesTest : public BindingsServiceTest
 {
 protected:
-    void SetUp() override
-    {
-        ASSERT_TRUE(apartment.Initialized());
-        Load();
-        ASSERT_TRUE(service.StartAndWait());
-        Connect();
-    }
     void TearDown() override { machine.ClearFaults(); }
 
-    void Connect()
-    {
-        HRESULT result = E_FAIL;
-        monitor = ActivateMonitor(&result);
-        ASSERT_EQ(result, S_OK);
-    }
     void RestartWithHooks()
     {
         monitor = nullptr;
@@ -76,20 +63,6 @@ protected:
         }
         ADD_FAILURE() << name << " was not called";
     }
-    UniqueHandle HoldLock(const std::wstring& options, DWORD* processId = nullptr)
-    {
-        UniqueHandle holder = StartProcess(
-            L"\"C:\\Program Files\\HalcydLab\\labctl.exe\" lock netcfg \"Other program\"" + options, processId);
-        while (LockHolder() != L"Other program" && WaitForSingleObject(holder.get(), 2) == WAIT_TIMEOUT)
-        {
-        }
-        return holder;
-    }
-
-    ComApartment apartment;
-    ServiceControl service;
-    INetMonSvPtr monitor;
-    lab::Machine& machine = lab::Machine::Attach();
 };
 using BindingStates = BindingStatesTest;
 using Fast10_BindingStates = BindingStatesTest;
@@ -205,7 +178,7 @@ TEST_F(Fast10_BindingStates, SecondDisableWhileTheFirstWaitsIsRefusedUnderOurOwn
 TEST_F(Fast10_BindingStates, RefusedDisableKeepsItsSessionUntilARestoreAndThenEverythingIsAsNew)
 {
     DWORD holderId = 0;
-    const UniqueHandle holder = HoldLock(L"", &holderId);
+    const UniqueHandle holder = HoldLock({}, &holderId);
     const EventConnection events(monitor);
     EXPECT_EQ(monitor->DisableIpBindings(_bstr_t(kTunnel), 0), S_OK);
     const auto refused = events->WaitForEvent(9, 60'000);
@@ -247,7 +220,7 @@ TEST_F(BindingStates, StartReportsRunningOnlyBehindTheRestoreForWhichItWaited)
     monitor = nullptr;
     ASSERT_TRUE(service.StopAndWait());
     LeaveARecord();
-    const UniqueHandle holder = HoldLock(L" --seconds 3");
+    const UniqueHandle holder = HoldLock(L"--seconds 3");
     ASSERT_EQ(service.Start(), 0U);
     while (LockHolder() == L"Other program")
     {
@@ -265,7 +238,7 @@ TEST_F(Fast10_BindingStates, StartGivesUpOnALockThatIsNeverFreeAndKeepsTheRecord
     ASSERT_TRUE(service.StopAndWait());
     LeaveARecord();
     DWORD holderId = 0;
-    const UniqueHandle holder = HoldLock(L"", &holderId);
+    const UniqueHandle holder = HoldLock({}, &holderId);
     machine.ClearJournal();
     ASSERT_TRUE(service.StartAndWait());
     EXPECT_EQ(Calls("INetCfgLock::IsWriteLocked"), 11);

@@ -187,11 +187,7 @@ TEST_F(ClientBindings, RestoreAtAnotherPromptEndsTheWaitingDisableToo)
 TEST_F(Fast10_ClientBindings, SignsOfLifeComeWhileTheCallIsOpenAndWhileTheBindingsAreAway)
 {
     DWORD holderId = 0;
-    const UniqueHandle holder =
-        StartProcess(L"\"C:\\Program Files\\HalcydLab\\labctl.exe\" lock netcfg \"Other program\"", &holderId);
-    while (LockHolder() != L"Other program" && WaitForSingleObject(holder.get(), 2) == WAIT_TIMEOUT)
-    {
-    }
+    const UniqueHandle holder = HoldLock({}, &holderId);
     const ConsoleClient client(std::wstring(L"disable ") + kTunnel);
     EXPECT_TRUE(client.Says("  working for ")) << client.Output();
     KillProcess(holderId);
@@ -204,11 +200,7 @@ TEST_F(Fast10_ClientBindings, SignsOfLifeComeWhileTheCallIsOpenAndWhileTheBindin
 TEST_F(Fast10_ClientBindings, DisableThatAnotherProgramsLockRefusesSaysSoAndEndsWithOne)
 {
     DWORD holderId = 0;
-    const UniqueHandle holder =
-        StartProcess(L"\"C:\\Program Files\\HalcydLab\\labctl.exe\" lock netcfg \"Other program\"", &holderId);
-    while (LockHolder() != L"Other program" && WaitForSingleObject(holder.get(), 2) == WAIT_TIMEOUT)
-    {
-    }
+    const UniqueHandle holder = HoldLock({}, &holderId);
     const FinishedProcess refused = RunProcess(CommandLine(std::wstring(L"disable ") + kTunnel), 120'000);
     EXPECT_EQ(refused.exitCode, 1u);
     EXPECT_NE(refused.output.find("Not disabled: another program holds the network configuration (0x8004A024)"),

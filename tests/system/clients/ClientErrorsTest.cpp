@@ -9,6 +9,7 @@
 #include <nlohmann/json.hpp>
 
 #include "NetUtilities/Handles.h"
+#include "tests/support/LabControl.h"
 #include "tests/support/Processes.h"
 #include "tests/support/Services.h"
 
@@ -40,7 +41,7 @@ class ClientErrors : public testing::Test
 protected:
     void SetUp() override
     {
-        ASSERT_EQ(RunProcess(L"\"C:\\Program Files\\HalcydLab\\labctl.exe\" load laptop", 60'000).exitCode, 0u);
+        Lab(L"load laptop");
         ASSERT_TRUE(ServiceControl().StartAndWait());
     }
 };

@@ -14,6 +14,7 @@
 #include <nlohmann/json.hpp>
 
 #include "NetUtilities/Handles.h"
+#include "tests/support/LabControl.h"
 #include "tests/support/Processes.h"
 #include "tests/support/Services.h"
 
@@ -39,11 +40,6 @@ json ClientJson(const std::wstring& arguments, DWORD expectedExitCode = 0)
     const json parsed = json::parse(process.output, nullptr, false);
     EXPECT_FALSE(parsed.is_discarded()) << process.output;
     return parsed;
-}
-
-DWORD Lab(const std::wstring& arguments)
-{
-    return RunProcess(L"\"C:\\Program Files\\HalcydLab\\labctl.exe\" " + arguments, 60'000).exitCode;
 }
 
 // A client that goes on while the test does things; its output goes to a file that the test can look at.
@@ -119,7 +115,7 @@ class ClientTest : public testing::Test
 protected:
     void SetUp() override
     {
-        ASSERT_EQ(Lab(L"load laptop"), 0u);
+        Lab(L"load laptop");
         ASSERT_TRUE(ServiceControl().StartAndWait());
     }
 };
@@ -195,7 +191,7 @@ TEST_F(ClientTest, WatchSurvivesARestartOfTheServiceAndSaysSo)
     ASSERT_TRUE(ServiceControl().StartAndWait());
     ASSERT_TRUE(watch.WaitForText("\"kind\":\"serviceBack\"")) << watch.Output();
     // Connected, opened and switched on again: what happens now is told.
-    ASSERT_EQ(Lab(L"cable out eth0"), 0u);
+    Lab(L"cable out eth0");
     ASSERT_TRUE(watch.WaitForText("enumEventMediaDisconnect")) << watch.Output();
     std::istringstream lines(watch.Output());
     std::vector<std::string> kinds;
@@ -220,9 +216,9 @@ TEST_F(ClientTest, WatchShowsOneLineAnEventAndDrawsTheTableBelowItAnew)
 {
     const RunningClient watch(L"watch --color always --seconds 150");
     ASSERT_TRUE(watch.WaitForText("Watching.")) << watch.Output();
-    ASSERT_EQ(Lab(L"cable out eth0"), 0u);
+    Lab(L"cable out eth0");
     ASSERT_TRUE(watch.WaitForText("media disconnected")) << watch.Output();
-    ASSERT_EQ(Lab(L"cable in eth0"), 0u);
+    Lab(L"cable in eth0");
     ASSERT_TRUE(watch.WaitForText("media connected")) << watch.Output();
     const std::string output = watch.Output();
     // Red for what went, green for what came.
