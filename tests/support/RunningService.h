@@ -10,6 +10,10 @@
 #include "tests/support/ComPointers.h"
 #include "tests/support/Services.h"
 
+// Starts the service anew with the lab's hooks in its import table: only then do the journal and fault rules reach its
+// own platform calls. Fails fatally when the service does not follow.
+void RestartWithHooks(const ServiceControl& service);
+
 // COM on the test's thread, and the service says RUNNING.
 class RunningServiceTest : public testing::Test
 {

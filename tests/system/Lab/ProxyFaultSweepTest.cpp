@@ -18,6 +18,7 @@
 
 #include "Lab/ServiceCalls.h"
 #include "Monitor/MonitorMachine.h"
+#include "tests/support/RunningService.h"
 #include "tests/support/StringArrays.h"
 
 namespace
@@ -77,24 +78,26 @@ const Row* RowFor(const std::vector<Row>& rows, const Method& method, const Serv
     return nullptr;
 }
 
-class ProxyFaultSweep : public testing::Test
+class ProxyFaultSweep : public RunningServiceTest
 {
 protected:
     void SetUp() override
     {
         ASSERT_TRUE(apartment.Initialized());
         Lab(L"load tablet");
-        Lab(L"hooks on");
-        ASSERT_TRUE(service.StopAndWait());
-        ASSERT_TRUE(service.StartAndWait());
+        ASSERT_NO_FATAL_FAILURE(RestartWithHooks(service));
     }
 
-    static Outcome Run(const Method& method)
+    static Outcome Call(const Method& method)
     {
-        method.prepare();
         Outcome outcome;
         outcome.result = method.call(outcome.output);
         return outcome;
+    }
+    static Outcome Run(const Method& method)
+    {
+        method.prepare();
+        return Call(method);
     }
 
     void SweepMethod(const Method& method, const std::vector<Row>& rows)
@@ -105,9 +108,7 @@ protected:
         method.prepare();
         {
             CallRecorder recorder;
-            Outcome outcome;
-            outcome.result = method.call(outcome.output);
-            ASSERT_EQ(outcome, usual);
+            ASSERT_EQ(Call(method), usual);
             calls = recorder.Calls();
         }
         EXPECT_FALSE(calls.empty());
@@ -130,8 +131,7 @@ protected:
         method.prepare();
         {
             const ArmedFault fault(call.name, call.nth, row.code);
-            Outcome outcome;
-            outcome.result = method.call(outcome.output);
+            const Outcome outcome = Call(method);
             EXPECT_TRUE(fault.Hit()) << "the call was not made";
             const HRESULT expected = row.effect == Effect::Code    ? static_cast<HRESULT>(row.code)
                                      : row.effect == Effect::Fixed ? row.result
@@ -161,8 +161,6 @@ protected:
         EXPECT_LE(after.threads, before.threads + 4);
     }
 
-    ComApartment apartment;
-    ServiceControl service;
     int swept = 0;
 };
 

@@ -144,10 +144,8 @@ TEST_F(BindingRulesInService, EachLockResultIsToldByTheEventAndNothingIsDisabled
 
 TEST_F(BindingRulesInService, EngineThatTheInterfaceTableDoesNotGiveMeansNothingIsDone)
 {
-    ASSERT_TRUE(service.StopAndWait());
-    Lab(L"hooks on");
-    ASSERT_TRUE(service.StartAndWait());
-    monitor = ActivateMonitor();
+    ASSERT_NO_FATAL_FAILURE(RestartWithHooks(service));
+    Connect();
     const EventConnection events(monitor);
     Lab(L"fail IGlobalInterfaceTable::GetInterfaceFromGlobal --code E_FAIL");
     std::future<HRESULT> call = Disable(monitor);

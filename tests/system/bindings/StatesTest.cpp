@@ -22,12 +22,10 @@ class BindingStatesTest : public BindingsServiceTest
 protected:
     void TearDown() override { machine.ClearFaults(); }
 
-    void RestartWithHooks()
+    void RestartHooked()
     {
         monitor = nullptr;
-        ASSERT_TRUE(service.StopAndWait());
-        Lab(L"hooks on");
-        ASSERT_TRUE(service.StartAndWait());
+        ASSERT_NO_FATAL_FAILURE(RestartWithHooks(service));
         Connect();
         machine.ClearJournal();
     }
@@ -111,7 +109,7 @@ TEST_F(BindingStates, RestoreFromWithinTheDisabledEventWorksAndNobodyWaits)
 // The restore comes as a whole between the disabled event and the making of the event that a disable waits on.
 TEST_F(BindingStates, RestoreThatIsOverBeforeTheDisableWaitsLeavesItNothingToWaitFor)
 {
-    RestartWithHooks();
+    RestartHooked();
     lab::FaultRule rule;
     rule.call = "CreateEventW";
     rule.delayMs = 1000;
@@ -129,7 +127,7 @@ TEST_F(BindingStates, RestoreThatIsOverBeforeTheDisableWaitsLeavesItNothingToWai
 // The restore has begun, and has the lock still: the disable waits, and is woken behind the restore's end.
 TEST_F(BindingStates, RestoreThatEndsAfterTheDisableBeganToWaitWakesIt)
 {
-    RestartWithHooks();
+    RestartHooked();
     const EventConnection events(monitor);
     std::future<HRESULT> call = Disable(monitor);
     ASSERT_TRUE(events->WaitForEvent(9, 60'000).has_value());
