@@ -47,14 +47,9 @@ protected:
     }
     static void Install(const wchar_t* name, const std::wstring& behaviour = {}, bool running = true)
     {
-        const UniqueServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
         const std::wstring command =
             std::wstring(L"\"C:\\Program Files\\HalcydLab\\FakeService.exe\" ") + name + L" " + behaviour;
-        const UniqueServiceHandle made(
-            CreateServiceW(manager.get(), name, (std::wstring(L"Display of ") + name).c_str(), SERVICE_ALL_ACCESS,
-                           SERVICE_WIN32_OWN_PROCESS, SERVICE_DEMAND_START, SERVICE_ERROR_NORMAL, command.c_str(),
-                           nullptr, nullptr, nullptr, nullptr, nullptr));
-        ASSERT_TRUE(made) << GetLastError();
+        ASSERT_EQ(0u, InstallService(name, command));
         ASSERT_TRUE(!running || ServiceControl(name).StartAndWait());
     }
     // What the services were asked, in order.

@@ -23,14 +23,6 @@ protected:
         manager = UniqueServiceHandle(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
         ASSERT_TRUE(static_cast<bool>(manager));
     }
-    void Install(const wchar_t* name)
-    {
-        UniqueServiceHandle made(CreateServiceW(manager.get(), name, (std::wstring(L"Display of ") + name).c_str(),
-                                                SERVICE_ALL_ACCESS, SERVICE_WIN32_OWN_PROCESS, SERVICE_DEMAND_START,
-                                                SERVICE_ERROR_NORMAL, L"C:\\no such program.exe", nullptr, nullptr,
-                                                nullptr, nullptr, nullptr));
-        ASSERT_TRUE(made || GetLastError() == ERROR_SERVICE_EXISTS) << GetLastError();
-    }
     DWORD StartType(const wchar_t* name)
     {
         const UniqueServiceHandle opened(OpenServiceW(manager.get(), name, SERVICE_QUERY_CONFIG));
@@ -51,14 +43,14 @@ protected:
 
 TEST_F(ServiceProxy, StartTypeZeroReturns122AndChangesNothing)
 {
-    Install(L"PolicyAgent");
+    ASSERT_EQ(0u, InstallService(L"PolicyAgent"));
     EXPECT_EQ(122, Set(L"PolicyAgent", 1, 0));
     EXPECT_EQ(static_cast<DWORD>(SERVICE_DEMAND_START), StartType(L"PolicyAgent"));
 }
 
 TEST_F(ServiceProxy, ServiceOutsideTheListGetsItsStartTypeAndMinusOne)
 {
-    Install(L"ProxyProbe");
+    ASSERT_EQ(0u, InstallService(L"ProxyProbe"));
     EXPECT_EQ(-1, Set(L"ProxyProbe", 1, SERVICE_DISABLED));
     EXPECT_EQ(static_cast<DWORD>(SERVICE_DISABLED), StartType(L"ProxyProbe"));
     EXPECT_EQ(-1, Set(L"ProxyProbe", 4, SERVICE_DEMAND_START));
@@ -67,14 +59,14 @@ TEST_F(ServiceProxy, ServiceOutsideTheListGetsItsStartTypeAndMinusOne)
 
 TEST_F(ServiceProxy, UnknownModeReturnsZeroAfterTheChange)
 {
-    Install(L"ProxyProbe");
+    ASSERT_EQ(0u, InstallService(L"ProxyProbe"));
     EXPECT_EQ(0, Set(L"ProxyProbe", 5, SERVICE_AUTO_START));
     EXPECT_EQ(static_cast<DWORD>(SERVICE_AUTO_START), StartType(L"ProxyProbe"));
 }
 
 TEST_F(ServiceProxy, StopOfAServiceThatDoesNotRunReturnsZero)
 {
-    Install(L"PolicyAgent");
+    ASSERT_EQ(0u, InstallService(L"PolicyAgent"));
     EXPECT_EQ(0, Set(L"PolicyAgent", 1, -1));
     EXPECT_EQ(0, Set(L"PolicyAgent", 4, -1));
     EXPECT_EQ(static_cast<DWORD>(SERVICE_DEMAND_START), StartType(L"PolicyAgent"));

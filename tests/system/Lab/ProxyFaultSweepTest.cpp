@@ -9,7 +9,6 @@
 
 #include <windows.h>
 #include <comdef.h>
-#include <winsvc.h>
 
 #include <functional>
 #include <iostream>
@@ -387,12 +386,7 @@ class Fast10_ServiceFaultSweep : public ProxyFaultSweep
 
 TEST_F(Fast10_ServiceFaultSweep, EachCallOfTheServiceProxyGivesItsResult)
 {
-    const UniqueServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
-    const UniqueServiceHandle made(CreateServiceW(manager.get(), L"PolicyAgent", L"Display of PolicyAgent",
-                                                  SERVICE_ALL_ACCESS, SERVICE_WIN32_OWN_PROCESS, SERVICE_DEMAND_START,
-                                                  SERVICE_ERROR_NORMAL, L"C:\\no such program.exe", nullptr, nullptr,
-                                                  nullptr, nullptr, nullptr));
-    ASSERT_TRUE(made || GetLastError() == ERROR_SERVICE_EXISTS) << GetLastError();
+    ASSERT_EQ(0u, InstallService(L"PolicyAgent"));
     const IServiceControlExPtr services = ActivateLocal<IServiceControlExPtr>(CLSID_ServiceControlEx);
     ASSERT_NE(services, nullptr);
     const auto set = [&](const wchar_t* name, long mode, long startType)

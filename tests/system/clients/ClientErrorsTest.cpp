@@ -8,7 +8,6 @@
 
 #include <nlohmann/json.hpp>
 
-#include "NetUtilities/Handles.h"
 #include "tests/support/LabControl.h"
 #include "tests/support/Processes.h"
 #include "tests/support/Services.h"
@@ -80,12 +79,7 @@ TEST_F(ClientErrors, AdapterIdAndRegistryRootAreTakenAsPeopleTypeThem)
 // The service answers 0 to a start that the service manager refused; whoever typed the command wants to know.
 TEST_F(ClientErrors, StartThatWasRefusedIsAnErrorThatTellsTheState)
 {
-    const UniqueServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
-    const UniqueServiceHandle made(CreateServiceW(manager.get(), L"PolicyAgent", L"Policy Agent", SERVICE_ALL_ACCESS,
-                                                  SERVICE_WIN32_OWN_PROCESS, SERVICE_DEMAND_START, SERVICE_ERROR_NORMAL,
-                                                  L"C:\\no such program.exe", nullptr, nullptr, nullptr, nullptr,
-                                                  nullptr));
-    ASSERT_TRUE(made);
+    ASSERT_EQ(0u, InstallService(L"PolicyAgent"));
     EXPECT_EQ("It is stopped, start on demand.", Error(L"service start PolicyAgent", 1)["reason"]);
     const FinishedProcess stopped = Client(L"service stop PolicyAgent --json");
     EXPECT_EQ(0u, stopped.exitCode);
