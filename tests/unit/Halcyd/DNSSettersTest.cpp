@@ -315,6 +315,7 @@ TEST_F(DNSSetters, ArraysAreShownAndOddOnesDoNotStopTheMethod)
     machine.ClearJournal();
     static_cast<void>(object->SetDNS(Guid(), &none));
     EXPECT_TRUE(trace.Has(L"empty safearray was passed in"));
+    EXPECT_EQ(1u, Journalled("IWbemClassObject::Put").size()); // went on
 
     SAFEARRAYBOUND bounds[] = {{1, 0}, {1, 0}};
     VARIANT square;
@@ -322,6 +323,7 @@ TEST_F(DNSSetters, ArraysAreShownAndOddOnesDoNotStopTheMethod)
     square.parray = SafeArrayCreate(VT_BSTR, 2, bounds);
     static_cast<void>(object->SetDNS(Guid(), &square));
     static_cast<void>(object->SetDNSSuffixSearchOrder(Guid(), &square));
+    EXPECT_EQ(3u, Journalled("IWbemClassObject::Put").size());
     EXPECT_TRUE(trace.Has(L"Pass a one - dimensional DNS safearray"));
     EXPECT_TRUE(trace.Has(L"could not display DNS search order array"));
     EXPECT_TRUE(trace.Has(L"Could not display DNS array"));

@@ -520,6 +520,17 @@ TEST_F(NetRegistryTest, DeleteNodeReturnsEachFailure)
     EXPECT_EQ(0, object->DeleteRegistryNode(_bstr_t(TestPath)));
 }
 
+TEST_F(NetRegistryTest, LinesBearTheRegistrysSourceRefusalsAndFailuresLevelTwo)
+{
+    EXPECT_EQ(ERROR_ACCESS_DENIED, Set(OtherPath, L"v", 1L, L"x"));
+    EXPECT_TRUE(trace.Has(Log::Source::Registry, 2, L"Not allowed to write to '"));
+    EXPECT_EQ(ERROR_FILE_NOT_FOUND, Query(OtherPath, L"v"));
+    EXPECT_TRUE(trace.Has(Log::Source::Registry, 2, L"could not open "));
+    EXPECT_EQ(0, Set(TestPath, L"v", 1L, L"x"));
+    EXPECT_EQ(0, object->DeleteRegistryNode(_bstr_t(TestPath)));
+    EXPECT_TRUE(trace.Has(Log::Source::Registry, 4, L"successfully deleted the key and subkeys"));
+}
+
 // --- RefreshDNSCache ---
 
 class RefreshDnsCacheTest : public testing::Test

@@ -297,6 +297,16 @@ TEST_F(ServiceControlExTest, UnknownServiceReturnsTheErrorOfTheOpen)
     EXPECT_EQ(ERROR_SERVICE_DOES_NOT_EXIST, object->SetServiceMode(nullptr, Stop, NoChange));
 }
 
+TEST_F(ServiceControlExTest, LinesBearTheConfigurationsSourceAndFailuresLevelTwo)
+{
+    EXPECT_EQ(ERROR_SERVICE_DOES_NOT_EXIST, Set(L"NoSuch", Stop, NoChange));
+    EXPECT_TRUE(trace.Has(Log::Source::ConfigServer, 2, L"could not open NoSuch Error 1060"));
+    EXPECT_TRUE(trace.Has(Log::Source::ConfigServer, 2, L"failed to open service 'NoSuch' Error 1060"));
+    services.Add(L"PolicyAgent");
+    EXPECT_EQ(0, Set(L"PolicyAgent", Stop, NoChange));
+    EXPECT_TRUE(trace.Has(Log::Source::ConfigServer, 4, L"updating service 'PolicyAgent'"));
+}
+
 TEST_F(ServiceControlExTest, LockedOutServiceGetsItsDescriptorAmendedOnceAndOpens)
 {
     FakeService& service = services.Add(L"PolicyAgent");
