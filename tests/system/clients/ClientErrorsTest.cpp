@@ -8,18 +8,11 @@
 
 #include <nlohmann/json.hpp>
 
-#include "tests/support/LabControl.h"
-#include "tests/support/Processes.h"
-#include "tests/support/Services.h"
+#include "clients/ClientRuns.h"
 
 namespace
 {
 using nlohmann::json;
-
-FinishedProcess Client(const std::wstring& arguments)
-{
-    return RunProcess(L"\"" + ProductFolder() + L"halcydctl.exe\" " + arguments, 120'000);
-}
 
 json Error(const std::wstring& arguments, DWORD expectedExitCode)
 {
@@ -35,14 +28,8 @@ json Error(const std::wstring& arguments, DWORD expectedExitCode)
     return error;
 }
 
-class ClientErrors : public testing::Test
+class ClientErrors : public ClientFixture
 {
-protected:
-    void SetUp() override
-    {
-        Lab(L"load laptop");
-        ASSERT_TRUE(ServiceControl().StartAndWait());
-    }
 };
 
 TEST_F(ClientErrors, MistakesOnTheCommandLineAreJsonToo)

@@ -14,23 +14,11 @@
 #include <nlohmann/json.hpp>
 
 #include "NetUtilities/Handles.h"
-#include "tests/support/LabControl.h"
-#include "tests/support/Processes.h"
-#include "tests/support/Services.h"
+#include "clients/ClientRuns.h"
 
 namespace
 {
 using nlohmann::json;
-
-std::wstring CommandLine(const std::wstring& arguments)
-{
-    return L"\"" + ProductFolder() + L"halcydctl.exe\" " + arguments;
-}
-
-FinishedProcess Client(const std::wstring& arguments)
-{
-    return RunProcess(CommandLine(arguments), 120'000);
-}
 
 // The one JSON object that a verb printed; the exit code goes to `exitCode`.
 json ClientJson(const std::wstring& arguments, DWORD expectedExitCode = 0)
@@ -58,7 +46,7 @@ public:
         startup.hStdOutput = output.get();
         startup.hStdError = output.get();
         PROCESS_INFORMATION started{};
-        std::wstring line = CommandLine(arguments);
+        std::wstring line = ClientCommand(arguments);
         EXPECT_TRUE(CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, CREATE_NEW_PROCESS_GROUP, nullptr,
                                    nullptr, &startup, &started));
         CloseHandle(started.hThread);
@@ -109,15 +97,8 @@ private:
     UniqueHandle process;
 };
 
-// Scenario loaded, service running.
-class ClientTest : public testing::Test
+class ClientTest : public ClientFixture
 {
-protected:
-    void SetUp() override
-    {
-        Lab(L"load laptop");
-        ASSERT_TRUE(ServiceControl().StartAndWait());
-    }
 };
 } // namespace
 
