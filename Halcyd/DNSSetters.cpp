@@ -316,6 +316,7 @@ STDMETHODIMP CDNS::RenewDHCPLease(BSTR bstrSettingId) noexcept
 
 HRESULT CDNS::OutputDNSArray(const VARIANT* array)
 {
+    const ScopeTrace scope{Source, ScopeFlag};
     SAFEARRAY* const entries = array->parray;
     if (entries == nullptr)
     {
