@@ -21,18 +21,20 @@ std::wstring FolderOf(const wchar_t* path)
     return end == std::wstring::npos ? std::wstring() : whole.substr(0, end);
 }
 
+// The library in the module's resources; `path` receives the module's path.
+HRESULT LoadModuleTypeLibrary(HINSTANCE instance, wchar_t (&path)[MAX_PATH], ITypeLibPtr& library) noexcept
+{
+    const HRESULT status = GetModulePath(instance, path);
+    return FAILED(status) ? status : ::LoadTypeLib(path, &library);
+}
+
 } // namespace
 
 HRESULT RegisterModuleTypeLibrary(HINSTANCE instance) noexcept
 {
     wchar_t path[MAX_PATH] = {};
-    HRESULT status = GetModulePath(instance, path);
-    if (FAILED(status))
-    {
-        return status;
-    }
     ITypeLibPtr library;
-    status = ::LoadTypeLib(path, &library);
+    const HRESULT status = LoadModuleTypeLibrary(instance, path, library);
     if (FAILED(status))
     {
         return status;
@@ -51,13 +53,8 @@ HRESULT RegisterModuleTypeLibrary(HINSTANCE instance) noexcept
 HRESULT UnregisterModuleTypeLibrary(HINSTANCE instance) noexcept
 {
     wchar_t path[MAX_PATH] = {};
-    HRESULT status = GetModulePath(instance, path);
-    if (FAILED(status))
-    {
-        return status;
-    }
     ITypeLibPtr library;
-    status = ::LoadTypeLib(path, &library);
+    HRESULT status = LoadModuleTypeLibrary(instance, path, library);
     if (FAILED(status))
     {
         return status;

@@ -215,6 +215,7 @@ HRESULT CDNS::LookForAdapter(const wchar_t* guid, wchar_t** path)
 
 BSTR CDNS::BuildInstancePath(const VARIANT* index)
 {
+    const ScopeTrace scope{Source, ScopeFlag};
     const std::wstring path = FormatText(L"Win32_NetWorkAdapterConfiguration.Index='{}'", NumberOf(*index));
     LogFormat(Source, 4, L"path is '{}'", path);
     return SysAllocString(path.c_str());
@@ -222,6 +223,7 @@ BSTR CDNS::BuildInstancePath(const VARIANT* index)
 
 HRESULT CDNS::CheckWMIReturnCode(IWbemClassObject* outParams)
 {
+    const ScopeTrace scope{Source, ScopeFlag};
     // An unreadable value is no failure of its own: it counts as 0. Looked at only when it was read, because a variant
     // that is merely empty has an undefined number in it.
     _variant_t value;

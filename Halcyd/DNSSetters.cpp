@@ -18,9 +18,10 @@ constexpr const wchar_t* ClassPath = L"Win32_NetWorkAdapterConfiguration";
 constexpr const wchar_t* MethodDocumentation =
     L"https://learn.microsoft.com/windows/win32/cimwin32prov/win32-networkadapterconfiguration";
 
+// `text` is logged as it stands: it may hold what a client sent.
 HRESULT Fail(HRESULT result, std::wstring_view text)
 {
-    LogErrorSource(Source, static_cast<std::uint32_t>(result), text);
+    LogErrorSource(Source, static_cast<std::uint32_t>(result), L"{}", text);
     return result;
 }
 
@@ -315,6 +316,7 @@ STDMETHODIMP CDNS::RenewDHCPLease(BSTR bstrSettingId) noexcept
 
 HRESULT CDNS::OutputDNSArray(const VARIANT* array)
 {
+    const ScopeTrace scope{Source, ScopeFlag};
     SAFEARRAY* const entries = array->parray;
     if (entries == nullptr)
     {

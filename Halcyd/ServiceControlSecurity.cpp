@@ -189,6 +189,7 @@ int CServiceControlEx::AmendServiceSecurity(SC_HANDLE scm, const wchar_t* name, 
 int CServiceControlEx::SetPrivilege(HANDLE token, const wchar_t* name, int enable)
 {
     LastErrorForCaller lastError;
+    const ScopeTrace scope{Source, ScopeFlag};
     TOKEN_PRIVILEGES privileges{};
     privileges.PrivilegeCount = 1;
     privileges.Privileges[0].Attributes = enable != 0 ? SE_PRIVILEGE_ENABLED : 0;

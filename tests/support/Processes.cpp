@@ -132,6 +132,20 @@ DWORD HandleCount(DWORD processId)
     return count;
 }
 
+Holdings HoldingsOf(DWORD processId)
+{
+    Holdings holdings;
+    holdings.handles = HandleCount(processId);
+    const UniqueHandle snapshot{CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0)};
+    THREADENTRY32 entry{};
+    entry.dwSize = sizeof entry;
+    for (BOOL more = Thread32First(snapshot.get(), &entry); more; more = Thread32Next(snapshot.get(), &entry))
+    {
+        holdings.threads += entry.th32OwnerProcessID == processId ? 1 : 0;
+    }
+    return holdings;
+}
+
 std::wstring ProductFolder()
 {
     return L"C:\\Program Files\\Halcyd\\";

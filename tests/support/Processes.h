@@ -31,5 +31,13 @@ bool KillProcess(DWORD processId);
 // Number of kernel handles that a process holds, 0 if it cannot be asked.
 [[nodiscard]] DWORD HandleCount(DWORD processId);
 
+// What a process holds, to be compared before and after.
+struct Holdings
+{
+    DWORD handles = 0;
+    DWORD threads = 0;
+};
+[[nodiscard]] Holdings HoldingsOf(DWORD processId);
+
 // Folder of the product's executables in the prepared prefix, with a trailing backslash.
 [[nodiscard]] std::wstring ProductFolder();

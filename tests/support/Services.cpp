@@ -41,6 +41,15 @@ std::optional<SERVICE_STATUS_PROCESS> Query(const std::wstring& name)
 
 } // namespace
 
+DWORD InstallService(const std::wstring& name, const std::wstring& commandLine)
+{
+    const UniqueServiceHandle manager{OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS)};
+    const UniqueServiceHandle made{CreateServiceW(
+        manager.get(), name.c_str(), (L"Display of " + name).c_str(), SERVICE_ALL_ACCESS, SERVICE_WIN32_OWN_PROCESS,
+        SERVICE_DEMAND_START, SERVICE_ERROR_NORMAL, commandLine.c_str(), nullptr, nullptr, nullptr, nullptr, nullptr)};
+    return made ? ERROR_SUCCESS : GetLastError();
+}
+
 bool ServiceControl::Exists() const
 {
     return static_cast<bool>(OpenByName(m_name).service);

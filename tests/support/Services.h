@@ -8,6 +8,11 @@
 
 inline constexpr wchar_t kServiceName[] = L"Halcyd";
 
+// Installs a service that starts on demand, "Display of NAME" to people. Win32 error, 0 for success. The default's
+// program does not exist: the service can be configured, and a start of it fails.
+[[nodiscard]] DWORD InstallService(const std::wstring& name,
+                                   const std::wstring& commandLine = L"C:\\no such program.exe");
+
 class ServiceControl
 {
 public:

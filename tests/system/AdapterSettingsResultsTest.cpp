@@ -9,28 +9,12 @@
 #include <string>
 #include <vector>
 
-#include "NetUtilities/ComApartment.h"
-#include "tests/support/ComPointers.h"
-#include "tests/support/Processes.h"
-#include "tests/support/Services.h"
+#include "AdapterSettingsFixture.h"
+#include "tests/support/StringArrays.h"
 
 namespace
 {
-constexpr wchar_t Ethernet[] = L"{4A1C7E07-3B52-4D0F-9E61-0C5D8A2B7007}";
 constexpr wchar_t EthernetLower[] = L"{4a1c7e07-3b52-4d0f-9e61-0c5d8a2b7007}";
-constexpr HRESULT NotFound = static_cast<HRESULT>(0x80041017);
-
-_variant_t TextArray(const std::vector<const wchar_t*>& texts)
-{
-    _variant_t array;
-    array.parray = SafeArrayCreateVector(VT_BSTR, 0, static_cast<ULONG>(texts.size()));
-    array.vt = VT_ARRAY | VT_BSTR;
-    for (LONG index = 0; index < static_cast<LONG>(texts.size()); ++index)
-    {
-        SafeArrayPutElement(array.parray, &index, _bstr_t(texts[static_cast<std::size_t>(index)]).GetBSTR());
-    }
-    return array;
-}
 
 // A string that the service may replace.
 class Slot
@@ -47,25 +31,9 @@ private:
     BSTR text;
 };
 
-class AdapterSettingsResults : public testing::Test
+class AdapterSettingsResults : public AdapterSettingsFixture
 {
 protected:
-    void SetUp() override
-    {
-        ASSERT_TRUE(apartment.Initialized());
-        // An activation waits only so long for a service that is on its way up.
-        ASSERT_TRUE(ServiceControl().StartAndWait());
-        Lab(L"load laptop");
-        HRESULT result = E_FAIL;
-        dns = ActivateLocal<IDNSPtr>(CLSID_DNS, &result);
-        ASSERT_EQ(S_OK, result);
-    }
-    static void Lab(const std::wstring& arguments)
-    {
-        const FinishedProcess done = RunProcess(L"\"C:\\Program Files\\HalcydLab\\labctl.exe\" " + arguments);
-        ASSERT_TRUE(done.started && !done.timedOut && done.exitCode == 0) << done.output;
-    }
-    void Connect() { ASSERT_EQ(S_OK, dns->ConnectNetCfg(guid)); }
     static std::wstring InterfaceKey()
     {
         return std::wstring(L"SYSTEM\\CurrentControlSet\\Services\\Tcpip\\Parameters\\Interfaces\\") + Ethernet;
@@ -97,10 +65,6 @@ protected:
                      return dns->EnableStatic(guid, &addresses, &masks);
                  }}};
     }
-
-    ComApartment apartment;
-    IDNSPtr dns;
-    _bstr_t guid{Ethernet};
 };
 
 // 1: done, a restart is needed. 84: IP is not enabled. Others as the class documents them.

@@ -8,66 +8,16 @@
 #include <string>
 #include <vector>
 
-#include "NetUtilities/ComApartment.h"
-#include "tests/support/ComPointers.h"
-#include "tests/support/Processes.h"
-#include "tests/support/Services.h"
+#include "AdapterSettingsFixture.h"
+#include "tests/support/StringArrays.h"
 
 namespace
 {
-constexpr wchar_t Ethernet[] = L"{4A1C7E07-3B52-4D0F-9E61-0C5D8A2B7007}";
 constexpr wchar_t Unknown[] = L"{00000000-0000-0000-0000-00000000DEAD}";
-constexpr HRESULT NotFound = static_cast<HRESULT>(0x80041017);
 constexpr HRESULT NoSession = static_cast<HRESULT>(0x8007139F);
 
-_variant_t TextArray(const std::vector<const wchar_t*>& texts)
+class AdapterSettings : public AdapterSettingsFixture
 {
-    _variant_t array;
-    array.parray = SafeArrayCreateVector(VT_BSTR, 0, static_cast<ULONG>(texts.size()));
-    array.vt = VT_ARRAY | VT_BSTR;
-    for (LONG index = 0; index < static_cast<LONG>(texts.size()); ++index)
-    {
-        SafeArrayPutElement(array.parray, &index, _bstr_t(texts[static_cast<std::size_t>(index)]).GetBSTR());
-    }
-    return array;
-}
-
-std::vector<std::wstring> Texts(const VARIANT& array)
-{
-    std::vector<std::wstring> texts;
-    if (array.vt == (VT_ARRAY | VT_BSTR) && array.parray != nullptr)
-    {
-        for (ULONG index = 0; index < array.parray->rgsabound[0].cElements; ++index)
-        {
-            texts.emplace_back(static_cast<BSTR*>(array.parray->pvData)[index]);
-        }
-    }
-    return texts;
-}
-
-class AdapterSettings : public testing::Test
-{
-protected:
-    void SetUp() override
-    {
-        ASSERT_TRUE(apartment.Initialized());
-        // An activation waits only so long for a service that is on its way up.
-        ASSERT_TRUE(ServiceControl().StartAndWait());
-        Lab(L"load laptop");
-        HRESULT result = E_FAIL;
-        dns = ActivateLocal<IDNSPtr>(CLSID_DNS, &result);
-        ASSERT_EQ(S_OK, result);
-    }
-    static void Lab(const std::wstring& arguments)
-    {
-        const FinishedProcess done = RunProcess(L"\"C:\\Program Files\\HalcydLab\\labctl.exe\" " + arguments);
-        ASSERT_TRUE(done.started && !done.timedOut && done.exitCode == 0) << done.output;
-    }
-    void Connect() { ASSERT_EQ(S_OK, dns->ConnectNetCfg(guid)); }
-
-    ComApartment apartment;
-    IDNSPtr dns;
-    _bstr_t guid{Ethernet};
 };
 
 TEST_F(AdapterSettings, AddressGatewayAndDomainAreRead)

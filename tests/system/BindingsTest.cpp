@@ -10,19 +10,22 @@
 #include <string>
 
 #include "NetUtilities/ComApartment.h"
+#include "bindings/BindingsMachine.h"
 #include "tests/support/ComPointers.h"
 #include "tests/support/EventRecorder.h"
+#include "tests/support/LabControl.h"
 #include "tests/support/Processes.h"
 #include "tests/support/RegistryExport.h"
 #include "tests/support/Services.h"
 
 namespace
 {
+using BindingsMachine::Comes;
+
 constexpr wchar_t Ethernet[] = L"{4A1C7E07-3B52-4D0F-9E61-0C5D8A2B7007}";
 constexpr wchar_t WiFi[] = L"{4A1C7E09-3B52-4D0F-9E61-0C5D8A2B7009}";
 constexpr wchar_t RecordRoot[] = L"SOFTWARE\\QRLS\\Sorvane\\AdapterControl\\MultiHomingPrevention";
 constexpr auto LockedByOther = static_cast<std::int32_t>(0x8004A024);
-constexpr wchar_t LabControl[] = L"\"C:\\Program Files\\HalcydLab\\labctl.exe\" ";
 
 class BindingsTest : public testing::Test
 {
@@ -34,12 +37,6 @@ protected:
         HRESULT result = E_FAIL;
         monitor = ActivateMonitor(&result);
         ASSERT_EQ(S_OK, result);
-    }
-    static std::string Lab(const std::wstring& arguments)
-    {
-        const FinishedProcess done = RunProcess(LabControl + arguments);
-        EXPECT_TRUE(done.started && !done.timedOut && done.exitCode == 0) << done.output;
-        return done.output;
     }
     static std::string ShowBindings() { return Lab(L"bindings show"); }
     // How many binding paths the machine has in this state, "on " or "off".
@@ -62,10 +59,6 @@ protected:
                               const INetMonSvPtr own = ActivateMonitor();
                               return own->DisableIpBindings(_bstr_t(Ethernet), 0);
                           });
-    }
-    static bool Comes(std::future<HRESULT>& call)
-    {
-        return call.wait_for(std::chrono::seconds(60)) == std::future_status::ready;
     }
 
     ComApartment apartment;
@@ -128,11 +121,7 @@ TEST_F(Bindings, RecordStandsWithoutItsValueSoARestorePassesItOver)
 TEST_F(Bindings, HolderThatLetsGoAfterThreeSecondsIsWaitedFor)
 {
     const EventConnection events(monitor);
-    const UniqueHandle holder = StartProcess(std::wstring(LabControl) + L"lock netcfg \"Other program\" --seconds 3");
-    while (ShowBindings().find("write lock: 'Other program'") == std::string::npos &&
-           WaitForSingleObject(holder.get(), 10) == WAIT_TIMEOUT)
-    {
-    }
+    const UniqueHandle holder = BindingsMachine::HoldLock(L"--seconds 3");
     std::future<HRESULT> disable = DisableOnAThread();
     const auto disabled = events->WaitForEvent(9, 60'000);
     ASSERT_TRUE(disabled.has_value());
@@ -145,11 +134,7 @@ TEST_F(Fast10_Bindings, HolderThatNeverLetsGoIsToldByTheEventAndNothingIsDisable
 {
     const EventConnection events(monitor);
     DWORD holderId = 0;
-    const UniqueHandle holder = StartProcess(std::wstring(LabControl) + L"lock netcfg \"Other program\"", &holderId);
-    while (ShowBindings().find("write lock: 'Other program'") == std::string::npos &&
-           WaitForSingleObject(holder.get(), 10) == WAIT_TIMEOUT)
-    {
-    }
+    const UniqueHandle holder = BindingsMachine::HoldLock({}, &holderId);
     std::future<HRESULT> disable = DisableOnAThread();
     ASSERT_TRUE(Comes(disable));
     EXPECT_EQ(S_OK, disable.get());

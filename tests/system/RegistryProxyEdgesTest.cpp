@@ -7,26 +7,20 @@
 
 #include <string>
 
-#include "NetUtilities/ComApartment.h"
-#include "tests/support/ComPointers.h"
-#include "tests/support/Services.h"
+#include "tests/support/RunningService.h"
 
 namespace
 {
 constexpr wchar_t OwnSubkey[] = L"SOFTWARE\\QRLS\\Sorvane\\Edges";
 constexpr wchar_t OwnPath[] = L"HKEY_LOCAL_MACHINE\\SOFTWARE\\QRLS\\Sorvane\\Edges";
 
-class RegistryProxyEdges : public testing::Test
+class RegistryProxyEdges : public RunningServiceTest
 {
 protected:
     void SetUp() override
     {
-        ASSERT_TRUE(apartment.Initialized());
-        // An activation waits only so long for a service that is on its way up.
-        ASSERT_TRUE(ServiceControl().StartAndWait());
-        HRESULT result = E_FAIL;
-        registry = ActivateLocal<INetRegistryPtr>(CLSID_NetRegistry, &result);
-        ASSERT_EQ(S_OK, result);
+        ASSERT_NO_FATAL_FAILURE(RunningServiceTest::SetUp());
+        Activate(CLSID_NetRegistry, registry);
     }
     HRESULT Set(const std::wstring& path, const wchar_t* value, long registryType, const wchar_t* text)
     {
@@ -43,7 +37,6 @@ protected:
         ASSERT_EQ(0, RegSetKeyValueW(HKEY_LOCAL_MACHINE, OwnSubkey, value, registryType, bytes, size));
     }
 
-    ComApartment apartment;
     INetRegistryPtr registry;
     _variant_t type;
     _variant_t data;

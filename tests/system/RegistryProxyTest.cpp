@@ -10,10 +10,8 @@
 #include <vector>
 
 #include "Halcyd/WriteAllowList.h"
-#include "NetUtilities/ComApartment.h"
-#include "tests/support/ComPointers.h"
 #include "tests/support/RegistryExport.h"
-#include "tests/support/Services.h"
+#include "tests/support/RunningService.h"
 
 namespace
 {
@@ -22,17 +20,13 @@ constexpr wchar_t OwnPath[] = L"HKEY_LOCAL_MACHINE\\SOFTWARE\\QRLS\\Sorvane\\Sys
 constexpr wchar_t OutsideSubkey[] = L"SOFTWARE\\OutsideTheList";
 constexpr wchar_t OutsidePath[] = L"HKEY_LOCAL_MACHINE\\SOFTWARE\\OutsideTheList";
 
-class RegistryProxy : public testing::Test
+class RegistryProxy : public RunningServiceTest
 {
 protected:
     void SetUp() override
     {
-        ASSERT_TRUE(apartment.Initialized());
-        // An activation waits only so long for a service that is on its way up.
-        ASSERT_TRUE(ServiceControl().StartAndWait());
-        HRESULT result = E_FAIL;
-        registry = ActivateLocal<INetRegistryPtr>(CLSID_NetRegistry, &result);
-        ASSERT_EQ(S_OK, result);
+        ASSERT_NO_FATAL_FAILURE(RunningServiceTest::SetUp());
+        Activate(CLSID_NetRegistry, registry);
         WriteText(OutsideSubkey, L"text", L"outside");
     }
     static void WriteText(const wchar_t* subkey, const wchar_t* value, const wchar_t* text)
@@ -58,7 +52,6 @@ protected:
         return all;
     }
 
-    ComApartment apartment;
     INetRegistryPtr registry;
 };
 

@@ -12,11 +12,10 @@
 #include <string>
 #include <vector>
 
-#include "NetUtilities/ComApartment.h"
 #include "NetUtilities/Handles.h"
-#include "tests/support/ComPointers.h"
+#include "tests/support/LabControl.h"
 #include "tests/support/Processes.h"
-#include "tests/support/Services.h"
+#include "tests/support/RunningService.h"
 
 namespace
 {
@@ -27,29 +26,16 @@ constexpr long Start = 4;
 constexpr long NoChange = -1; // SERVICE_NO_CHANGE
 using Lines = std::vector<std::string>;
 
-class ServiceProxyLab : public testing::Test
+class ServiceProxyLab : public RunningServiceTest
 {
 protected:
     void SetUp() override
     {
-        ASSERT_TRUE(apartment.Initialized());
-        // An activation waits only so long for a service that is on its way up.
-        ASSERT_TRUE(ServiceControl().StartAndWait());
-        ASSERT_EQ("", Lab(L"load laptop"));
-        HRESULT result = E_FAIL;
-        services = ActivateLocal<IServiceControlExPtr>(CLSID_ServiceControlEx, &result);
-        ASSERT_EQ(S_OK, result);
+        ASSERT_NO_FATAL_FAILURE(RunningServiceTest::SetUp());
+        Lab(L"load laptop");
+        Activate(CLSID_ServiceControlEx, services);
     }
-    // Empty if labctl was content, else what it said.
-    static std::string Lab(const std::wstring& arguments)
-    {
-        const FinishedProcess done = RunProcess(L"\"C:\\Program Files\\HalcydLab\\labctl.exe\" " + arguments);
-        return done.exitCode == 0 && !done.timedOut ? std::string() : done.output + " (failed)";
-    }
-    static std::string State(const std::wstring& path)
-    {
-        return RunProcess(L"\"C:\\Program Files\\HalcydLab\\labctl.exe\" get " + path).output;
-    }
+    static std::string State(const std::wstring& path) { return RunProcess(kLabControl + (L"get " + path)).output; }
     // What the lab says of a service that Wine's manager cannot hold. `json` as the state has it.
     static void Describe(const wchar_t* name, std::wstring json)
     {
@@ -57,18 +43,13 @@ protected:
         {
             json.insert(at, 1, L'\\');
         }
-        ASSERT_EQ("", Lab(std::wstring(L"set services.") + name + L" \"" + json + L"\""));
+        Lab(std::wstring(L"set services.") + name + L" \"" + json + L"\"");
     }
     static void Install(const wchar_t* name, const std::wstring& behaviour = {}, bool running = true)
     {
-        const UniqueServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
         const std::wstring command =
             std::wstring(L"\"C:\\Program Files\\HalcydLab\\FakeService.exe\" ") + name + L" " + behaviour;
-        const UniqueServiceHandle made(
-            CreateServiceW(manager.get(), name, (std::wstring(L"Display of ") + name).c_str(), SERVICE_ALL_ACCESS,
-                           SERVICE_WIN32_OWN_PROCESS, SERVICE_DEMAND_START, SERVICE_ERROR_NORMAL, command.c_str(),
-                           nullptr, nullptr, nullptr, nullptr, nullptr));
-        ASSERT_TRUE(made) << GetLastError();
+        ASSERT_EQ(0u, InstallService(name, command));
         ASSERT_TRUE(!running || ServiceControl(name).StartAndWait());
     }
     // What the services were asked, in order.
@@ -89,7 +70,6 @@ protected:
     }
     static DWORD StateOf(const wchar_t* name) { return ServiceControl(name).State().value_or(0); }
 
-    ComApartment apartment;
     IServiceControlExPtr services;
 };
 

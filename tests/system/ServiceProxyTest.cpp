@@ -8,42 +8,28 @@
 
 #include <string>
 
-#include "NetUtilities/ComApartment.h"
 #include "NetUtilities/Handles.h"
-#include "tests/support/ComPointers.h"
-#include "tests/support/Services.h"
+#include "tests/support/RunningService.h"
 
 namespace
 {
-class ServiceProxy : public testing::Test
+class ServiceProxy : public RunningServiceTest
 {
 protected:
     void SetUp() override
     {
-        ASSERT_TRUE(apartment.Initialized());
-        // An activation waits only so long for a service that is on its way up.
-        ASSERT_TRUE(ServiceControl().StartAndWait());
-        HRESULT result = E_FAIL;
-        services = ActivateLocal<IServiceControlExPtr>(CLSID_ServiceControlEx, &result);
-        ASSERT_EQ(S_OK, result);
+        ASSERT_NO_FATAL_FAILURE(RunningServiceTest::SetUp());
+        ASSERT_NO_FATAL_FAILURE(Activate(CLSID_ServiceControlEx, services));
         manager = UniqueServiceHandle(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
         ASSERT_TRUE(static_cast<bool>(manager));
     }
-    void Install(const wchar_t* name)
-    {
-        UniqueServiceHandle made(CreateServiceW(manager.get(), name, (std::wstring(L"Display of ") + name).c_str(),
-                                                SERVICE_ALL_ACCESS, SERVICE_WIN32_OWN_PROCESS, SERVICE_DEMAND_START,
-                                                SERVICE_ERROR_NORMAL, L"C:\\no such program.exe", nullptr, nullptr,
-                                                nullptr, nullptr, nullptr));
-        ASSERT_TRUE(made || GetLastError() == ERROR_SERVICE_EXISTS) << GetLastError();
-    }
     DWORD StartType(const wchar_t* name)
     {
-        const UniqueServiceHandle service(OpenServiceW(manager.get(), name, SERVICE_QUERY_CONFIG));
+        const UniqueServiceHandle opened(OpenServiceW(manager.get(), name, SERVICE_QUERY_CONFIG));
         alignas(QUERY_SERVICE_CONFIGW) BYTE buffer[8192] = {};
         auto* config = reinterpret_cast<QUERY_SERVICE_CONFIGW*>(buffer);
         DWORD needed = 0;
-        EXPECT_TRUE(QueryServiceConfigW(service.get(), config, sizeof(buffer), &needed));
+        EXPECT_TRUE(QueryServiceConfigW(opened.get(), config, sizeof(buffer), &needed));
         return config->dwStartType;
     }
     HRESULT Set(const wchar_t* name, long mode, long startType)
@@ -51,21 +37,20 @@ protected:
         return services->SetServiceMode(_bstr_t(name), mode, startType);
     }
 
-    ComApartment apartment;
     IServiceControlExPtr services;
     UniqueServiceHandle manager;
 };
 
 TEST_F(ServiceProxy, StartTypeZeroReturns122AndChangesNothing)
 {
-    Install(L"PolicyAgent");
+    ASSERT_EQ(0u, InstallService(L"PolicyAgent"));
     EXPECT_EQ(122, Set(L"PolicyAgent", 1, 0));
     EXPECT_EQ(static_cast<DWORD>(SERVICE_DEMAND_START), StartType(L"PolicyAgent"));
 }
 
 TEST_F(ServiceProxy, ServiceOutsideTheListGetsItsStartTypeAndMinusOne)
 {
-    Install(L"ProxyProbe");
+    ASSERT_EQ(0u, InstallService(L"ProxyProbe"));
     EXPECT_EQ(-1, Set(L"ProxyProbe", 1, SERVICE_DISABLED));
     EXPECT_EQ(static_cast<DWORD>(SERVICE_DISABLED), StartType(L"ProxyProbe"));
     EXPECT_EQ(-1, Set(L"ProxyProbe", 4, SERVICE_DEMAND_START));
@@ -74,14 +59,14 @@ TEST_F(ServiceProxy, ServiceOutsideTheListGetsItsStartTypeAndMinusOne)
 
 TEST_F(ServiceProxy, UnknownModeReturnsZeroAfterTheChange)
 {
-    Install(L"ProxyProbe");
+    ASSERT_EQ(0u, InstallService(L"ProxyProbe"));
     EXPECT_EQ(0, Set(L"ProxyProbe", 5, SERVICE_AUTO_START));
     EXPECT_EQ(static_cast<DWORD>(SERVICE_AUTO_START), StartType(L"ProxyProbe"));
 }
 
 TEST_F(ServiceProxy, StopOfAServiceThatDoesNotRunReturnsZero)
 {
-    Install(L"PolicyAgent");
+    ASSERT_EQ(0u, InstallService(L"PolicyAgent"));
     EXPECT_EQ(0, Set(L"PolicyAgent", 1, -1));
     EXPECT_EQ(0, Set(L"PolicyAgent", 4, -1));
     EXPECT_EQ(static_cast<DWORD>(SERVICE_DEMAND_START), StartType(L"PolicyAgent"));

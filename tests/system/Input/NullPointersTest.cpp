@@ -7,6 +7,8 @@
 
 #include <thread>
 
+#include "tests/support/StringArrays.h"
+
 namespace
 {
 constexpr wchar_t kOwnPath[] = L"HKEY_LOCAL_MACHINE\\SOFTWARE\\QRLS\\Sorvane\\InputTest";
@@ -15,20 +17,10 @@ constexpr DWORD kBadFullPath = ERROR_BAD_ARGUMENTS;
 
 using NullPointers = InputTest;
 
-_variant_t OneServer()
-{
-    _variant_t array;
-    array.parray = SafeArrayCreateVector(VT_BSTR, 0, 1);
-    array.vt = VT_ARRAY | VT_BSTR;
-    LONG index = 0;
-    SafeArrayPutElement(array.parray, &index, _bstr_t(L"192.0.2.60").GetBSTR());
-    return array;
-}
-
 TEST_F(NullPointers, OfAdapterSettings)
 {
     ASSERT_EQ(dns->ConnectNetCfg(ethernet), S_OK);
-    _variant_t servers = OneServer();
+    _variant_t servers = TextArray({L"192.0.2.60"});
     BSTR text = nullptr;
     BSTR other = nullptr;
     const _bstr_t empty(L"");

@@ -7,6 +7,7 @@
 
 #include "Input/OddVariants.h"
 #include "tests/support/RegistryExport.h"
+#include "tests/support/StringArrays.h"
 
 namespace
 {
@@ -31,16 +32,6 @@ class Variants : public InputTest
 protected:
     OddVariants odds;
 };
-
-_variant_t Servers()
-{
-    _variant_t array;
-    array.parray = SafeArrayCreateVector(VT_BSTR, 0, 1);
-    array.vt = VT_ARRAY | VT_BSTR;
-    LONG index = 0;
-    SafeArrayPutElement(array.parray, &index, _bstr_t(L"192.0.2.60").GetBSTR());
-    return array;
-}
 
 TEST_F(Variants, StringArraysOfOddShapesAreTakenOrRefusedWhole)
 {
@@ -68,7 +59,7 @@ TEST_F(Variants, StringArraysOfOddShapesAreTakenOrRefusedWhole)
 TEST_F(Variants, InGettersAreReplacedByTheAnswerOrFailOnTheWay)
 {
     ASSERT_EQ(dns->ConnectNetCfg(ethernet), S_OK);
-    _variant_t good = Servers();
+    _variant_t good = TextArray({L"192.0.2.60"});
     ASSERT_EQ(dns->SetDNS(ethernet, &good), S_OK);
     int answered = 0;
     odds.ForEach(

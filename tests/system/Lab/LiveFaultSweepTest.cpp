@@ -19,6 +19,7 @@
 
 #include "Lab/ServiceCalls.h"
 #include "Monitor/MonitorMachine.h"
+#include "tests/support/RunningService.h"
 #include "lab/state/Changes.h"
 #include "lab/state/Model.h"
 
@@ -153,9 +154,7 @@ protected:
     {
         MonitorTest::SetUp();
         Lab(L"load tablet");
-        Lab(L"hooks on");
-        ASSERT_TRUE(service.StopAndWait());
-        ASSERT_TRUE(service.StartAndWait());
+        ASSERT_NO_FATAL_FAILURE(RestartWithHooks(service));
         monitor = OpenMonitor();
         ASSERT_NE(monitor, nullptr);
         sink = std::make_unique<EventConnection>(monitor);

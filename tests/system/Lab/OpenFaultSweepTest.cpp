@@ -13,6 +13,7 @@
 
 #include "Lab/ServiceCalls.h"
 #include "Monitor/MonitorMachine.h"
+#include "tests/support/RunningService.h"
 
 namespace
 {
@@ -172,9 +173,7 @@ protected:
     {
         MonitorTest::SetUp();
         Lab(L"load tablet");
-        Lab(L"hooks on");
-        ASSERT_TRUE(service.StopAndWait());
-        ASSERT_TRUE(service.StartAndWait());
+        ASSERT_NO_FATAL_FAILURE(RestartWithHooks(service));
         monitor = Monitor();
         ASSERT_NE(monitor, nullptr);
         CleanRound(); // what a first round makes and keeps is made

@@ -9,7 +9,6 @@
 
 #include <windows.h>
 #include <comdef.h>
-#include <winsvc.h>
 
 #include <functional>
 #include <iostream>
@@ -18,6 +17,8 @@
 
 #include "Lab/ServiceCalls.h"
 #include "Monitor/MonitorMachine.h"
+#include "tests/support/RunningService.h"
+#include "tests/support/StringArrays.h"
 
 namespace
 {
@@ -76,24 +77,26 @@ const Row* RowFor(const std::vector<Row>& rows, const Method& method, const Serv
     return nullptr;
 }
 
-class ProxyFaultSweep : public testing::Test
+class ProxyFaultSweep : public RunningServiceTest
 {
 protected:
     void SetUp() override
     {
         ASSERT_TRUE(apartment.Initialized());
         Lab(L"load tablet");
-        Lab(L"hooks on");
-        ASSERT_TRUE(service.StopAndWait());
-        ASSERT_TRUE(service.StartAndWait());
+        ASSERT_NO_FATAL_FAILURE(RestartWithHooks(service));
     }
 
-    static Outcome Run(const Method& method)
+    static Outcome Call(const Method& method)
     {
-        method.prepare();
         Outcome outcome;
         outcome.result = method.call(outcome.output);
         return outcome;
+    }
+    static Outcome Run(const Method& method)
+    {
+        method.prepare();
+        return Call(method);
     }
 
     void SweepMethod(const Method& method, const std::vector<Row>& rows)
@@ -104,9 +107,7 @@ protected:
         method.prepare();
         {
             CallRecorder recorder;
-            Outcome outcome;
-            outcome.result = method.call(outcome.output);
-            ASSERT_EQ(outcome, usual);
+            ASSERT_EQ(Call(method), usual);
             calls = recorder.Calls();
         }
         EXPECT_FALSE(calls.empty());
@@ -129,8 +130,7 @@ protected:
         method.prepare();
         {
             const ArmedFault fault(call.name, call.nth, row.code);
-            Outcome outcome;
-            outcome.result = method.call(outcome.output);
+            const Outcome outcome = Call(method);
             EXPECT_TRUE(fault.Hit()) << "the call was not made";
             const HRESULT expected = row.effect == Effect::Code    ? static_cast<HRESULT>(row.code)
                                      : row.effect == Effect::Fixed ? row.result
@@ -160,26 +160,12 @@ protected:
         EXPECT_LE(after.threads, before.threads + 4);
     }
 
-    ComApartment apartment;
-    ServiceControl service;
     int swept = 0;
 };
 
 constexpr std::uint32_t Denied = 0x80041003; // WBEM_E_ACCESS_DENIED
 constexpr wchar_t Dock[] = L"{4A1C7E0D-3B52-4D0F-9E61-0C5D8A2B700D}";
 constexpr wchar_t Nobody[] = L"{00000000-0000-0000-0000-00000000DEAD}";
-
-_variant_t TextArray(const std::vector<const wchar_t*>& texts)
-{
-    _variant_t array;
-    array.parray = SafeArrayCreateVector(VT_BSTR, 0, static_cast<ULONG>(texts.size()));
-    array.vt = VT_ARRAY | VT_BSTR;
-    for (LONG index = 0; index < static_cast<LONG>(texts.size()); ++index)
-    {
-        SafeArrayPutElement(array.parray, &index, _bstr_t(texts[static_cast<std::size_t>(index)]).GetBSTR());
-    }
-    return array;
-}
 
 std::wstring TextOfVariant(const VARIANT& value)
 {
@@ -195,16 +181,12 @@ std::wstring TextOfVariant(const VARIANT& value)
     {
         return std::to_wstring(value.ullVal);
     }
-    std::wstring text;
-    if (value.vt == (VT_ARRAY | VT_BSTR) && value.parray != nullptr)
+    std::wstring joined;
+    for (const std::wstring& text : Texts(value))
     {
-        for (ULONG index = 0; index < value.parray->rgsabound[0].cElements; ++index)
-        {
-            const BSTR entry = static_cast<BSTR*>(value.parray->pvData)[index];
-            text += (index == 0 ? L"" : L",") + std::wstring(entry != nullptr ? entry : L"");
-        }
+        joined += (joined.empty() ? L"" : L",") + text;
     }
-    return text;
+    return joined;
 }
 
 TEST_F(ProxyFaultSweep, EachCallOfTheAdapterSettingsGivesItsResult)
@@ -236,7 +218,7 @@ TEST_F(ProxyFaultSweep, EachCallOfTheAdapterSettingsGivesItsResult)
     };
     const auto plain = [&](auto method)
     { return [&dns, &guid, method](std::wstring&) { return (dns.GetInterfacePtr()->*method)(guid); }; };
-    const auto servers = [&](std::initializer_list<const wchar_t*> list)
+    const auto servers = [&](const std::vector<std::wstring>& list)
     {
         _variant_t value = TextArray(list);
         return dns->SetDNS(guid, &value);
@@ -404,12 +386,7 @@ class Fast10_ServiceFaultSweep : public ProxyFaultSweep
 
 TEST_F(Fast10_ServiceFaultSweep, EachCallOfTheServiceProxyGivesItsResult)
 {
-    const UniqueServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
-    const UniqueServiceHandle made(CreateServiceW(manager.get(), L"PolicyAgent", L"Display of PolicyAgent",
-                                                  SERVICE_ALL_ACCESS, SERVICE_WIN32_OWN_PROCESS, SERVICE_DEMAND_START,
-                                                  SERVICE_ERROR_NORMAL, L"C:\\no such program.exe", nullptr, nullptr,
-                                                  nullptr, nullptr, nullptr));
-    ASSERT_TRUE(made || GetLastError() == ERROR_SERVICE_EXISTS) << GetLastError();
+    ASSERT_EQ(0u, InstallService(L"PolicyAgent"));
     const IServiceControlExPtr services = ActivateLocal<IServiceControlExPtr>(CLSID_ServiceControlEx);
     ASSERT_NE(services, nullptr);
     const auto set = [&](const wchar_t* name, long mode, long startType)

@@ -1,11 +1,6 @@
 #include "Lab/ServiceCalls.h"
 
-#include <tlhelp32.h>
-
 #include <ostream>
-
-#include "NetUtilities/Handles.h"
-#include "tests/support/Processes.h"
 
 std::ostream& operator<<(std::ostream& out, const ServiceCall& call)
 {
@@ -79,18 +74,4 @@ bool ArmedFault::Hit() const
 {
     const std::vector<lab::FaultRule> rules = lab::Machine::Attach().Faults();
     return rules.size() == 1 && rules.front().hits >= rules.front().nth;
-}
-
-Holdings HoldingsOf(DWORD processId)
-{
-    Holdings holdings;
-    holdings.handles = HandleCount(processId);
-    const UniqueHandle snapshot{CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0)};
-    THREADENTRY32 entry{};
-    entry.dwSize = sizeof entry;
-    for (BOOL more = Thread32First(snapshot.get(), &entry); more; more = Thread32Next(snapshot.get(), &entry))
-    {
-        holdings.threads += entry.th32OwnerProcessID == processId ? 1 : 0;
-    }
-    return holdings;
 }

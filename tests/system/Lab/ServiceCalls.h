@@ -55,11 +55,3 @@ public:
     // Whether the call has been made and has failed. A rule that nothing met would prove nothing.
     [[nodiscard]] bool Hit() const;
 };
-
-// What a process holds, to be compared before and after.
-struct Holdings
-{
-    DWORD handles = 0;
-    DWORD threads = 0;
-};
-[[nodiscard]] Holdings HoldingsOf(DWORD processId);

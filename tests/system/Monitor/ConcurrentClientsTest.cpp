@@ -132,8 +132,8 @@ protected:
         ASSERT_TRUE(process);
         // Not faster than the service can follow with its clock against it: a close waits until every notification that
         // has come is handled.
-        const UniqueHandle storm = StartProcess(
-            L"\"C:\\Program Files\\HalcydLab\\labctl.exe\" storm --kind mixed --events 10000000 --pause 600");
+        const UniqueHandle storm =
+            StartProcess(std::wstring(kLabControl) + L"storm --kind mixed --events 10000000 --pause 600");
         ASSERT_TRUE(storm);
         std::atomic<bool> end{false};
         std::vector<std::unique_ptr<Client>> clients;

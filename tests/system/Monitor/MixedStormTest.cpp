@@ -24,7 +24,6 @@ namespace
 {
 using nlohmann::json;
 
-constexpr wchar_t kLabctl[] = L"\"C:\\Program Files\\HalcydLab\\labctl.exe\" ";
 constexpr const char* kAdapters[] = {"eth0", "eth1", "eth2", "wlan0", "wlan1", "wlan2", "dock0", "dock1"};
 
 // What a client is to be told, or was told.
@@ -146,8 +145,8 @@ protected:
     {
         const auto start = [&](const wchar_t* kind, const wchar_t* adapters, unsigned events)
         {
-            return StartProcess(std::wstring(kLabctl) + L"storm --batch 4 --kind " + kind + L" --adapters " + adapters +
-                                L" --events " + std::to_wstring(events * share / 10) + L" --seed " +
+            return StartProcess(std::wstring(kLabControl) + L"storm --batch 4 --kind " + kind + L" --adapters " +
+                                adapters + L" --events " + std::to_wstring(events * share / 10) + L" --seed " +
                                 std::to_wstring(seed));
         };
         std::vector<UniqueHandle> storms;

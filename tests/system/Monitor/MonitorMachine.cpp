@@ -1,12 +1,5 @@
 #include "Monitor/MonitorMachine.h"
 
-std::string Lab(const std::wstring& arguments)
-{
-    const FinishedProcess done = RunProcess(L"\"C:\\Program Files\\HalcydLab\\labctl.exe\" " + arguments);
-    EXPECT_TRUE(done.started && !done.timedOut && done.exitCode == 0) << done.output;
-    return done.output;
-}
-
 void MonitorTest::SetUp()
 {
     ASSERT_TRUE(apartment.Initialized());

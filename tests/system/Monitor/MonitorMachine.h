@@ -11,6 +11,7 @@
 #include "tests/support/AdapterRecords.h"
 #include "tests/support/ComPointers.h"
 #include "tests/support/EventRecorder.h"
+#include "tests/support/LabControl.h"
 #include "tests/support/Processes.h"
 #include "tests/support/Services.h"
 
@@ -19,9 +20,6 @@ inline constexpr wchar_t kEthernet[] = L"{4A1C7E07-3B52-4D0F-9E61-0C5D8A2B7007}"
 inline constexpr wchar_t kWiFi[] = L"{4A1C7E09-3B52-4D0F-9E61-0C5D8A2B7009}";
 inline constexpr wchar_t kBluetooth[] = L"{4A1C7E0B-3B52-4D0F-9E61-0C5D8A2B700B}";
 inline constexpr wchar_t kDock[] = L"{4A1C7E0D-3B52-4D0F-9E61-0C5D8A2B700D}";
-
-// Runs labctl; the test fails when that does. Returns what it printed.
-std::string Lab(const std::wstring& arguments);
 
 // A fixture with the laptop scenario loaded and the service running.
 class MonitorTest : public testing::Test

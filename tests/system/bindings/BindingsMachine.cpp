@@ -194,3 +194,25 @@ bool BindingsMachine::Comes(std::future<HRESULT>& call)
 {
     return call.wait_for(kPatience) == std::future_status::ready;
 }
+
+UniqueHandle BindingsMachine::HoldLock(const std::wstring& options, DWORD* processId)
+{
+    UniqueHandle holder =
+        StartProcess(std::wstring(kLabControl) + L"lock netcfg \"Other program\" " + options, processId);
+    while (LockHolder() != L"Other program" && WaitForSingleObject(holder.get(), 2) == WAIT_TIMEOUT)
+    {
+    }
+    return holder;
+}
+
+void BindingsMachine::BindingsServiceTest::SetUp()
+{
+    Load();
+    ASSERT_NO_FATAL_FAILURE(RunningServiceTest::SetUp());
+    Connect();
+}
+
+void BindingsMachine::BindingsServiceTest::Connect()
+{
+    Activate(CLSID_NetMonSv, monitor);
+}

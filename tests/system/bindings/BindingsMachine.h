@@ -13,8 +13,10 @@
 #include <string>
 
 #include "NetUtilities/ComApartment.h"
+#include "NetUtilities/Handles.h"
 #include "lab/state/Machine.h"
 #include "tests/support/ComPointers.h"
+#include "tests/support/RunningService.h"
 #include "tests/support/Services.h"
 
 namespace BindingsMachine
@@ -53,4 +55,20 @@ bool StartService(const ServiceControl& service);
 // A client that calls DisableIpBindings on a thread of its own, as clients must.
 std::future<HRESULT> Disable(INetMonSvPtr monitor, std::wstring kept = kTunnel, long ppp = 0);
 bool Comes(std::future<HRESULT>& call);
+
+// Another program that has the engine's write lock when this returns, until it is ended or, with "--seconds 3" among
+// the `options`, lets go by itself.
+UniqueHandle HoldLock(const std::wstring& options = {}, DWORD* processId = nullptr);
+
+// The machine with few paths, the running service, and a client's monitor.
+class BindingsServiceTest : public RunningServiceTest
+{
+protected:
+    void SetUp() override;
+    // A new monitor, of the process that runs now.
+    void Connect();
+
+    INetMonSvPtr monitor;
+    lab::Machine& machine = lab::Machine::Attach();
+};
 } // namespace BindingsMachine

@@ -2,16 +2,13 @@
 
 #include <gtest/gtest.h>
 
-#include <windows.h>
-
-#include <tlhelp32.h>
-
 #include <algorithm>
 
 #include "bindings/BindingsMachine.h"
 #include "Monitor/MonitorMachine.h"
 #include "lab/state/Model.h"
 #include "tests/support/EventRecorder.h"
+#include "tests/support/Processes.h"
 
 namespace
 {
@@ -21,55 +18,24 @@ using lab::Json;
 constexpr int kWarmUp = 50;
 constexpr int kCycles = 1000;
 
-std::size_t ThreadCount(DWORD processId)
-{
-    const UniqueHandle snapshot{CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0)};
-    THREADENTRY32 entry{};
-    entry.dwSize = sizeof entry;
-    std::size_t count = 0;
-    for (BOOL more = Thread32First(snapshot.get(), &entry); more; more = Thread32Next(snapshot.get(), &entry))
-    {
-        count += entry.th32OwnerProcessID == processId ? 1 : 0;
-    }
-    return count;
-}
-
 // What a service holds. Threads and handles of COM's own calls come and go a little behind the calls: the least of some
 // looks is what stays.
-struct Holdings
+Holdings LeastHoldings(DWORD processId)
 {
-    DWORD handles = 0;
-    std::size_t threads = 0;
-
-    static Holdings Of(DWORD processId)
+    Holdings least = HoldingsOf(processId);
+    for (int look = 0; look < 20; ++look)
     {
-        Holdings least{HandleCount(processId), ThreadCount(processId)};
-        for (int look = 0; look < 20; ++look)
-        {
-            Sleep(20);
-            least.handles = std::min(least.handles, HandleCount(processId));
-            least.threads = std::min(least.threads, ThreadCount(processId));
-        }
-        return least;
+        Sleep(20);
+        const Holdings now = HoldingsOf(processId);
+        least.handles = std::min(least.handles, now.handles);
+        least.threads = std::min(least.threads, now.threads);
     }
-};
+    return least;
+}
 
-class BindingCycles : public testing::Test
+class BindingCycles : public BindingsServiceTest
 {
 protected:
-    void SetUp() override
-    {
-        ASSERT_TRUE(apartment.Initialized());
-        Load();
-        ASSERT_TRUE(service.StartAndWait());
-        Connect();
-    }
-    void Connect()
-    {
-        monitor = ActivateMonitor();
-        ASSERT_NE(monitor, nullptr);
-    }
-
     // A restore enables what a complete record names, so the record is completed in each cycle.
     void Cycle(const EventConnection& events)
     {
@@ -91,11 +57,6 @@ protected:
             ASSERT_NO_FATAL_FAILURE(Cycle(events)) << "cycle " << i;
         }
     }
-
-    ComApartment apartment;
-    ServiceControl service;
-    INetMonSvPtr monitor;
-    lab::Machine& machine = lab::Machine::Attach();
 };
 
 TEST_F(BindingCycles, AThousandLeaveTheBindingsAsTheyWereAndNothingOver)
@@ -104,9 +65,9 @@ TEST_F(BindingCycles, AThousandLeaveTheBindingsAsTheyWereAndNothingOver)
     machine.SwitchJournal(false);
     const DWORD processId = service.ProcessId();
     ASSERT_NO_FATAL_FAILURE(Cycles(kWarmUp, events));
-    const Holdings before = Holdings::Of(processId);
+    const Holdings before = LeastHoldings(processId);
     ASSERT_NO_FATAL_FAILURE(Cycles(kCycles, events));
-    const Holdings after = Holdings::Of(processId);
+    const Holdings after = LeastHoldings(processId);
 
     EXPECT_EQ(service.ProcessId(), processId);
     EXPECT_TRUE(PathsOff().empty());

@@ -13,19 +13,10 @@ namespace
 using namespace BindingsMachine;
 using lab::Json;
 
-class BindingRulesInService : public testing::Test
+class BindingRulesInService : public BindingsServiceTest
 {
 protected:
-    void SetUp() override
-    {
-        ASSERT_TRUE(apartment.Initialized());
-        Load();
-        ASSERT_TRUE(service.StartAndWait());
-        HRESULT result = E_FAIL;
-        monitor = ActivateMonitor(&result);
-        ASSERT_EQ(result, S_OK);
-    }
-    void TearDown() override { lab::Machine::Attach().ClearFaults(); }
+    void TearDown() override { machine.ClearFaults(); }
 
     // Disables, and restores again at once. Returns what was off in between, without the braces of the ids.
     std::set<std::string> OffAfterDisable(const wchar_t* kept, long ppp)
@@ -40,10 +31,6 @@ protected:
         EXPECT_TRUE(Comes(call));
         return off;
     }
-
-    ComApartment apartment;
-    ServiceControl service;
-    INetMonSvPtr monitor;
 };
 
 std::string Guid(int number)
@@ -116,8 +103,7 @@ TEST_F(BindingRulesInService, KeptAdapterInLowerCaseOrEmptyKeepsNone)
 TEST_F(BindingRulesInService, PathThatWasOffBeforeStaysOffAndGetsNoRecord)
 {
     const std::string token = "ms_tcpip->" + lab::Utf8(kCard);
-    lab::Machine::Attach().Update([&](Json& state, lab::Events&)
-                                  { state["netcfg"]["disabled"] = Json::array({token}); });
+    machine.Update([&](Json& state, lab::Events&) { state["netcfg"]["disabled"] = Json::array({token}); });
     const EventConnection events(monitor);
     std::future<HRESULT> call = Disable(monitor);
     ASSERT_TRUE(events->WaitForEvent(9, 60'000).has_value());
@@ -131,7 +117,6 @@ TEST_F(BindingRulesInService, PathThatWasOffBeforeStaysOffAndGetsNoRecord)
 
 TEST_F(BindingRulesInService, EachLockResultIsToldByTheEventAndNothingIsDisabled)
 {
-    lab::Machine& machine = lab::Machine::Attach();
     for (const std::uint32_t result : {0x00000001U, 0x8004A025U, 0x0004A020U, 0x8004A020U, 0x80070005U, 0x80004005U})
     {
         SCOPED_TRACE(testing::Message() << std::hex << result);
@@ -159,10 +144,8 @@ TEST_F(BindingRulesInService, EachLockResultIsToldByTheEventAndNothingIsDisabled
 
 TEST_F(BindingRulesInService, EngineThatTheInterfaceTableDoesNotGiveMeansNothingIsDone)
 {
-    ASSERT_TRUE(service.StopAndWait());
-    Lab(L"hooks on");
-    ASSERT_TRUE(service.StartAndWait());
-    monitor = ActivateMonitor();
+    ASSERT_NO_FATAL_FAILURE(RestartWithHooks(service));
+    Connect();
     const EventConnection events(monitor);
     Lab(L"fail IGlobalInterfaceTable::GetInterfaceFromGlobal --code E_FAIL");
     std::future<HRESULT> call = Disable(monitor);

@@ -17,30 +17,15 @@ using lab::Json;
 constexpr auto kLockedByOther = static_cast<std::int32_t>(0x8004A024);
 constexpr wchar_t kOwnName[] = L"Sorvane Configuration Service";
 
-class BindingStatesTest : public testing::Test
+class BindingStatesTest : public BindingsServiceTest
 {
 protected:
-    void SetUp() override
-    {
-        ASSERT_TRUE(apartment.Initialized());
-        Load();
-        ASSERT_TRUE(service.StartAndWait());
-        Connect();
-    }
     void TearDown() override { machine.ClearFaults(); }
 
-    void Connect()
-    {
-        HRESULT result = E_FAIL;
-        monitor = ActivateMonitor(&result);
-        ASSERT_EQ(result, S_OK);
-    }
-    void RestartWithHooks()
+    void RestartHooked()
     {
         monitor = nullptr;
-        ASSERT_TRUE(service.StopAndWait());
-        Lab(L"hooks on");
-        ASSERT_TRUE(service.StartAndWait());
+        ASSERT_NO_FATAL_FAILURE(RestartWithHooks(service));
         Connect();
         machine.ClearJournal();
     }
@@ -76,20 +61,6 @@ protected:
         }
         ADD_FAILURE() << name << " was not called";
     }
-    UniqueHandle HoldLock(const std::wstring& options, DWORD* processId = nullptr)
-    {
-        UniqueHandle holder = StartProcess(
-            L"\"C:\\Program Files\\HalcydLab\\labctl.exe\" lock netcfg \"Other program\"" + options, processId);
-        while (LockHolder() != L"Other program" && WaitForSingleObject(holder.get(), 2) == WAIT_TIMEOUT)
-        {
-        }
-        return holder;
-    }
-
-    ComApartment apartment;
-    ServiceControl service;
-    INetMonSvPtr monitor;
-    lab::Machine& machine = lab::Machine::Attach();
 };
 using BindingStates = BindingStatesTest;
 using Fast10_BindingStates = BindingStatesTest;
@@ -138,7 +109,7 @@ TEST_F(BindingStates, RestoreFromWithinTheDisabledEventWorksAndNobodyWaits)
 // The restore comes as a whole between the disabled event and the making of the event that a disable waits on.
 TEST_F(BindingStates, RestoreThatIsOverBeforeTheDisableWaitsLeavesItNothingToWaitFor)
 {
-    RestartWithHooks();
+    RestartHooked();
     lab::FaultRule rule;
     rule.call = "CreateEventW";
     rule.delayMs = 1000;
@@ -156,7 +127,7 @@ TEST_F(BindingStates, RestoreThatIsOverBeforeTheDisableWaitsLeavesItNothingToWai
 // The restore has begun, and has the lock still: the disable waits, and is woken behind the restore's end.
 TEST_F(BindingStates, RestoreThatEndsAfterTheDisableBeganToWaitWakesIt)
 {
-    RestartWithHooks();
+    RestartHooked();
     const EventConnection events(monitor);
     std::future<HRESULT> call = Disable(monitor);
     ASSERT_TRUE(events->WaitForEvent(9, 60'000).has_value());
@@ -205,7 +176,7 @@ TEST_F(Fast10_BindingStates, SecondDisableWhileTheFirstWaitsIsRefusedUnderOurOwn
 TEST_F(Fast10_BindingStates, RefusedDisableKeepsItsSessionUntilARestoreAndThenEverythingIsAsNew)
 {
     DWORD holderId = 0;
-    const UniqueHandle holder = HoldLock(L"", &holderId);
+    const UniqueHandle holder = HoldLock({}, &holderId);
     const EventConnection events(monitor);
     EXPECT_EQ(monitor->DisableIpBindings(_bstr_t(kTunnel), 0), S_OK);
     const auto refused = events->WaitForEvent(9, 60'000);
@@ -247,7 +218,7 @@ TEST_F(BindingStates, StartReportsRunningOnlyBehindTheRestoreForWhichItWaited)
     monitor = nullptr;
     ASSERT_TRUE(service.StopAndWait());
     LeaveARecord();
-    const UniqueHandle holder = HoldLock(L" --seconds 3");
+    const UniqueHandle holder = HoldLock(L"--seconds 3");
     ASSERT_EQ(service.Start(), 0U);
     while (LockHolder() == L"Other program")
     {
@@ -265,7 +236,7 @@ TEST_F(Fast10_BindingStates, StartGivesUpOnALockThatIsNeverFreeAndKeepsTheRecord
     ASSERT_TRUE(service.StopAndWait());
     LeaveARecord();
     DWORD holderId = 0;
-    const UniqueHandle holder = HoldLock(L"", &holderId);
+    const UniqueHandle holder = HoldLock({}, &holderId);
     machine.ClearJournal();
     ASSERT_TRUE(service.StartAndWait());
     EXPECT_EQ(Calls("INetCfgLock::IsWriteLocked"), 11);

@@ -14,6 +14,7 @@
 #include <nlohmann/json.hpp>
 
 #include "bindings/BindingsMachine.h"
+#include "clients/ClientRuns.h"
 #include "Monitor/MonitorMachine.h"
 #include "lab/state/Text.h"
 
@@ -22,9 +23,9 @@ namespace
 using namespace BindingsMachine;
 using nlohmann::json;
 
-std::wstring CommandLine(const std::wstring& arguments)
+FinishedProcess Bindings(const std::wstring& arguments)
 {
-    return L"\"" + ProductFolder() + L"halcydctl.exe\" bindings " + arguments;
+    return Client(L"bindings " + arguments);
 }
 
 // A console without a window. Its keyboard is a pipe of ours, but Wine's console makes no Ctrl+C of what is typed
@@ -102,7 +103,7 @@ public:
         EXPECT_TRUE(UpdateProcThreadAttribute(startup.lpAttributeList, 0, pseudoConsoleAttribute, console.Handle(),
                                               sizeof(void*), nullptr, nullptr));
         PROCESS_INFORMATION started{};
-        std::wstring line = CommandLine(arguments);
+        std::wstring line = ClientCommand(L"bindings " + arguments);
         EXPECT_TRUE(CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, EXTENDED_STARTUPINFO_PRESENT, nullptr,
                                    nullptr, &startup.StartupInfo, &started));
         DeleteProcThreadAttributeList(startup.lpAttributeList);
@@ -158,7 +159,7 @@ protected:
     }
     static json Json(const std::wstring& arguments, DWORD exitCode = 0)
     {
-        const FinishedProcess process = RunProcess(CommandLine(arguments + L" --json"), 120'000);
+        const FinishedProcess process = Bindings(arguments + L" --json");
         EXPECT_EQ(process.exitCode, exitCode) << process.output;
         // The last line is the outcome.
         std::string line = process.output.substr(0, process.output.find_last_not_of("\r\n") + 1);
@@ -187,29 +188,21 @@ TEST_F(ClientBindings, RestoreAtAnotherPromptEndsTheWaitingDisableToo)
 TEST_F(Fast10_ClientBindings, SignsOfLifeComeWhileTheCallIsOpenAndWhileTheBindingsAreAway)
 {
     DWORD holderId = 0;
-    const UniqueHandle holder =
-        StartProcess(L"\"C:\\Program Files\\HalcydLab\\labctl.exe\" lock netcfg \"Other program\"", &holderId);
-    while (LockHolder() != L"Other program" && WaitForSingleObject(holder.get(), 2) == WAIT_TIMEOUT)
-    {
-    }
+    const UniqueHandle holder = HoldLock({}, &holderId);
     const ConsoleClient client(std::wstring(L"disable ") + kTunnel);
     EXPECT_TRUE(client.Says("  working for ")) << client.Output();
     KillProcess(holderId);
     EXPECT_TRUE(client.Says("Ctrl+C restores them")) << client.Output();
     EXPECT_TRUE(client.Says("  disabled for ")) << client.Output();
-    EXPECT_EQ(RunProcess(CommandLine(L"restore"), 120'000).exitCode, 0u);
+    EXPECT_EQ(Bindings(L"restore").exitCode, 0u);
     EXPECT_EQ(client.ExitCode(), 0u) << client.Output();
 }
 
 TEST_F(Fast10_ClientBindings, DisableThatAnotherProgramsLockRefusesSaysSoAndEndsWithOne)
 {
     DWORD holderId = 0;
-    const UniqueHandle holder =
-        StartProcess(L"\"C:\\Program Files\\HalcydLab\\labctl.exe\" lock netcfg \"Other program\"", &holderId);
-    while (LockHolder() != L"Other program" && WaitForSingleObject(holder.get(), 2) == WAIT_TIMEOUT)
-    {
-    }
-    const FinishedProcess refused = RunProcess(CommandLine(std::wstring(L"disable ") + kTunnel), 120'000);
+    const UniqueHandle holder = HoldLock({}, &holderId);
+    const FinishedProcess refused = Bindings(std::wstring(L"disable ") + kTunnel);
     EXPECT_EQ(refused.exitCode, 1u);
     EXPECT_NE(refused.output.find("Not disabled: another program holds the network configuration (0x8004A024)"),
               std::string::npos)
@@ -235,7 +228,7 @@ TEST_F(ClientBindings, PppKeepsNdiswansIpComponent)
         const ConsoleClient client(std::wstring(L"disable ") + kTunnel + option);
         ASSERT_TRUE(client.Says("Ctrl+C restores them")) << client.Output();
         EXPECT_EQ(PathsOff().size(), off);
-        EXPECT_EQ(RunProcess(CommandLine(L"restore")).exitCode, 0u);
+        EXPECT_EQ(Bindings(L"restore").exitCode, 0u);
         EXPECT_EQ(client.ExitCode(), 0u);
     }
 }
@@ -249,13 +242,13 @@ TEST_F(ClientBindings, ShowTellsKeysThatCountFromKeysThatDoNot)
     ASSERT_EQ(shown["keysWithoutValue"].size(), 2u);
     EXPECT_EQ(shown["keysWithoutValue"][0]["protocol"], "ms_tcpip6");
     EXPECT_EQ(shown["keysWithoutValue"][0]["component"], lab::Utf8(kCard));
-    EXPECT_NE(RunProcess(CommandLine(L"show")).output.find("passes it over"), std::string::npos);
+    EXPECT_NE(Bindings(L"show").output.find("passes it over"), std::string::npos);
     CompleteRecord();
     shown = Json(L"show");
     EXPECT_EQ(shown["disabledBindings"].size(), 2u);
     EXPECT_TRUE(shown["keysWithoutValue"].empty());
-    EXPECT_EQ(RunProcess(CommandLine(L"restore")).exitCode, 0u);
+    EXPECT_EQ(Bindings(L"restore").exitCode, 0u);
     EXPECT_EQ(client.ExitCode(), 0u);
-    EXPECT_NE(RunProcess(CommandLine(L"show")).output.find("No binding is recorded as disabled."), std::string::npos);
+    EXPECT_NE(Bindings(L"show").output.find("No binding is recorded as disabled."), std::string::npos);
 }
 } // namespace

@@ -8,18 +8,11 @@
 
 #include <nlohmann/json.hpp>
 
-#include "NetUtilities/Handles.h"
-#include "tests/support/Processes.h"
-#include "tests/support/Services.h"
+#include "clients/ClientRuns.h"
 
 namespace
 {
 using nlohmann::json;
-
-FinishedProcess Client(const std::wstring& arguments)
-{
-    return RunProcess(L"\"" + ProductFolder() + L"halcydctl.exe\" " + arguments, 120'000);
-}
 
 json Error(const std::wstring& arguments, DWORD expectedExitCode)
 {
@@ -35,14 +28,8 @@ json Error(const std::wstring& arguments, DWORD expectedExitCode)
     return error;
 }
 
-class ClientErrors : public testing::Test
+class ClientErrors : public ClientFixture
 {
-protected:
-    void SetUp() override
-    {
-        ASSERT_EQ(RunProcess(L"\"C:\\Program Files\\HalcydLab\\labctl.exe\" load laptop", 60'000).exitCode, 0u);
-        ASSERT_TRUE(ServiceControl().StartAndWait());
-    }
 };
 
 TEST_F(ClientErrors, MistakesOnTheCommandLineAreJsonToo)
@@ -79,12 +66,7 @@ TEST_F(ClientErrors, AdapterIdAndRegistryRootAreTakenAsPeopleTypeThem)
 // The service answers 0 to a start that the service manager refused; whoever typed the command wants to know.
 TEST_F(ClientErrors, StartThatWasRefusedIsAnErrorThatTellsTheState)
 {
-    const UniqueServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
-    const UniqueServiceHandle made(CreateServiceW(manager.get(), L"PolicyAgent", L"Policy Agent", SERVICE_ALL_ACCESS,
-                                                  SERVICE_WIN32_OWN_PROCESS, SERVICE_DEMAND_START, SERVICE_ERROR_NORMAL,
-                                                  L"C:\\no such program.exe", nullptr, nullptr, nullptr, nullptr,
-                                                  nullptr));
-    ASSERT_TRUE(made);
+    ASSERT_EQ(0u, InstallService(L"PolicyAgent"));
     EXPECT_EQ("It is stopped, start on demand.", Error(L"service start PolicyAgent", 1)["reason"]);
     const FinishedProcess stopped = Client(L"service stop PolicyAgent --json");
     EXPECT_EQ(0u, stopped.exitCode);

@@ -14,22 +14,11 @@
 #include <nlohmann/json.hpp>
 
 #include "NetUtilities/Handles.h"
-#include "tests/support/Processes.h"
-#include "tests/support/Services.h"
+#include "clients/ClientRuns.h"
 
 namespace
 {
 using nlohmann::json;
-
-std::wstring CommandLine(const std::wstring& arguments)
-{
-    return L"\"" + ProductFolder() + L"halcydctl.exe\" " + arguments;
-}
-
-FinishedProcess Client(const std::wstring& arguments)
-{
-    return RunProcess(CommandLine(arguments), 120'000);
-}
 
 // The one JSON object that a verb printed; the exit code goes to `exitCode`.
 json ClientJson(const std::wstring& arguments, DWORD expectedExitCode = 0)
@@ -39,11 +28,6 @@ json ClientJson(const std::wstring& arguments, DWORD expectedExitCode = 0)
     const json parsed = json::parse(process.output, nullptr, false);
     EXPECT_FALSE(parsed.is_discarded()) << process.output;
     return parsed;
-}
-
-DWORD Lab(const std::wstring& arguments)
-{
-    return RunProcess(L"\"C:\\Program Files\\HalcydLab\\labctl.exe\" " + arguments, 60'000).exitCode;
 }
 
 // A client that goes on while the test does things; its output goes to a file that the test can look at.
@@ -62,7 +46,7 @@ public:
         startup.hStdOutput = output.get();
         startup.hStdError = output.get();
         PROCESS_INFORMATION started{};
-        std::wstring line = CommandLine(arguments);
+        std::wstring line = ClientCommand(arguments);
         EXPECT_TRUE(CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, CREATE_NEW_PROCESS_GROUP, nullptr,
                                    nullptr, &startup, &started));
         CloseHandle(started.hThread);
@@ -113,15 +97,8 @@ private:
     UniqueHandle process;
 };
 
-// Scenario loaded, service running.
-class ClientTest : public testing::Test
+class ClientTest : public ClientFixture
 {
-protected:
-    void SetUp() override
-    {
-        ASSERT_EQ(Lab(L"load laptop"), 0u);
-        ASSERT_TRUE(ServiceControl().StartAndWait());
-    }
 };
 } // namespace
 
@@ -195,7 +172,7 @@ TEST_F(ClientTest, WatchSurvivesARestartOfTheServiceAndSaysSo)
     ASSERT_TRUE(ServiceControl().StartAndWait());
     ASSERT_TRUE(watch.WaitForText("\"kind\":\"serviceBack\"")) << watch.Output();
     // Connected, opened and switched on again: what happens now is told.
-    ASSERT_EQ(Lab(L"cable out eth0"), 0u);
+    Lab(L"cable out eth0");
     ASSERT_TRUE(watch.WaitForText("enumEventMediaDisconnect")) << watch.Output();
     std::istringstream lines(watch.Output());
     std::vector<std::string> kinds;
@@ -220,9 +197,9 @@ TEST_F(ClientTest, WatchShowsOneLineAnEventAndDrawsTheTableBelowItAnew)
 {
     const RunningClient watch(L"watch --color always --seconds 150");
     ASSERT_TRUE(watch.WaitForText("Watching.")) << watch.Output();
-    ASSERT_EQ(Lab(L"cable out eth0"), 0u);
+    Lab(L"cable out eth0");
     ASSERT_TRUE(watch.WaitForText("media disconnected")) << watch.Output();
-    ASSERT_EQ(Lab(L"cable in eth0"), 0u);
+    Lab(L"cable in eth0");
     ASSERT_TRUE(watch.WaitForText("media connected")) << watch.Output();
     const std::string output = watch.Output();
     // Red for what went, green for what came.

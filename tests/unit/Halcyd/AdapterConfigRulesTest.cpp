@@ -5,69 +5,17 @@
 
 #include <algorithm>
 
-#include "Halcyd/AdapterConfig.h"
-#include "Halcyd/BindingRules.h"
-#include "NetUtilities/RegistryKey.h"
-#include "tests/unit/Halcyd/FakeNetCfg.h"
+#include "tests/unit/Halcyd/AdapterConfigFixture.h"
 #include "tests/unit/Halcyd/HostHooks.h"
-#include "tests/unit/Halcyd/PlatformHooks.h"
-#include "tests/unit/Halcyd/SleepClock.h"
 #include "tests/unit/Halcyd/TestModule.h"
-#include "tests/unit/Halcyd/TraceLines.h"
 
 namespace
 {
-constexpr const wchar_t* Us = L"Sorvane Configuration Service";
 constexpr const wchar_t* Kept = L"{00000001-ABCD-1111-0102-030405060708}";
 constexpr std::uint32_t Other = 2; // the component number of an adapter that is not kept
 
-std::wstring GuidText(const GUID& guid)
+class AdapterConfigRulesTest : public AdapterConfigFixture
 {
-    wchar_t text[40];
-    return StringFromGUID2(guid, text, 40) != 0 ? text : L"";
-}
-
-class AdapterConfigRulesTest : public testing::Test
-{
-protected:
-    AdapterConfigRulesTest() { RemoveRecords(); }
-    ~AdapterConfigRulesTest() override
-    {
-        session.reset();
-        EXPECT_EQ(0, engine.LivingObjects());
-        RemoveRecords();
-    }
-    static void RemoveRecords()
-    {
-        RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\QRLS\\Sorvane\\AdapterControl\\MultiHomingPrevention");
-    }
-    static void WriteExceptionList(const wchar_t* list)
-    {
-        RegistryKey key(false);
-        ASSERT_EQ(0u, key.Create(HKEY_LOCAL_MACHINE, std::wstring(BindingRules::RootKey), KEY_ALL_ACCESS));
-        ASSERT_EQ(0u, key.WriteString(L"ExceptionList", list));
-    }
-    static void WriteRecord(const FakeComponent& component)
-    {
-        RegistryKey key(false);
-        ASSERT_EQ(0u, key.Create(HKEY_LOCAL_MACHINE, BindingRules::RecordKey(L"ms_tcpip", GuidText(component.guid)),
-                                 KEY_ALL_ACCESS));
-        ASSERT_EQ(0u, key.WriteDword(L"BindingDisabledByQRL", 1));
-    }
-    static bool HasRecord(const FakeComponent& component)
-    {
-        RegistryKey key(false);
-        return key.Open(HKEY_LOCAL_MACHINE, BindingRules::RecordKey(L"ms_tcpip", GuidText(component.guid)), KEY_READ) ==
-               ERROR_SUCCESS;
-    }
-    HRESULT Open(int lock = 1) { return session->Initialize(lock, Us, holder); }
-
-    HookScope hooks;
-    TraceLines trace;
-    SleepClock clock;
-    FakeNetCfg& engine = FakeNetCfg::Fresh();
-    std::unique_ptr<AdapterConfig> session = std::make_unique<AdapterConfig>();
-    std::wstring holder;
 };
 
 // --- The path rule ---
@@ -258,24 +206,24 @@ TEST_F(AdapterConfigRulesTest, SubkeyThatCannotBeNamedCostsItsOwnBindingOnly)
     const auto second = engine.AddComponent(L"second", 3);
     const auto firstPath = engine.AddPath(L"ms_tcpip", {first}, false);
     const auto secondPath = engine.AddPath(L"ms_tcpip", {second}, false);
-    WriteRecord(*first);
-    WriteRecord(*second);
+    WriteRecord(RecordOf(L"ms_tcpip", *first), 1);
+    WriteRecord(RecordOf(L"ms_tcpip", *second), 1);
     Open();
     PlatformHooks::FailCall("RegEnumKeyExW", 1, ERROR_ACCESS_DENIED);
     EXPECT_EQ(S_OK, session->RestoreBindings());
     EXPECT_FALSE(firstPath->enabled);
     EXPECT_TRUE(secondPath->enabled);
     EXPECT_TRUE(trace.Has(L"no more bindings to restore"));
-    EXPECT_FALSE(HasRecord(*first));
-    EXPECT_FALSE(HasRecord(*second));
+    EXPECT_FALSE(Exists(RecordOf(L"ms_tcpip", *first)));
+    EXPECT_FALSE(Exists(RecordOf(L"ms_tcpip", *second)));
 }
 
 TEST_F(AdapterConfigRulesTest, RemovalGoesOnBehindAnEnumerationThatFailed)
 {
     const auto card = engine.AddComponent(L"card", Other);
-    WriteRecord(*card);
+    WriteRecord(RecordOf(L"ms_tcpip", *card), 1);
     PlatformHooks::FailCall("RegEnumKeyExW", 1, ERROR_ACCESS_DENIED);
     session->DeleteOldBindingInfo();
-    EXPECT_FALSE(HasRecord(*card));
+    EXPECT_FALSE(Exists(RecordOf(L"ms_tcpip", *card)));
 }
 } // namespace

@@ -2,49 +2,16 @@
 
 #include <comdef.h>
 
-#include "Halcyd/AdapterConfig.h"
-#include "Halcyd/BindingRules.h"
-#include "NetUtilities/RegistryKey.h"
-#include "tests/unit/Halcyd/FakeNetCfg.h"
-#include "tests/unit/Halcyd/PlatformHooks.h"
-#include "tests/unit/Halcyd/SleepClock.h"
-#include "tests/unit/Halcyd/TraceLines.h"
+#include "tests/unit/Halcyd/AdapterConfigFixture.h"
 
 namespace
 {
-constexpr const wchar_t* Us = L"Sorvane Configuration Service";
 constexpr HRESULT LockedByOther = static_cast<HRESULT>(0x8004A024);
 constexpr HRESULT Injected = static_cast<HRESULT>(0x80040123);
 
-std::wstring GuidText(const GUID& guid)
-{
-    wchar_t text[40];
-    return StringFromGUID2(guid, text, 40) != 0 ? text : L"";
-}
-
-class AdapterConfigTest : public testing::Test
+class AdapterConfigTest : public AdapterConfigFixture
 {
 protected:
-    AdapterConfigTest() { RemoveRecords(); }
-    ~AdapterConfigTest() override
-    {
-        session.reset();
-        EXPECT_EQ(0, engine.LivingObjects());
-        RemoveRecords();
-    }
-    static void RemoveRecords()
-    {
-        RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\QRLS\\Sorvane\\AdapterControl\\MultiHomingPrevention");
-    }
-    static std::wstring RecordOf(const wchar_t* protocol, const FakeComponent& component)
-    {
-        return BindingRules::RecordKey(protocol, GuidText(component.guid));
-    }
-    static bool Exists(const std::wstring& subkey)
-    {
-        RegistryKey key(false);
-        return key.Open(HKEY_LOCAL_MACHINE, subkey, KEY_READ) == ERROR_SUCCESS;
-    }
     // 0 or more: the value; -1: the key stands without it; -2: no key.
     static int RecordValue(const std::wstring& subkey)
     {
@@ -56,26 +23,6 @@ protected:
         }
         return key.ReadDword(L"BindingDisabledByQRL", value) == ERROR_SUCCESS ? static_cast<int>(value) : -1;
     }
-    static void WriteRecord(const std::wstring& subkey, std::uint32_t value)
-    {
-        RegistryKey key(false);
-        ASSERT_EQ(0u, key.Create(HKEY_LOCAL_MACHINE, subkey, KEY_ALL_ACCESS));
-        ASSERT_EQ(0u, key.WriteDword(L"BindingDisabledByQRL", value));
-    }
-    static void WriteExceptionList(const wchar_t* list)
-    {
-        RegistryKey key(false);
-        ASSERT_EQ(0u, key.Create(HKEY_LOCAL_MACHINE, std::wstring(BindingRules::RootKey), KEY_ALL_ACCESS));
-        ASSERT_EQ(0u, key.WriteString(L"ExceptionList", list));
-    }
-    HRESULT Open(int lock = 1) { return session->Initialize(lock, Us, holder); }
-
-    HookScope hooks;
-    TraceLines trace;
-    SleepClock clock;
-    FakeNetCfg& engine = FakeNetCfg::Fresh();
-    std::unique_ptr<AdapterConfig> session = std::make_unique<AdapterConfig>();
-    std::wstring holder;
 };
 
 // --- Session ---

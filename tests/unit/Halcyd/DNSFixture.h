@@ -47,19 +47,6 @@ inline void RegisterLabWmi()
     }
 }
 
-inline std::vector<std::wstring> Texts(const VARIANT& array)
-{
-    std::vector<std::wstring> texts;
-    if (array.vt == (VT_ARRAY | VT_BSTR) && array.parray != nullptr)
-    {
-        for (ULONG index = 0; index < array.parray->rgsabound[0].cElements; ++index)
-        {
-            texts.emplace_back(static_cast<BSTR*>(array.parray->pvData)[index]);
-        }
-    }
-    return texts;
-}
-
 class DNSFixture : public testing::Test
 {
 protected:

@@ -84,6 +84,42 @@ TEST_F(DNSGetters, GetDnsReturnsEachFailureAndKeepsTheOutput)
     EXPECT_EQ(E_POINTER, object->GetDNS(Guid(), nullptr));
 }
 
+TEST_F(DNSGetters, AdapterOrObjectThatIsNotThereEndsEachOtherGetterInItsOwnWords)
+{
+    Connect();
+    BSTR text = SysAllocString(L"kept");
+    BSTR other = SysAllocString(L"kept");
+    const struct
+    {
+        std::function<HRESULT(BSTR)> call;
+        const wchar_t* noPath;
+        const wchar_t* noObject;
+    } rows[] = {{[&](BSTR id) { return object->GetWINS(id, &text, &other); }, L"could not get instance path",
+                 L"could not get class instance object"},
+                {[&](BSTR id) { return object->GetDNSDomain(id, &text); }, L"Could not get instance path",
+                 L"Could not get class instance object"},
+                {[&](BSTR id) { return object->GetDefaultGateway(id, &text); }, L"could not get instance path",
+                 L"could not get class instance object"},
+                {[&](BSTR id) { return object->GetIpAddress(id, &text); }, L"could not get instance path",
+                 L"could not get class instance object"}};
+    for (const auto& row : rows)
+    {
+        trace.Clear();
+        EXPECT_EQ(NotFound, row.call(_bstr_t(NoGuid)));
+        EXPECT_TRUE(trace.Has(row.noPath));
+        EXPECT_FALSE(trace.Has(row.noObject));
+        Fail("IWbemServices::GetObject", 1, 0x80041003);
+        EXPECT_EQ(static_cast<HRESULT>(0x80041003), row.call(Guid()));
+        Fail("IWbemServices::GetObject", 1, 0); // succeeds, and gives no object
+        EXPECT_TRUE(FAILED(row.call(Guid())));
+        EXPECT_EQ(2, trace.Count(row.noObject));
+    }
+    EXPECT_STREQ(L"kept", text);
+    EXPECT_STREQ(L"kept", other);
+    SysFreeString(text);
+    SysFreeString(other);
+}
+
 TEST_F(DNSGetters, GetWinsReplacesWhatIsSetAndKeepsTheRest)
 {
     Connect();
@@ -185,6 +221,19 @@ TEST_F(DNSGetters, GatewayOrAddressWithoutAValueReturnsZeroAndLeavesTheOutput)
     Fail("IWbemClassObject::Get(IPAddress)", 1, 0);
     EXPECT_EQ(S_OK, object->GetIpAddress(Guid(), &text));
     EXPECT_EQ(2, trace.Count(L"variant returned was VT_EMPTY"));
+    EXPECT_STREQ(L"kept", text);
+    SysFreeString(text);
+}
+
+TEST_F(DNSGetters, ListOfGatewaysOrAddressesWithoutAnEntryIsAFailure)
+{
+    Connect();
+    Property("DefaultIPGateway", lab::Json::array());
+    Property("IPAddress", lab::Json::array());
+    BSTR text = SysAllocString(L"kept");
+    EXPECT_EQ(DISP_E_BADINDEX, object->GetDefaultGateway(Guid(), &text));
+    EXPECT_EQ(DISP_E_BADINDEX, object->GetIpAddress(Guid(), &text));
+    EXPECT_EQ(2, trace.Count(L"Could not access safearray"));
     EXPECT_STREQ(L"kept", text);
     SysFreeString(text);
 }

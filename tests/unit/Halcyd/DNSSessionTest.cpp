@@ -190,6 +190,17 @@ TEST_F(DNSSession, EachFailingStepOfConnectReturnsItsResult)
     }
 }
 
+TEST_F(DNSSession, LinesBearTheConfigurationsSourceAndFailuresLevelTwo)
+{
+    Connect();
+    EXPECT_TRUE(trace.Has(Log::Source::ConfigServer, 4, L"That adapter matches"));
+    EXPECT_EQ(NotFound, object->ConnectNetCfg(_bstr_t(NoGuid)));
+    EXPECT_TRUE(trace.Has(Log::Source::ConfigServer, 2, L"could not find a matching adapter '"));
+    Fail("IWbemLocator::ConnectServer");
+    EXPECT_TRUE(FAILED(object->ConnectNetCfg(Guid())));
+    EXPECT_TRUE(trace.Has(Log::Source::ConfigServer, 2, L"could not connect to WMI Error 2147749889 (0x80041001)"));
+}
+
 TEST_F(DNSSession, FailingEnumerationMeansThatNoAdapterIsFound)
 {
     Fail("IWbemServices::CreateInstanceEnum");

@@ -243,6 +243,14 @@ TEST_F(DNSSetters, SetDnsDomainPrintsANullDomainInItsFailure)
     EXPECT_TRUE(trace.Has(L"Could not setup parameter for the DNS suffix of '<NULL|EMPTY>'"));
 }
 
+TEST_F(DNSSetters, SetDnsDomainPrintsADomainWithBracesAsItStands)
+{
+    Connect();
+    Fail("IWbemClassObject::Put(DNSDomain)", 1, 0x80041003);
+    EXPECT_EQ(static_cast<HRESULT>(0x80041003), object->SetDNSDomain(Guid(), _bstr_t(L"{}.{name}")));
+    EXPECT_TRUE(trace.Has(L"Could not setup parameter for the DNS suffix of '{}.{name}'"));
+}
+
 TEST_F(DNSSetters, SetWinsRefusesNullAndTakesEmptyTexts)
 {
     Connect();
@@ -307,6 +315,7 @@ TEST_F(DNSSetters, ArraysAreShownAndOddOnesDoNotStopTheMethod)
     machine.ClearJournal();
     static_cast<void>(object->SetDNS(Guid(), &none));
     EXPECT_TRUE(trace.Has(L"empty safearray was passed in"));
+    EXPECT_EQ(1u, Journalled("IWbemClassObject::Put").size()); // went on
 
     SAFEARRAYBOUND bounds[] = {{1, 0}, {1, 0}};
     VARIANT square;
@@ -314,6 +323,7 @@ TEST_F(DNSSetters, ArraysAreShownAndOddOnesDoNotStopTheMethod)
     square.parray = SafeArrayCreate(VT_BSTR, 2, bounds);
     static_cast<void>(object->SetDNS(Guid(), &square));
     static_cast<void>(object->SetDNSSuffixSearchOrder(Guid(), &square));
+    EXPECT_EQ(3u, Journalled("IWbemClassObject::Put").size());
     EXPECT_TRUE(trace.Has(L"Pass a one - dimensional DNS safearray"));
     EXPECT_TRUE(trace.Has(L"could not display DNS search order array"));
     EXPECT_TRUE(trace.Has(L"Could not display DNS array"));

@@ -1,18 +1,5 @@
 #include "tests/unit/Halcyd/FakeWmi.h"
 
-_variant_t TextArray(const std::vector<std::wstring>& entries)
-{
-    SAFEARRAY* const array = SafeArrayCreateVector(VT_BSTR, 0, static_cast<ULONG>(entries.size()));
-    for (LONG index = 0; index < static_cast<LONG>(entries.size()); ++index)
-    {
-        SafeArrayPutElement(array, &index, _bstr_t(entries[static_cast<std::size_t>(index)].c_str()).GetBSTR());
-    }
-    VARIANT value{};
-    value.vt = VT_ARRAY | VT_BSTR;
-    value.parray = array;
-    return _variant_t(value, false);
-}
-
 _variant_t WmiNull()
 {
     VARIANT value{};

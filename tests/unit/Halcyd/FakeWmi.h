@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "Halcyd/WmiValues.h"
+#include "tests/support/StringArrays.h"
 
 template <class Interface>
 class FakeUnknown : public Interface
@@ -48,7 +49,6 @@ protected:
     std::atomic<long> references{0};
 };
 
-[[nodiscard]] _variant_t TextArray(const std::vector<std::wstring>& entries);
 [[nodiscard]] _variant_t WmiNull();
 
 class FakeClassObject : public FakeUnknown<IWbemClassObject>

@@ -14,6 +14,7 @@
 #include "lab/state/Machine.h"
 #include "lab/state/Text.h"
 #include "lab/wmi/Factory.h"
+#include "tests/support/StringArrays.h"
 #include "tests/unit/Halcyd/AllocationBalance.h"
 #include "tests/unit/Halcyd/FakeServices.h"
 #include "tests/unit/Halcyd/TestModule.h"
@@ -27,20 +28,6 @@ constexpr wchar_t NoGuid[] = L"{00000000-0000-0000-0000-00000000DEAD}";
 constexpr wchar_t OwnSubkey[] = L"SOFTWARE\\QRLS\\Sorvane\\LeakTest";
 constexpr wchar_t OwnPath[] = L"HKEY_LOCAL_MACHINE\\SOFTWARE\\QRLS\\Sorvane\\LeakTest";
 constexpr wchar_t OutsidePath[] = L"HKEY_LOCAL_MACHINE\\SOFTWARE\\LeakTestOutside";
-
-_variant_t TextArray(std::initializer_list<const wchar_t*> texts)
-{
-    _variant_t array;
-    array.parray = SafeArrayCreateVector(VT_BSTR, 0, static_cast<ULONG>(texts.size()));
-    array.vt = VT_ARRAY | VT_BSTR;
-    LONG index = 0;
-    for (const wchar_t* const text : texts)
-    {
-        SafeArrayPutElement(array.parray, &index, _bstr_t(text).GetBSTR());
-        ++index;
-    }
-    return array;
-}
 
 // Late binding needs the type library, under the id that the service gives it. It stays registered in this Windows.
 void RegisterTypeLibrary()

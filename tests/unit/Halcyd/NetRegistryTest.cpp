@@ -172,6 +172,16 @@ TEST_F(NetRegistryTest, QueryOfAnEmptyMultiStringLeavesTheDataEmpty)
     EXPECT_EQ(VT_EMPTY, data.vt);
 }
 
+TEST_F(NetRegistryTest, QueryOfAMultiStringWithoutMemoryForTheArrayReturnsZeroAndNothingInTheData)
+{
+    WriteRaw(TestSubkey, L"m", REG_MULTI_SZ, L"one\0\0", 10);
+    PlatformHooks::FailCall("SafeArrayCreateVector", 1, ERROR_OUTOFMEMORY);
+    EXPECT_EQ(0, Query(TestPath, L"m"));
+    EXPECT_EQ(7, type.lVal);
+    EXPECT_EQ(VT_EMPTY, data.vt);
+    EXPECT_TRUE(trace.Has(L"could not initialize safe array with multi string"));
+}
+
 TEST_F(NetRegistryTest, QueryOfAnExpandStringReturnsItsTypeAndNothingInTheData)
 {
     WriteRaw(TestSubkey, L"x", REG_EXPAND_SZ, L"%a%", 8);
@@ -508,6 +518,17 @@ TEST_F(NetRegistryTest, DeleteNodeReturnsEachFailure)
     EXPECT_EQ(1019, object->DeleteRegistryNode(_bstr_t(TestPath)));
     EXPECT_TRUE(KeyExists(TestSubkey));
     EXPECT_EQ(0, object->DeleteRegistryNode(_bstr_t(TestPath)));
+}
+
+TEST_F(NetRegistryTest, LinesBearTheRegistrysSourceRefusalsAndFailuresLevelTwo)
+{
+    EXPECT_EQ(ERROR_ACCESS_DENIED, Set(OtherPath, L"v", 1L, L"x"));
+    EXPECT_TRUE(trace.Has(Log::Source::Registry, 2, L"Not allowed to write to '"));
+    EXPECT_EQ(ERROR_FILE_NOT_FOUND, Query(OtherPath, L"v"));
+    EXPECT_TRUE(trace.Has(Log::Source::Registry, 2, L"could not open "));
+    EXPECT_EQ(0, Set(TestPath, L"v", 1L, L"x"));
+    EXPECT_EQ(0, object->DeleteRegistryNode(_bstr_t(TestPath)));
+    EXPECT_TRUE(trace.Has(Log::Source::Registry, 4, L"successfully deleted the key and subkeys"));
 }
 
 // --- RefreshDNSCache ---

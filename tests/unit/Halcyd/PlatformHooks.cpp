@@ -84,4 +84,7 @@ extern "C"
     IMPORT_SLOT(RegDeleteKeyExW)
     IMPORT_SLOT(RegEnumKeyExW)
     IMPORT_SLOT(CoInitializeEx)
+    IMPORT_SLOT(ConvertSecurityDescriptorToStringSecurityDescriptorW)
+    IMPORT_SLOT(LocalAlloc)
+    IMPORT_SLOT(SafeArrayCreateVector)
 }

@@ -6,6 +6,7 @@
 // Replacements are set while no other thread calls; PlatformHooks::Reset brings all real functions back.
 
 #include <windows.h>
+#include <oleauto.h>
 #include <winsvc.h>
 
 #include <functional>
@@ -120,6 +121,9 @@ PLATFORM_HOOK(RegDeleteValueW, L"advapi32.dll", LONG(HKEY, LPCWSTR))
 PLATFORM_HOOK(RegDeleteTreeW, L"advapi32.dll", LONG(HKEY, LPCWSTR))
 PLATFORM_HOOK(RegDeleteKeyExW, L"advapi32.dll", LONG(HKEY, LPCWSTR, REGSAM, DWORD))
 PLATFORM_HOOK(CoInitializeEx, L"ole32.dll", HRESULT(LPVOID, DWORD))
+PLATFORM_HOOK(ConvertSecurityDescriptorToStringSecurityDescriptorW, L"advapi32.dll", BOOL(PSECURITY_DESCRIPTOR, DWORD, SECURITY_INFORMATION, LPWSTR*, PULONG))
+PLATFORM_HOOK(LocalAlloc, L"kernel32.dll", HLOCAL(UINT, SIZE_T))
+PLATFORM_HOOK(SafeArrayCreateVector, L"oleaut32.dll", SAFEARRAY*(VARTYPE, LONG, ULONG))
 PLATFORM_HOOK(RegEnumKeyExW, L"advapi32.dll", LONG(HKEY, DWORD, LPWSTR, LPDWORD, LPDWORD, LPWSTR, LPDWORD, PFILETIME))
 // clang-format on
 

@@ -297,6 +297,16 @@ TEST_F(ServiceControlExTest, UnknownServiceReturnsTheErrorOfTheOpen)
     EXPECT_EQ(ERROR_SERVICE_DOES_NOT_EXIST, object->SetServiceMode(nullptr, Stop, NoChange));
 }
 
+TEST_F(ServiceControlExTest, LinesBearTheConfigurationsSourceAndFailuresLevelTwo)
+{
+    EXPECT_EQ(ERROR_SERVICE_DOES_NOT_EXIST, Set(L"NoSuch", Stop, NoChange));
+    EXPECT_TRUE(trace.Has(Log::Source::ConfigServer, 2, L"could not open NoSuch Error 1060"));
+    EXPECT_TRUE(trace.Has(Log::Source::ConfigServer, 2, L"failed to open service 'NoSuch' Error 1060"));
+    services.Add(L"PolicyAgent");
+    EXPECT_EQ(0, Set(L"PolicyAgent", Stop, NoChange));
+    EXPECT_TRUE(trace.Has(Log::Source::ConfigServer, 4, L"updating service 'PolicyAgent'"));
+}
+
 TEST_F(ServiceControlExTest, LockedOutServiceGetsItsDescriptorAmendedOnceAndOpens)
 {
     FakeService& service = services.Add(L"PolicyAgent");
@@ -333,15 +343,17 @@ TEST_F(ServiceControlExTest, EachFailureOfTheRepairLeavesTheOpensOwnError)
         const char* call;
         int nth;
         const wchar_t* line;
-    } rows[] = {{"OpenServiceW", 2, L"could not open PolicyAgent to get security descriptor"},
-                {"QueryServiceObjectSecurity", 1, L"QueryServiceObjectSecurity failed"},
-                {"OpenProcessToken", 1, L"OpenProcessToken failed"},
-                {"LookupPrivilegeValueW", 1, L"LookupPrivilegeValue"},
-                {"AdjustTokenPrivileges", 1, L"AdjustTokenPrivileges"},
-                {"AdjustTokenPrivileges", 1, L"could not set the SE_TAKE_OWNERSHIP_NAME privilege"},
-                {"OpenServiceW", 3, L"could not open the service WRITE_DAC rights"},
-                {"QueryServiceObjectSecurity", 2, L"QueryServiceObjectSecurity failed"},
-                {"SetServiceObjectSecurity", 1, L"could not set the amended security descriptor"}};
+    } rows[] = {
+        {"OpenServiceW", 2, L"could not open PolicyAgent to get security descriptor"},
+        {"QueryServiceObjectSecurity", 1, L"QueryServiceObjectSecurity failed"},
+        {"ConvertSecurityDescriptorToStringSecurityDescriptorW", 1, L"problem converting descriptor to a string"},
+        {"OpenProcessToken", 1, L"OpenProcessToken failed"},
+        {"LookupPrivilegeValueW", 1, L"LookupPrivilegeValue"},
+        {"AdjustTokenPrivileges", 1, L"AdjustTokenPrivileges"},
+        {"AdjustTokenPrivileges", 1, L"could not set the SE_TAKE_OWNERSHIP_NAME privilege"},
+        {"OpenServiceW", 3, L"could not open the service WRITE_DAC rights"},
+        {"QueryServiceObjectSecurity", 2, L"QueryServiceObjectSecurity failed"},
+        {"SetServiceObjectSecurity", 1, L"could not set the amended security descriptor"}};
     for (const auto& row : rows)
     {
         FakeService& service = services.Add(L"PolicyAgent");

@@ -1,8 +1,10 @@
 #pragma once
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
+#include "NetUtilities/Trace.h"
 #include "tests/unit/support/TraceRecorder.h"
 
 // What the code under test wrote to the trace since construction. A line counts when it begins with the text asked for:
@@ -22,6 +24,17 @@ public:
             count += line.starts_with(text) ? 1 : 0;
         }
         return count;
+    }
+    // The same for a line of this source and level.
+    [[nodiscard]] static bool Has(Log::Source source, std::uint16_t level, const std::wstring& text)
+    {
+        const std::vector<RecordedLine> lines = TraceRecorder::Get().Lines();
+        return std::any_of(lines.begin(), lines.end(),
+                           [&](const RecordedLine& line)
+                           {
+                               return line.source == static_cast<std::uint16_t>(source) && line.level == level &&
+                                      line.Message().starts_with(text);
+                           });
     }
     static void Clear()
     {

@@ -80,6 +80,31 @@ public:
     Event told{false, false};
 };
 
+// A queue whose thread is busy with item 1 until the gate opens.
+struct BusyQueue
+{
+    explicit BusyQueue(Account& account, CWorkItemQueueCallback* emptyCallback = nullptr) : queue(emptyCallback)
+    {
+        queue.Start();
+        queue.Add(new Item(account, 1, &gate, &running));
+        EXPECT_TRUE(running.Wait(Patience));
+    }
+    // The gate opens a little later, while the caller waits for the queue.
+    [[nodiscard]] std::thread Opener()
+    {
+        return std::thread(
+            [this]
+            {
+                Sleep(50);
+                gate.Set();
+            });
+    }
+
+    Event gate{true, false};
+    Event running{false, false};
+    CWorkItemQueue queue;
+};
+
 // --- Queue ---
 
 TEST(WorkItemQueue, RunsItemsInOrderAndDeletesThem)
@@ -149,15 +174,10 @@ TEST(WorkItemQueue, EmptyCallbackComesOnceForSeveralItems)
 {
     Account account;
     EmptyCounter counter;
-    Event gate(true, false);
-    Event running(false, false);
-    CWorkItemQueue queue(&counter);
-    queue.Start();
-    queue.Add(new Item(account, 1, &gate, &running));
-    ASSERT_TRUE(running.Wait(Patience));
-    queue.Add(new Item(account, 2));
-    queue.Add(new Item(account, 3));
-    gate.Set();
+    BusyQueue busy(account, &counter);
+    busy.queue.Add(new Item(account, 2));
+    busy.queue.Add(new Item(account, 3));
+    busy.gate.Set();
     ASSERT_TRUE(counter.told.Wait(Patience));
     EXPECT_EQ((std::vector<int>{1, 2, 3}), account.Order());
 }
@@ -166,23 +186,13 @@ TEST(WorkItemQueue, StopLeavesQueuedItemsUnrunAndTheQueueDeletesThem)
 {
     Account account;
     {
-        Event gate(true, false);
-        Event running(false, false);
-        CWorkItemQueue queue;
-        queue.Start();
-        queue.Add(new Item(account, 1, &gate, &running));
-        ASSERT_TRUE(running.Wait(Patience));
-        queue.Add(new Item(account, 2));
-        std::thread opener(
-            [&]
-            {
-                Sleep(50); // Stop is asked for while the first item runs
-                gate.Set();
-            });
-        EXPECT_TRUE(queue.Stop());
+        BusyQueue busy(account);
+        busy.queue.Add(new Item(account, 2));
+        std::thread opener = busy.Opener();
+        EXPECT_TRUE(busy.queue.Stop());
         opener.join();
         EXPECT_EQ((std::vector<int>{1}), account.Order());
-        EXPECT_EQ(1U, queue.Length());
+        EXPECT_EQ(1U, busy.queue.Length());
     }
     EXPECT_EQ(0, account.alive);
     EXPECT_EQ((std::vector<int>{1}), account.Order());
@@ -212,20 +222,10 @@ TEST(WorkItemQueue, SecondStopReturnsFalse)
 TEST(WorkItemQueue, StopAfterDrainRunsWhatIsQueuedAndTheLastItem)
 {
     Account account;
-    Event gate(true, false);
-    Event running(false, false);
-    CWorkItemQueue queue;
-    queue.Start();
-    queue.Add(new Item(account, 1, &gate, &running));
-    ASSERT_TRUE(running.Wait(Patience));
-    queue.Add(new Item(account, 2));
-    std::thread opener(
-        [&]
-        {
-            Sleep(20);
-            gate.Set();
-        });
-    EXPECT_TRUE(queue.StopAfterDrain(Patience, new Item(account, 3)));
+    BusyQueue busy(account);
+    busy.queue.Add(new Item(account, 2));
+    std::thread opener = busy.Opener();
+    EXPECT_TRUE(busy.queue.StopAfterDrain(Patience, new Item(account, 3)));
     opener.join();
     EXPECT_EQ((std::vector<int>{1, 2, 3}), account.Order());
     EXPECT_EQ(0, account.alive);
@@ -245,38 +245,23 @@ TEST(WorkItemQueue, StopAfterDrainOnAQueueThatNeverStartedDoesNotTakeTheLastItem
 TEST(WorkItemQueue, DrainTimeOutLeavesTheThreadRunningAndTheQueueClosing)
 {
     Account account;
-    Event gate(true, false);
-    Event running(false, false);
-    CWorkItemQueue queue;
-    queue.Start();
-    queue.Add(new Item(account, 1, &gate, &running));
-    ASSERT_TRUE(running.Wait(Patience));
-    queue.Add(new Item(account, 2));
-    EXPECT_FALSE(queue.StopAfterDrain(10, nullptr));
-    EXPECT_FALSE(queue.Start()) << "the thread is still there";
-    EXPECT_FALSE(queue.Add(new Item(account, 3)));
+    BusyQueue busy(account);
+    busy.queue.Add(new Item(account, 2));
+    EXPECT_FALSE(busy.queue.StopAfterDrain(10, nullptr));
+    EXPECT_FALSE(busy.queue.Start()) << "the thread is still there";
+    EXPECT_FALSE(busy.queue.Add(new Item(account, 3)));
     EXPECT_EQ(2, account.alive) << "the refused item is deleted";
-    gate.Set();
-    EXPECT_TRUE(queue.Stop());
-    EXPECT_TRUE(queue.Add(new Item(account, 4))) << "no longer closing";
+    busy.gate.Set();
+    EXPECT_TRUE(busy.queue.Stop());
+    EXPECT_TRUE(busy.queue.Add(new Item(account, 4))) << "no longer closing";
 }
 
 TEST(WorkItemQueue, DrainWithAnEmptyQueueJoinsTheRunningItemWithoutTimeLimit)
 {
     Account account;
-    Event gate(true, false);
-    Event running(false, false);
-    CWorkItemQueue queue;
-    queue.Start();
-    queue.Add(new Item(account, 1, &gate, &running));
-    ASSERT_TRUE(running.Wait(Patience));
-    std::thread opener(
-        [&]
-        {
-            Sleep(50);
-            gate.Set();
-        });
-    EXPECT_TRUE(queue.StopAfterDrain(1, nullptr)) << "the time limit does not count";
+    BusyQueue busy(account);
+    std::thread opener = busy.Opener();
+    EXPECT_TRUE(busy.queue.StopAfterDrain(1, nullptr)) << "the time limit does not count";
     opener.join();
     EXPECT_EQ((std::vector<int>{1}), account.Order());
 }

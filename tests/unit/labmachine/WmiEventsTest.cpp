@@ -111,10 +111,21 @@ private:
 class WmiEvents : public WmiTest
 {
 protected:
-    static HRESULT Subscribe(IWbemServices* services, const wchar_t* query, Recorder& sink,
+    void SetUp() override
+    {
+        WmiTest::SetUp();
+        services = Connect(L"root\\wmi");
+    }
+    // Ends all queries of the sink, and waits until nobody but the test holds it.
+    void Unsubscribe(Recorder& sink)
+    {
+        services->CancelAsyncCall(&sink);
+        sink.WaitUntilReleased();
+    }
+    static HRESULT Subscribe(IWbemServices* space, const wchar_t* query, Recorder& sink,
                              long flags = WBEM_FLAG_SEND_STATUS)
     {
-        return services->ExecNotificationQueryAsync(_bstr_t{L"WQL"}, _bstr_t{query}, flags, nullptr, &sink);
+        return space->ExecNotificationQueryAsync(_bstr_t{L"WQL"}, _bstr_t{query}, flags, nullptr, &sink);
     }
     static void Pull(const char* name)
     {
@@ -124,6 +135,8 @@ protected:
     {
         TheMachine().Update([&](Json& state, Events& events) { CableIn(RequireAdapter(state, name), events, true); });
     }
+    IWbemServicesPtr services; // root\wmi
+
     static constexpr wchar_t connects[] = L"select * from MSNdis_StatusMediaConnect";
     static constexpr wchar_t disconnects[] = L"select * from MSNdis_StatusMediaDisconnect";
     static constexpr wchar_t removals[] = L"select * from MSNdis_NotifyAdapterRemoval";
@@ -132,7 +145,6 @@ protected:
 TEST_F(WmiEvents, MediaEventHasItsInstanceNameAndNoDeviceName)
 {
     Recorder sink;
-    const IWbemServicesPtr services = Connect(L"root\\wmi");
     ASSERT_EQ(Subscribe(services, disconnects, sink), S_OK);
     Pull("eth0");
     const auto objects = sink.WaitForObjects(1);
@@ -151,20 +163,17 @@ TEST_F(WmiEvents, MediaEventHasItsInstanceNameAndNoDeviceName)
 TEST_F(WmiEvents, RemovalNamesTheDevice)
 {
     Recorder sink;
-    const IWbemServicesPtr services = Connect(L"root\\wmi");
     ASSERT_EQ(Subscribe(services, removals, sink), S_OK);
     TheMachine().Update([](Json& state, Events& events) { Depart(RequireAdapter(state, "eth0"), events); });
     const auto objects = sink.WaitForObjects(1);
     ASSERT_EQ(objects.size(), 1U);
     EXPECT_EQ(_bstr_t{Get(objects[0], L"DeviceName")}, _bstr_t{L"\\DEVICE\\{11111111-0000-4000-8000-000000000001}"});
-    services->CancelAsyncCall(&sink);
-    sink.WaitUntilReleased();
+    Unsubscribe(sink);
 }
 
 TEST_F(WmiEvents, EventsOfSeveralQueriesReachOneSinkInOrderOnOneForeignThread)
 {
     Recorder sink;
-    const IWbemServicesPtr services = Connect(L"root\\wmi");
     ASSERT_EQ(Subscribe(services, connects, sink), S_OK);
     ASSERT_EQ(Subscribe(services, disconnects, sink), S_OK);
     constexpr std::size_t rounds = 50;
@@ -185,14 +194,12 @@ TEST_F(WmiEvents, EventsOfSeveralQueriesReachOneSinkInOrderOnOneForeignThread)
         EXPECT_EQ(thread, sink.Threads().front());
         EXPECT_NE(thread, GetCurrentThreadId());
     }
-    services->CancelAsyncCall(&sink);
-    sink.WaitUntilReleased();
+    Unsubscribe(sink);
 }
 
 TEST_F(WmiEvents, CancelEndsAllQueriesOfTheSinkWithOneStatusEach)
 {
     Recorder sink;
-    const IWbemServicesPtr services = Connect(L"root\\wmi");
     ASSERT_EQ(Subscribe(services, connects, sink), S_OK);
     ASSERT_EQ(Subscribe(services, disconnects, sink), S_OK);
     ASSERT_EQ(Subscribe(services, removals, sink, 0), S_OK); // asked for no status
@@ -215,7 +222,6 @@ TEST_F(WmiEvents, CancelReturnsWhileTheSinkIsBusy)
     const Handle blocker{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
     Recorder sink;
     sink.blocker = blocker.get();
-    const IWbemServicesPtr services = Connect(L"root\\wmi");
     ASSERT_EQ(Subscribe(services, disconnects, sink), S_OK);
     Pull("eth0");
     EXPECT_EQ(services->CancelAsyncCall(&sink), S_OK); // would never return if it waited for Indicate
@@ -229,7 +235,6 @@ TEST_F(WmiEvents, BlockedSinkHoldsUpNobodyElse)
     Recorder blocked;
     blocked.blocker = blocker.get();
     Recorder free;
-    const IWbemServicesPtr services = Connect(L"root\\wmi");
     ASSERT_EQ(Subscribe(services, disconnects, blocked), S_OK);
     ASSERT_EQ(Subscribe(services, disconnects, free), S_OK);
     Pull("eth0");
@@ -237,16 +242,13 @@ TEST_F(WmiEvents, BlockedSinkHoldsUpNobodyElse)
     EXPECT_EQ(blocked.Objects(), 0U);
     SetEvent(blocker.get());
     EXPECT_EQ(blocked.WaitForObjects(1).size(), 1U);
-    services->CancelAsyncCall(&blocked);
-    services->CancelAsyncCall(&free);
-    blocked.WaitUntilReleased();
-    free.WaitUntilReleased();
+    Unsubscribe(blocked);
+    Unsubscribe(free);
 }
 
 TEST_F(WmiEvents, ConditionAndDuplicatesAreHonoured)
 {
     Recorder sink;
-    const IWbemServicesPtr services = Connect(L"root\\wmi");
     ASSERT_EQ(Subscribe(services,
                         L"select * from MSNdis_StatusMediaDisconnect where InstanceName = 'Larkspur Wireless'", sink),
               S_OK);
@@ -262,14 +264,12 @@ TEST_F(WmiEvents, ConditionAndDuplicatesAreHonoured)
     {
         EXPECT_EQ(_bstr_t{Get(object, L"InstanceName")}, _bstr_t{L"Larkspur Wireless"});
     }
-    services->CancelAsyncCall(&sink);
-    sink.WaitUntilReleased();
+    Unsubscribe(sink);
 }
 
 TEST_F(WmiEvents, LateEventComesAfterOthersThatWereRaisedBehindIt)
 {
     Recorder sink;
-    const IWbemServicesPtr services = Connect(L"root\\wmi");
     ASSERT_EQ(Subscribe(services, disconnects, sink), S_OK);
     const auto raise = [](const char* name, int delay)
     {
@@ -286,14 +286,12 @@ TEST_F(WmiEvents, LateEventComesAfterOthersThatWereRaisedBehindIt)
     EXPECT_EQ(_bstr_t{Get(objects[0], L"InstanceName")}, _bstr_t{L"at once"});
     EXPECT_EQ(_bstr_t{Get(objects[1], L"InstanceName")}, _bstr_t{L"late"});
     EXPECT_EQ(_bstr_t{Get(objects[2], L"InstanceName")}, _bstr_t{L"latest"});
-    services->CancelAsyncCall(&sink);
-    sink.WaitUntilReleased();
+    Unsubscribe(sink);
 }
 
 TEST_F(WmiEvents, DeliveryThatThrowsIsJournalledAndTheNextOneComes)
 {
     Recorder sink;
-    const IWbemServicesPtr services = Connect(L"root\\wmi");
     ASSERT_EQ(Subscribe(services, disconnects, sink), S_OK);
     ASSERT_EQ(Subscribe(services, connects, sink), S_OK);
     sink.throwNext = true;
@@ -306,14 +304,12 @@ TEST_F(WmiEvents, DeliveryThatThrowsIsJournalledAndTheNextOneComes)
     const auto failures = Calls("SinkPump::Deliver");
     ASSERT_EQ(failures.size(), 1U);
     EXPECT_EQ(failures[0]["args"]["failure"], "out of a sink");
-    services->CancelAsyncCall(&sink);
-    sink.WaitUntilReleased();
+    Unsubscribe(sink);
 }
 
 TEST_F(WmiEvents, QueriesAreCheckedWhenTheyAreMade)
 {
     Recorder sink;
-    const IWbemServicesPtr services = Connect(L"root\\wmi");
     EXPECT_EQ(Subscribe(services, L"select * from MSNdis_Nothing", sink), static_cast<HRESULT>(WBEM_E_INVALID_CLASS));
     EXPECT_EQ(Subscribe(services, L"select from", sink), static_cast<HRESULT>(WBEM_E_INVALID_QUERY));
     EXPECT_EQ(Subscribe(services, connects, sink, WBEM_FLAG_FORWARD_ONLY),

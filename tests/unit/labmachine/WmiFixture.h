@@ -4,6 +4,7 @@
 #include "LabFixture.h"
 
 #include "lab/wmi/Factory.h"
+#include "tests/support/StringArrays.h"
 
 #include <comdef.h>
 #include <wbemidl.h>
@@ -67,32 +68,6 @@ protected:
             All((std::wstring{L"SELECT * FROM Win32_NetworkAdapterConfiguration WHERE "} + condition).c_str());
         EXPECT_EQ(objects.size(), 1U) << condition;
         return objects.empty() ? IWbemClassObjectPtr{} : objects.front();
-    }
-    static std::vector<std::wstring> Texts(const VARIANT& value)
-    {
-        std::vector<std::wstring> texts;
-        EXPECT_EQ(value.vt, VT_ARRAY | VT_BSTR);
-        if (value.vt == (VT_ARRAY | VT_BSTR))
-        {
-            BSTR* data = nullptr;
-            SafeArrayAccessData(value.parray, reinterpret_cast<void**>(&data));
-            texts.assign(data, data + value.parray->rgsabound[0].cElements);
-            SafeArrayUnaccessData(value.parray);
-        }
-        return texts;
-    }
-    static _variant_t TextArray(const std::vector<std::wstring>& texts)
-    {
-        _variant_t value;
-        value.vt = VT_ARRAY | VT_BSTR;
-        value.parray = SafeArrayCreateVector(VT_BSTR, 0, static_cast<ULONG>(texts.size()));
-        LONG index = 0;
-        for (const std::wstring& text : texts)
-        {
-            SafeArrayPutElement(value.parray, &index, _bstr_t{text.c_str()}.GetBSTR());
-            ++index;
-        }
-        return value;
     }
 };
 

@@ -1,0 +1,56 @@
+// The helpers of the adapter settings and of the service proxy open a scope, as the methods do.
+
+#include "Halcyd/ServiceControlEx.h"
+#include "NetUtilities/RegistryKey.h"
+#include "tests/unit/Halcyd/DNSFixture.h"
+#include "tests/unit/support/VirtualClock.h"
+
+namespace
+{
+class HelperScopes : public DNSTests::DNSFixture
+{
+protected:
+    void SetUp() override { SetTraceFlags(1U << 19); }
+    void TearDown() override { SetTraceFlags(0); }
+
+    void SetTraceFlags(std::uint32_t flags)
+    {
+        RegistryKey key;
+        ASSERT_EQ(key.Create(HKEY_CURRENT_USER, L"Software\\QRLS\\Sorvane\\CurrentInstall", KEY_WRITE), 0u);
+        ASSERT_EQ(key.WriteDword(L"TraceFlags", flags), 0u);
+        clock.AdvanceSeconds(60); // flags are kept for some seconds
+        while (GetTraceFlags() != flags)
+        {
+            Sleep(1); // the logger's thread is reading them
+        }
+        TraceLines::Clear();
+    }
+    static void ExpectScopes(const std::wstring& function, int count)
+    {
+        EXPECT_EQ(count, TraceLines::Count(L"Enter ==> " + function + L" pid ")) << function.c_str();
+        EXPECT_EQ(count, TraceLines::Count(L"Exit  <== " + function + L" pid ")) << function.c_str();
+    }
+
+    VirtualClock clock;
+};
+
+TEST_F(HelperScopes, OfTheAdapterSettings)
+{
+    Connect();
+    _variant_t servers = TextArray({L"192.0.2.60"});
+    EXPECT_EQ(S_OK, object->SetDNS(Guid(), &servers));
+    ExpectScopes(L"CDNS::GetInstancePathByGuid", 2);
+    ExpectScopes(L"CDNS::BuildInstancePath", 1); // the second time the table knows it
+    ExpectScopes(L"CDNS::OutputDNSArray", 1);
+    ExpectScopes(L"CDNS::CheckWMIReturnCode", 1);
+}
+
+TEST_F(HelperScopes, OfThePrivilegeWithTheErrorLeftForTheCaller)
+{
+    const int done = CServiceControlEx::SetPrivilege(nullptr, L"NoSuchPrivilege", 1);
+    const DWORD error = GetLastError();
+    EXPECT_EQ(0, done);
+    EXPECT_EQ(static_cast<DWORD>(ERROR_NO_SUCH_PRIVILEGE), error);
+    ExpectScopes(L"CServiceControlEx::SetPrivilege", 1);
+}
+} // namespace
