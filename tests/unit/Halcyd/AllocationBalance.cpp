@@ -162,9 +162,9 @@ void* operator new[](std::size_t size)
 {
     return operator new(size);
 }
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept
+void* operator new[](std::size_t size, const std::nothrow_t& nothrow) noexcept
 {
-    return Allocate(size);
+    return operator new(size, nothrow);
 }
 void operator delete(void* block) noexcept
 {

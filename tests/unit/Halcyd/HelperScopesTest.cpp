@@ -1,8 +1,8 @@
 // The helpers of the adapter settings and of the service proxy open a scope, as the methods do.
 
 #include "Halcyd/ServiceControlEx.h"
-#include "NetUtilities/RegistryKey.h"
 #include "tests/unit/Halcyd/DNSFixture.h"
+#include "tests/unit/support/UserTraceFlags.h"
 #include "tests/unit/support/VirtualClock.h"
 
 namespace
@@ -15,14 +15,7 @@ protected:
 
     void SetTraceFlags(std::uint32_t flags)
     {
-        RegistryKey key;
-        ASSERT_EQ(key.Create(HKEY_CURRENT_USER, L"Software\\QRLS\\Sorvane\\CurrentInstall", KEY_WRITE), 0u);
-        ASSERT_EQ(key.WriteDword(L"TraceFlags", flags), 0u);
-        clock.AdvanceSeconds(60); // flags are kept for some seconds
-        while (GetTraceFlags() != flags)
-        {
-            Sleep(1); // the logger's thread is reading them
-        }
+        SetUserTraceFlags(clock, flags);
         TraceLines::Clear();
     }
     static void ExpectScopes(const std::wstring& function, int count)

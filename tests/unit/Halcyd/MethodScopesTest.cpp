@@ -10,10 +10,10 @@
 #include "Halcyd/NetRegistry.h"
 #include "Halcyd/ServiceControlEx.h"
 #include "Halcyd/VNIC.h"
-#include "NetUtilities/RegistryKey.h"
 #include "tests/unit/Halcyd/LifecycleMonitor.h"
 #include "tests/unit/Halcyd/PlatformHooks.h"
 #include "tests/unit/Halcyd/TraceLines.h"
+#include "tests/unit/support/UserTraceFlags.h"
 #include "tests/unit/support/VirtualClock.h"
 
 namespace
@@ -26,14 +26,7 @@ protected:
 
     void SetTraceFlags(std::uint32_t flags)
     {
-        RegistryKey key;
-        ASSERT_EQ(key.Create(HKEY_CURRENT_USER, L"Software\\QRLS\\Sorvane\\CurrentInstall", KEY_WRITE), 0u);
-        ASSERT_EQ(key.WriteDword(L"TraceFlags", flags), 0u);
-        clock.AdvanceSeconds(60); // flags are kept for some seconds
-        while (GetTraceFlags() != flags)
-        {
-            Sleep(1); // the logger's thread is reading them
-        }
+        SetUserTraceFlags(clock, flags);
         TraceLines::Clear();
     }
     // One entry and one exit for each method, and none for a lambda.

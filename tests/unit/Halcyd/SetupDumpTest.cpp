@@ -11,6 +11,7 @@
 #include "tests/unit/Halcyd/LifecycleMonitor.h"
 #include "tests/unit/Halcyd/PlatformHooks.h"
 #include "tests/unit/Halcyd/TraceLines.h"
+#include "tests/unit/support/UserTraceFlags.h"
 #include "tests/unit/support/VirtualClock.h"
 
 // clang-format off
@@ -147,14 +148,7 @@ protected:
     }
     void SetTraceFlags(std::uint32_t flags)
     {
-        RegistryKey key;
-        ASSERT_EQ(key.Create(HKEY_CURRENT_USER, L"Software\\QRLS\\Sorvane\\CurrentInstall", KEY_WRITE), 0u);
-        ASSERT_EQ(key.WriteDword(L"TraceFlags", flags), 0u);
-        clock.AdvanceSeconds(60); // flags are kept for some seconds
-        while (GetTraceFlags() != flags)
-        {
-            Sleep(1); // the logger's thread is reading them
-        }
+        SetUserTraceFlags(clock, flags);
     }
     static void WriteGuid(const std::wstring& text)
     {
