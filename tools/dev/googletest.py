@@ -12,6 +12,7 @@ class Outcome:
     verdict: str        # passed, failed or skipped
     detail: str = ''    # why
     seconds: float = 0.0
+    never_ran: bool = False     # another test of the same program did not let it come to that
 
 
 def parse_list(text):
@@ -74,7 +75,8 @@ def run(prefix, program, names, report, pattern=None, timeout=300, extra=None):
             else:
                 why = 'ran out of time' if result.returncode == -1 else f'{CRASHED} (exit code {result.returncode})'
                 tail = result.stdout[-3000:] if started else ''
-                outcome = Outcome(name, 'failed', f'{why if started else "never ran: " + why}\n{tail}')
+                outcome = Outcome(name, 'failed', f'{why if started else "never ran: " + why}\n{tail}',
+                                  never_ran=not started and '[ RUN      ]' in result.stdout)
         outcomes.append(outcome)
     # All tests fine but the program says otherwise: a crash on the way out.
     if result.returncode != 0 and all(o.verdict != 'failed' for o in outcomes):

@@ -50,7 +50,7 @@ class Tally:
     def add(self, outcome, where=''):
         with self.lock:
             self.outcomes.append(outcome)
-            if outcome.verdict == 'failed':
+            if outcome.verdict == 'failed' and not outcome.never_ran:    # the test that ended the program says why
                 print(f'\r\033[K{bad("FAILED")} {outcome.name}' if bold('') else f'FAILED {outcome.name}')
                 for line in outcome.detail.rstrip().splitlines()[:60]:
                     print('    ' + line)
@@ -69,7 +69,11 @@ class Tally:
         if failed:
             print(bad('failed:'))
             for outcome in failed:
-                print(f'    {outcome.name}')
+                if not outcome.never_ran:
+                    print(f'    {outcome.name}')
+            never = sum(1 for o in failed if o.never_ran)
+            if never:
+                print(f'    and {never} that never ran, because their program ended or hung before')
         for outcome in (o for o in self.outcomes if o.verdict == 'skipped'):
             print(f'skipped: {outcome.name} {outcome.detail.splitlines()[0] if outcome.detail else ""}')
         print(dim(f'{len(self.outcomes)} tests in {seconds:.0f} s'))
@@ -136,7 +140,7 @@ def run_unit(tally, built, preset, pattern):
                 return
             whole = wanted == names
             outcomes, _ = googletest.run(prefix, program, wanted, RESULTS / f'{preset}-{program.stem}.json',
-                                         pattern='*' if whole else None, timeout=600)
+                                         pattern='*' if whole else None, timeout=300)
             for outcome in outcomes:
                 outcome.name = f'unit ({preset}): {outcome.name}'
                 tally.add(outcome)

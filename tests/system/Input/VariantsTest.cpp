@@ -27,11 +27,75 @@ HRESULT CopyOf(VARIANT from, VARIANT& to)
     return VariantCopy(&to, &from);
 }
 
+// Hands a copy to a call that gives the variant back: the proxy frees and replaces what it holds or refers to. False
+// for what has no copy, which could not be replaced either.
+bool GivenBack(const VARIANT& value, const std::function<void(VARIANT&)>& call)
+{
+    const VARTYPE type = value.vt & VT_TYPEMASK;
+    if (type == VT_RECORD || ((value.vt & VT_ARRAY) != 0 && (type == VT_DISPATCH || type == VT_UNKNOWN)))
+    {
+        return false;
+    }
+    VARIANT from = value;
+    VARIANT copy{};
+    VARIANT target{}; // of a reference
+    if ((from.vt & VT_BYREF) == 0 || from.byref == nullptr)
+    {
+        if (FAILED(VariantCopy(&copy, &from)))
+        {
+            return false;
+        }
+    }
+    else if (FAILED(VariantCopyInd(&target, &from)))
+    {
+        return false;
+    }
+    else if (from.vt == (VT_VARIANT | VT_BYREF))
+    {
+        copy.vt = from.vt;
+        copy.pvarVal = &target;
+    }
+    else
+    {
+        copy.vt = static_cast<VARTYPE>(target.vt | VT_BYREF);
+        copy.byref = target.vt == VT_DECIMAL ? static_cast<void*>(&target.decVal) : &target.llVal;
+    }
+    call(copy);
+    VariantClear(&copy);
+    VariantClear(&target);
+    return true;
+}
+
 class Variants : public InputTest
 {
 protected:
     OddVariants odds;
 };
+
+TEST_F(Variants, InSettersAreRefusedAndNoAdapterIsTouched)
+{
+    ASSERT_EQ(dns->ConnectNetCfg(ethernet), S_OK);
+    _variant_t good = TextArray({L"192.0.2.60"});
+    ASSERT_EQ(dns->SetDNS(ethernet, &good), S_OK);
+    const std::string before = Lab(L"dump");
+    int given = 0;
+    odds.ForEach(
+        [&](const OddVariant& odd)
+        {
+            given += GivenBack(odd.value,
+                               [&](VARIANT& copy) { EXPECT_TRUE(FAILED(dns->SetDNS(ethernet, &copy))) << odd.name; })
+                         ? 1
+                         : 0;
+            GivenBack(odd.value, [&](VARIANT& copy)
+                      { EXPECT_TRUE(FAILED(dns->SetDNSSuffixSearchOrder(ethernet, &copy))) << odd.name; });
+            VARIANT only = odd.value; // these two take and give nothing back
+            EXPECT_TRUE(FAILED(dns->EnableStatic(ethernet, &only, &good))) << odd.name;
+            EXPECT_TRUE(FAILED(dns->EnableStatic(ethernet, &good, &only))) << odd.name;
+            EXPECT_TRUE(FAILED(dns->SetGateways(ethernet, &only, &good))) << odd.name;
+        });
+    EXPECT_GT(given, 100);
+    EXPECT_EQ(Lab(L"dump"), before);
+}
 
 TEST_F(Variants, StringArraysOfOddShapesAreTakenOrRefusedWhole)
 {
@@ -118,6 +182,38 @@ TEST_F(Variants, InTheRegistryProxyFollowTheRulesOfTheirNumbersAndTexts)
     EXPECT_EQ(DifferRegistry(services_, ExportRegistry(HKEY_LOCAL_MACHINE,
                                                        L"SYSTEM\\CurrentControlSet\\Control\\Session Manager")),
               std::vector<std::wstring>{});
+}
+
+TEST_F(Variants, InAServiceQueryAreFilledIfTheyArePlainAndRefusedIfTheyHoldPointers)
+{
+    const _bstr_t name(kServiceName);
+    int filled = 0;
+    int refused = 0;
+    odds.ForEach(
+        [&](const OddVariant& odd)
+        {
+            for (const bool first : {true, false})
+            {
+                VARIANT good{};
+                good.vt = VT_I4;
+                GivenBack(odd.value,
+                          [&](VARIANT& copy)
+                          {
+                              const HRESULT result = first ? services->QueryServiceMode(name, &copy, &good)
+                                                           : services->QueryServiceMode(name, &good, &copy);
+                              EXPECT_TRUE(FAILED(result) || result == 0 || result == ERROR_INVALID_PARAMETER)
+                                  << odd.name << " gave " << result;
+                              if (result == 0)
+                              {
+                                  EXPECT_EQ(good.lVal, first ? SERVICE_AUTO_START : SERVICE_RUNNING) << odd.name;
+                                  ++filled;
+                              }
+                              refused += result == ERROR_INVALID_PARAMETER ? 1 : 0;
+                          });
+            }
+        });
+    EXPECT_GT(filled, 20);
+    EXPECT_GT(refused, 20);
 }
 
 TEST_F(Variants, InTheVirtualAdaptersMethodsComeBack)

@@ -41,11 +41,13 @@ std::ostream& operator<<(std::ostream& out, Effect effect)
 enum Kind : unsigned
 {
     Disconnect = 1,
-    WiFiConnect = 2,
-    Arrival = 4, // of an adapter that the list does not have
-    Removal = 8,
-    Media = Disconnect | WiFiConnect,
-    Every = Media | Arrival | Removal,
+    Connect = 2,
+    WiFiConnect = 4,
+    Arrival = 8, // of an adapter that the list does not have
+    Removal = 16,
+    AddressChange = 32,
+    Media = Disconnect | Connect | WiFiConnect,
+    Every = Media | Arrival | Removal | AddressChange,
 };
 
 struct Row
@@ -96,6 +98,13 @@ constexpr Row rows[] = {
     {"CoTaskMemAlloc", Every, "", 0, ERROR_OUTOFMEMORY, Effect::Told},
     {"IWbemClassObject::Get", Arrival, "SettingID", 3, Failed, Effect::Nameless},
     {"SysAllocString", Every, "\"{4A1C7E0", 0, ERROR_OUTOFMEMORY, Effect::Nameless},
+    {"SysAllocString", AddressChange, "no node", 0, ERROR_OUTOFMEMORY, Effect::Nameless},
+    // A wired connect waits for a gateway on a thread of the pool, with a copy of the object.
+    {"IWbemClassObject::Clone", Connect, "", 0, 0x80041006, Effect::Lost},
+    {"CreateEventW", Connect, "\"2\":0", 0, ERROR_NOT_ENOUGH_MEMORY, Effect::Told}, // its start makes that one again
+    {"CreateEventW", Connect, "", 0, ERROR_NOT_ENOUGH_MEMORY, Effect::Lost},
+    {"_beginthreadex", Connect, "", 0, ERROR_NOT_ENOUGH_MEMORY, Effect::Lost},
+    {"CoInitializeEx", Connect, "", 0, 0x80010106, Effect::Told},
     // The way to the client's sink.
     {"IGlobalInterfaceTable::GetInterfaceFromGlobal", Every, "", 0, 0x80070057, Effect::Lost},
     // What an update of the element does without.
@@ -126,11 +135,11 @@ constexpr Row rows[] = {
 struct Notification
 {
     Kind kind;
-    const char* adapter; // as the lab names it
-    const wchar_t* id;   // that the client is told
-    const char* eventClass;
-    std::int32_t told; // _NOTIFICATION_EVENT
-    const char* undo;  // class of the notification that leads back; "" when the monitor is opened anew
+    const char* adapter;    // as the lab names it
+    const wchar_t* id;      // that the client is told
+    const char* eventClass; // "" for a change of address
+    std::int32_t told;      // _NOTIFICATION_EVENT
+    const char* undo;       // class of the notification that leads back; "" when the monitor is opened anew
     std::int32_t undoTold;
     const char* marker; // another adapter
     const wchar_t* markerId;
@@ -141,10 +150,13 @@ constexpr wchar_t Dock[] = L"{4A1C7E0D-3B52-4D0F-9E61-0C5D8A2B700D}";
 const Notification notifications[] = {
     {Disconnect, "dock0", Dock, "MSNdis_StatusMediaDisconnect", enumEventMediaDisconnect, "MSNdis_StatusMediaConnect",
      enumEventMediaConnect, "wlan0", kWiFi},
+    {Connect, "dock0", Dock, "MSNdis_StatusMediaConnect", enumEventMediaConnect, "MSNdis_StatusMediaDisconnect",
+     enumEventMediaDisconnect, "wlan0", kWiFi},
     {WiFiConnect, "wlan0", kWiFi, "MSNdis_StatusMediaConnect", enumEventMediaConnect, "MSNdis_StatusMediaDisconnect",
      enumEventMediaDisconnect, "dock0", Dock},
     {Arrival, "dock0", Dock, "MSNdis_NotifyAdapterArrival", enumEventAdapterAdd, "", 0, "wlan0", kWiFi},
     {Removal, "dock0", Dock, "MSNdis_NotifyAdapterRemoval", enumEventAdapterRemove, "", 0, "wlan0", kWiFi},
+    {AddressChange, "dock0", L"no node", "", enumEventIpChange, "", 0, "wlan0", kWiFi},
 };
 
 class Fast10_LiveFaultSweep : public MonitorTest
@@ -175,7 +187,12 @@ protected:
     {
         lab::Json state = *lab::Machine::Attach().Snapshot();
         lab::Json& entry = lab::RequireAdapter(state, adapter);
-        return lab::NdisEvent(entry, eventClass);
+        if (*eventClass != '\0')
+        {
+            return lab::NdisEvent(entry, eventClass);
+        }
+        return {{"channel", "address"}, {"type", "add"},           {"guid", entry["guid"]},
+                {"interfaceIndex", 17}, {"address", "192.0.2.77"}, {"prefix", 24}};
     }
 
     std::optional<RecordedEvent> WaitFor(std::int32_t event, const wchar_t* id)
@@ -239,6 +256,10 @@ protected:
     // Brings about what the notification changes: an adapter that is to arrive has left.
     void Prepare(const Notification& what)
     {
+        if (what.kind == Connect)
+        {
+            Reopen(); // so that the pool has to start a thread
+        }
         if (what.kind == Arrival)
         {
             Undisturbed(what.adapter, "MSNdis_NotifyAdapterRemoval", enumEventAdapterRemove, what.id);
@@ -337,19 +358,28 @@ TEST_F(Fast10_LiveFaultSweep, EachCallOfADisconnect)
     Sweep(notifications[0]);
 }
 
-TEST_F(Fast10_LiveFaultSweep, EachCallOfAWiFiConnect)
+TEST_F(Fast10_LiveFaultSweep, EachCallOfAWiredConnect)
 {
     Sweep(notifications[1]);
 }
 
-TEST_F(Fast10_LiveFaultSweep, EachCallOfAnArrival)
+TEST_F(Fast10_LiveFaultSweep, EachCallOfAWiFiConnect)
 {
     Sweep(notifications[2]);
 }
 
-TEST_F(Fast10_LiveFaultSweep, EachCallOfARemoval)
+TEST_F(Fast10_LiveFaultSweep, EachCallOfAnArrival)
 {
     Sweep(notifications[3]);
 }
 
+TEST_F(Fast10_LiveFaultSweep, EachCallOfARemoval)
+{
+    Sweep(notifications[4]);
+}
+
+TEST_F(Fast10_LiveFaultSweep, EachCallOfAChangeOfAddress)
+{
+    Sweep(notifications[5]);
+}
 } // namespace

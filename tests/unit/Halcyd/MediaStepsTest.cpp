@@ -149,7 +149,7 @@ TEST_F(MediaSteps, WaitEndsWithItsEventWithoutALockInHand)
 TEST_F(MediaSteps, ContextWithoutAnObjectIsRefused)
 {
     monitor->Add(id);
-    monitor->WaitForDefaultGatewayThread({id, nullptr});
+    monitor->WaitForDefaultGatewayThread({id, IWbemClassObjectPtr()});
     EXPECT_TRUE(trace.Has(L"WaitForDefaultGatewayThread: Invalid argument"));
     EXPECT_FALSE(trace.Has(L"WaitForDefaultGatewayThread: exiting thread"));
     EXPECT_TRUE(Told().empty());

@@ -146,10 +146,7 @@ protected:
         RegDeleteTreeW(HKEY_LOCAL_MACHINE, driverKey.c_str());
         SetTraceFlags(0);
     }
-    void SetTraceFlags(std::uint32_t flags)
-    {
-        SetUserTraceFlags(clock, flags);
-    }
+    void SetTraceFlags(std::uint32_t flags) { SetUserTraceFlags(clock, flags); }
     static void WriteGuid(const std::wstring& text)
     {
         RegistryKey key;

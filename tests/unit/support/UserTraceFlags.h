@@ -8,9 +8,9 @@
 #include "NetUtilities/Trace.h"
 #include "tests/unit/support/VirtualClock.h"
 
-// Writes the user's trace flags and comes back when the program follows them. Flags are kept for some seconds, hence the
-// clock; again and again, since a thread may be in the middle of reading the old ones, and an earlier test's clock may
-// have been far ahead.
+// Writes the user's trace flags and comes back when the program follows them. Flags are kept for some seconds, hence
+// the clock; again and again, since a thread may be in the middle of reading the old ones, and an earlier test's clock
+// may have been far ahead.
 inline void SetUserTraceFlags(VirtualClock& clock, std::uint32_t flags)
 {
     RegistryKey key;
