@@ -110,7 +110,7 @@ def start(prefix, figures):
     milliseconds = {key: value / 1e6 for key, value in got.items() if key.endswith('_ns')}
     figures.ratio('start to running against an idle service, p50', milliseconds['product_p50_ns'],
                   milliseconds['idle_p50_ns'], 1.3, 'ms',
-                  f"without the lab; with it {milliseconds['with_lab_p50_ns']:.0f} ms, of which the lab's own "
+                  f"without the lab, the trace service already there; with the lab {milliseconds['with_lab_p50_ns']:.0f} ms, of which the lab's own "
                   f"{milliseconds['with_lab_p50_ns'] - milliseconds['product_p50_ns']:.0f} ms")
     figures.ratio('  the quickest of the same starts', milliseconds['product_min_ns'], milliseconds['idle_min_ns'], None,
                   'ms', 'what is left when the rest of the machine was quiet')
