@@ -288,6 +288,7 @@ void AdapterConfig::RestoreProtocol(std::wstring_view protocolId)
 HRESULT AdapterConfig::GetBindPath(std::wstring_view protocolId, const std::wstring& lowerComponentGuid,
                                    ComPointer<INetCfgBindingPath>& path, std::wstring& lowerComponentId)
 {
+    const ScopeTrace scope{Source, ScopeFlag};
     path = nullptr;
     lowerComponentId.clear();
     ComPointer<INetCfg> config = CurrentINetCfg();

@@ -357,6 +357,7 @@ void CNetMonSv::ActOnNotification(const std::wstring& eventClass, _DEVICE_ELEMEN
 
 void CNetMonSv::TraceMofSyntax(IWbemClassObject* object)
 {
+    ScopeTrace scope(Log::Source::NetMon, AlwaysOnTraceFlag);
     BSTR text = nullptr;
     const HRESULT result = object->GetObjectText(0, &text);
     const UniqueBstr owned(text);
@@ -372,6 +373,7 @@ void CNetMonSv::TraceMofSyntax(IWbemClassObject* object)
 
 void CNetMonSv::TraceWmiObject(IWbemClassObject* object)
 {
+    ScopeTrace scope(Log::Source::NetMon, AlwaysOnTraceFlag);
     if (object == nullptr)
     {
         return;

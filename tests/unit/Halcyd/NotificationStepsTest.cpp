@@ -202,9 +202,11 @@ TEST_F(NotificationSteps, ArrivalOfANewAdapterIsToldStepByStep)
     Notify(arrival);
     EXPECT_EQ(FirstMissingInOrder({
                   L"CNetMonSv::ProcessNotificationEvent:     Lock ==>> deviceInfoListMutex",
+                  L"Enter ==> CNetMonSv::TraceMofSyntax pid ",
                   L"MOF SYNTAX:\ninstance of FakeObject {};",
                   L"Error could not get notification InstanceName source",
                   L"WMI network event with a 'SettingID' (",
+                  L"Enter ==> CNetMonSv::TraceWmiObject pid ",
                   L"Description  = Brevik Ethernet",
                   std::wstring(L"'") + id + L"' looks like a real adapter ('brv')",
                   std::wstring(L"no node for '") + id + L"'",
