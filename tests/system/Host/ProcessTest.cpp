@@ -4,12 +4,10 @@
 
 #include <gtest/gtest.h>
 
-#include <barrier>
-#include <thread>
-
 #include "Host/HostSupport.h"
 #include "NetUtilities/ComApartment.h"
 #include "tests/support/ComPointers.h"
+#include "tests/support/main/ChildProcess.h"
 
 using namespace HostSupport;
 
@@ -80,29 +78,70 @@ TEST(ServiceProcess, StartReportsRunningOnlyAfterTheRestoreAndStopClosesTheMonit
     EXPECT_TRUE(WaitForNoProcess());
 }
 
+namespace
+{
+constexpr int kClients = 2;
+constexpr int kFilterMask = 4711;
+
+// How the clients and the test wait for each other.
+struct Meeting
+{
+    UniqueHandle ready{CreateSemaphoreW(nullptr, 0, kClients, L"ClientsReady")};
+    UniqueHandle go{CreateEventW(nullptr, TRUE, FALSE, L"ClientsGo")};
+    UniqueHandle activated{CreateSemaphoreW(nullptr, 0, kClients, L"ClientsActivated")};
+    UniqueHandle maskSet{CreateEventW(nullptr, TRUE, FALSE, L"ClientsMaskSet")};
+
+    static bool Wait(const UniqueHandle& handle) { return WaitForSingleObject(handle.get(), 60'000) == WAIT_OBJECT_0; }
+    static bool WaitForAll(const UniqueHandle& semaphore)
+    {
+        bool all = true;
+        for (int client = 0; client < kClients; ++client)
+        {
+            all = Wait(semaphore) && all;
+        }
+        return all;
+    }
+};
+
+CHILD_PROCESS(testing::Test, ActivatesTheMonitorAtOnceWithAnother)
+{
+    const Meeting meeting;
+    ReleaseSemaphore(meeting.ready.get(), 1, nullptr);
+    ASSERT_TRUE(Meeting::Wait(meeting.go));
+    const INetMonSvPtr monitor = ActivateMonitor();
+    ASSERT_NE(monitor, nullptr);
+    ReleaseSemaphore(meeting.activated.get(), 1, nullptr);
+    ASSERT_TRUE(Meeting::Wait(meeting.maskSet));
+    LONG mask = 0;
+    ASSERT_EQ(monitor->get_FilterMask(&mask), S_OK);
+    EXPECT_EQ(mask, kFilterMask);
+}
+} // namespace
+
 TEST(ServiceProcess, TwoClientsActivatingAtOnceGetOneMonitor)
 {
     ASSERT_TRUE(StopService());
-    INetMonSvPtr monitors[2];
+    const Meeting meeting;
+    UniqueHandle clients[kClients];
+    for (UniqueHandle& client : clients)
     {
-        std::barrier start(2);
-        std::vector<std::jthread> clients;
-        for (INetMonSvPtr& monitor : monitors)
-        {
-            clients.emplace_back(
-                [&]
-                {
-                    const ComApartment apartment;
-                    start.arrive_and_wait();
-                    monitor = ActivateMonitor();
-                });
-        }
+        client = StartProcess(ChildCommandLine("ActivatesTheMonitorAtOnceWithAnother"));
+        ASSERT_TRUE(client);
     }
-    ASSERT_TRUE(monitors[0] && monitors[1]);
-    ASSERT_EQ(monitors[0]->put_FilterMask(4711), S_OK);
-    LONG mask = 0;
-    ASSERT_EQ(monitors[1]->get_FilterMask(&mask), S_OK);
-    EXPECT_EQ(mask, 4711);
+    ASSERT_TRUE(Meeting::WaitForAll(meeting.ready));
+    SetEvent(meeting.go.get());
+    ASSERT_TRUE(Meeting::WaitForAll(meeting.activated));
+    const INetMonSvPtr monitor = ActivateMonitor();
+    ASSERT_NE(monitor, nullptr);
+    ASSERT_EQ(monitor->put_FilterMask(kFilterMask), S_OK);
+    SetEvent(meeting.maskSet.get());
+    for (const UniqueHandle& client : clients)
+    {
+        ASSERT_TRUE(Meeting::Wait(client));
+        DWORD code = 1;
+        GetExitCodeProcess(client.get(), &code);
+        EXPECT_EQ(code, 0u);
+    }
     // Lines of the process that ended may still be on their way into the file: only those of the new one count.
     const std::vector<DWORD> processes = FindProcesses(L"Halcyd.exe");
     ASSERT_EQ(processes.size(), 1u);

@@ -101,13 +101,21 @@ protected:
         StartFresh();
     }
 
-    // Starts the service and waits until it is at rest: its last call behind RUNNING asks for the tunnel's key.
+    // Starts the service and waits until it is at rest: its last call behind RUNNING asks for the tunnel's key, and the
+    // last of the trace's thread, which goes its own way, runs the object of the trace service.
     void StartFresh()
     {
         static_cast<void>(machine.ReadJournal(position));
         ASSERT_TRUE(StartService(service));
-        AwaitCall([](const PlatformCall& call)
-                  { return call.name == "RegOpenKeyExW" && call.detail.find("Tunvex") != std::string::npos; });
+        bool keyAsked = false;
+        bool traceFound = false;
+        AwaitCall(
+            [&](const PlatformCall& call)
+            {
+                keyAsked |= call.name == "RegOpenKeyExW" && call.detail.find("Tunvex") != std::string::npos;
+                traceFound |= call.name == "OleRun";
+                return keyAsked && traceFound;
+            });
     }
 
     // The service's calls since the last look, in the order of the journal.
