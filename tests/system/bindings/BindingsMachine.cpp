@@ -172,7 +172,7 @@ bool BindingsMachine::StartService(const ServiceControl& service)
     // fails over the pipe to that process.
     const ULONGLONG end = GetTickCount64() + 60'000;
     DWORD error = service.Start();
-    while ((error == ERROR_SERVICE_ALREADY_RUNNING || error == ERROR_INTERNAL_ERROR) && GetTickCount64() < end)
+    while (error != 0 && GetTickCount64() < end)
     {
         Sleep(5);
         error = service.Start();
