@@ -62,6 +62,10 @@ def run(prefix, program, names, report, pattern=None, timeout=300, extra=None):
     windows_report = 'Z:' + str(report).replace('/', '\\')
     result = prefix.run([program, f'--gtest_filter={pattern or ":".join(names)}', f'--gtest_output=json:{windows_report}',
                          '--gtest_color=no'], timeout, extra)
+    if result.returncode == 1 and not result.stdout:
+        # Wine did not get as far as the program: not a word, not even the banner. Nothing of ours has run yet.
+        result = prefix.run([program, f'--gtest_filter={pattern or ":".join(names)}',
+                             f'--gtest_output=json:{windows_report}', '--gtest_color=no'], timeout, extra)
     reported = _results(report)
     outcomes = []
     for name in names:
