@@ -90,17 +90,39 @@ std::string ReadRing(const std::filesystem::path& path, std::uint64_t room, std:
     return ReadRange(path, first, room) + ReadRange(path, 0, length - (room - first));
 }
 
+namespace
+{
+
+// NtWriteFile. WriteFile takes a place in the file only along with an OVERLAPPED, whose address it hands on as the key
+// of a completion port's message; Wine then asks its server at each write whether the file has such a port. A journal
+// line costs several times as much with that, and asking every time would be most of what the lab takes of a call.
+bool WriteAt(HANDLE file, std::uint64_t place, const char* bytes, ULONG length) noexcept
+{
+    struct StatusBlock
+    {
+        std::uintptr_t status;
+        std::uintptr_t information;
+    };
+    using Function =
+        LONG(NTAPI*)(HANDLE, HANDLE, void*, void*, StatusBlock*, const void*, ULONG, LARGE_INTEGER*, ULONG*);
+    static const auto write = reinterpret_cast<Function>(
+        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "NtWriteFile")));
+    StatusBlock done{};
+    LARGE_INTEGER position{};
+    position.QuadPart = static_cast<LONGLONG>(place);
+    return write(file, nullptr, nullptr, nullptr, &done, bytes, length, &position, nullptr) == 0 &&
+           done.information == length;
+}
+
+} // namespace
+
 bool WriteRing(HANDLE file, std::uint64_t room, std::uint64_t place, std::string_view text) noexcept
 {
     while (!text.empty())
     {
         const std::uint64_t start = place % room;
-        const auto length = static_cast<DWORD>(std::min<std::uint64_t>(text.size(), room - start));
-        OVERLAPPED position{};
-        position.Offset = static_cast<DWORD>(start);
-        position.OffsetHigh = static_cast<DWORD>(start >> 32);
-        DWORD written = 0;
-        if (!WriteFile(file, text.data(), length, &written, &position) || written != length)
+        const auto length = static_cast<ULONG>(std::min<std::uint64_t>(text.size(), room - start));
+        if (!WriteAt(file, start, text.data(), length))
         {
             return false;
         }

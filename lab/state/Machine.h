@@ -42,6 +42,9 @@ using Json = nlohmann::ordered_json;
 // When it is raised it gets "seq" (1, 2, 3, ... without gaps) and "time" (100 ns units since 1601).
 using Events = std::vector<Json>;
 
+// The time of events and journal lines: 100 ns units since 1601. TimeText (Text.h) writes it out.
+[[nodiscard]] std::uint64_t Now() noexcept;
+
 class Machine;
 
 // One listener's place in the list of events. Not thread-safe: one thread per cursor. Made by Machine::Listen.

@@ -60,7 +60,6 @@ std::string ReadRange(const std::filesystem::path& path, std::uint64_t from, std
 std::string ReadRing(const std::filesystem::path& path, std::uint64_t room, std::uint64_t from, std::uint64_t to);
 // False if not all of the text could be written. The text may not be longer than `room`.
 bool WriteRing(HANDLE file, std::uint64_t room, std::uint64_t place, std::string_view text) noexcept;
-[[nodiscard]] std::uint64_t Now() noexcept; // 100 ns units since 1601
 [[noreturn]] void Fail(const std::string& what);
 
 // Writes the driver's table from the state; true if a device came, went, or changed in a way that the driver must hear

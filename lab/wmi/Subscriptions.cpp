@@ -240,6 +240,10 @@ void SinkPump::Indicate(const ClassPointer& type, Batch& batch)
     {
         objects.push_back(object.get());
     }
+    if (call.Journalled())
+    { // a line is written when its call has returned, and what the call sets going may well be ahead of that
+        call.Arg("called", TimeText(Now()));
+    }
     call.Result(m_sink->Indicate(static_cast<long>(objects.size()), objects.data()));
     batch.clear();
 }
