@@ -3,9 +3,10 @@
 // WMI and driver calls that the path makes (PathReplay). Beside it stand the other platform calls that the path cannot
 // do without (PlatformCalls), so that what the service takes of its own can be seen.
 //
-// Everything is timed after the same rest, as an event comes: on a thread that has just woken, with cold caches, and
-// with nobody else at work. Without the rest the service's trace of the last event, which is delivered for more than
-// ten milliseconds after it, would run beside whatever is timed next.
+// Everything is timed as an event comes: after the same rest, on a thread that waits for the lab's events, right behind
+// an event that this process has raised (Woken). Without the rest the service's trace of the last event would run
+// beside whatever is timed next; without the event it would start on a machine that has only just woken, which the path
+// never does.
 
 #include <windows.h>
 
@@ -15,12 +16,16 @@
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "Halcyd_h.h"
+#include "NetUtilities/ComApartment.h"
+#include "NetUtilities/Event.h"
 #include "bench/IdleServer.h"
 #include "bench/Measure.h"
 #include "bench/PathReplay.h"
@@ -191,12 +196,11 @@ public:
             throw std::runtime_error("the idle server does not answer");
     }
 
-    // The arguments of an AdapterChange, last first.
-    std::int64_t Once()
+    // The arguments of an AdapterChange, last first. Nanoseconds of the call.
+    std::int64_t Once() const
     {
         _variant_t arguments[3] = {LONG{enumEventMediaConnect}, L"00:00:00:00:00:00", kDevice};
         DISPPARAMS parameters{arguments, nullptr, 3, 0};
-        Sleep(kRest);
         const std::int64_t start = NowNanoseconds();
         m_sink->Invoke(2, IID_NULL, LOCALE_NEUTRAL, DISPATCH_METHOD, &parameters, nullptr, nullptr, nullptr);
         return NowNanoseconds() - start;
@@ -205,6 +209,53 @@ public:
 private:
     static constexpr wchar_t kDevice[] = L"{4A1C7E09-3B52-4D0F-9E61-0C5D8A2B7009}";
     IDispatchPtr m_sink;
+};
+
+// Does what is to be timed in the place where the stand-in for WMI calls its sink: on a thread that an event has woken.
+class Woken
+{
+public:
+    Woken() : m_cursor(lab::Machine::Attach().Listen()), m_thread([this](const std::stop_token& stop) { Run(stop); }) {}
+    ~Woken()
+    {
+        m_thread.request_stop();
+        lab::Machine::Attach().Raise({kCall});
+    }
+    Woken(const Woken&) = delete;
+    Woken& operator=(const Woken&) = delete;
+
+    // What `timed` returns; it runs on the other thread.
+    std::int64_t Time(std::function<std::int64_t()> timed)
+    {
+        Sleep(kRest);
+        m_timed = std::move(timed);
+        lab::Machine::Attach().Raise({kCall});
+        m_done.Wait(INFINITE);
+        return m_result;
+    }
+
+private:
+    void Run(const std::stop_token& stop)
+    {
+        const ComApartment apartment;
+        while (!stop.stop_requested())
+        {
+            // Those of the path come by here too.
+            if (const lab::Events events = m_cursor.Next(INFINITE);
+                stop.stop_requested() || events.empty() || events.front().value("channel", "") != "bench")
+                continue;
+            m_result = m_timed();
+            m_done.Set();
+        }
+    }
+
+    inline static const lab::Json kCall{{"channel", "bench"}, {"type", "call"}};
+
+    lab::EventCursor m_cursor;
+    std::function<std::int64_t()> m_timed;
+    std::int64_t m_result = 0;
+    Event m_done{false, false};
+    std::jthread m_thread; // last: it uses the others
 };
 
 // Events per second that reach all of `clients` sinks.
@@ -249,6 +300,7 @@ int EventLatency(int rounds)
         path.Once(); // warm, and the account of a path that has nothing new in it
     PathReplay replay(path.Journal());
     const PlatformCalls platform(path.Adapter());
+    Woken woken;
     Samples whole;
     Samples call;
     Samples calls;
@@ -257,13 +309,10 @@ int EventLatency(int rounds)
     for (int i = 0; i < rounds; ++i)
     {
         whole.Add(path.Once());
-        call.Add(bare.Once());
-        Sleep(kRest);
-        calls.Add(replay.Run());
-        Sleep(kRest);
-        key.Add(platform.FindAdapterKey());
-        Sleep(kRest);
-        process.Add(platform.FindClientProcess());
+        call.Add(woken.Time([&bare] { return bare.Once(); }));
+        calls.Add(woken.Time([&replay] { return replay.Run(); }));
+        key.Add(woken.Time([&platform] { return platform.FindAdapterKey(); }));
+        process.Add(woken.Time([&platform] { return platform.FindClientProcess(); }));
     }
     PrintResult("events", {{"event_p50_ns", whole.Percentile(0.5)},
                            {"event_p99_ns", whole.Percentile(0.99)},
