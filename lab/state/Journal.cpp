@@ -31,12 +31,14 @@ bool StandsAt(const Json& line, std::uint64_t place)
            at == place && !text.empty();
 }
 
-// Lines of the journal that stand at their own place; `start` is the place of the text's first byte, in the middle of
-// a line if `cut`. `whole` tells whether there was nothing else in the text.
-std::vector<Json> LinesAtTheirPlace(const std::string& text, std::uint64_t start, bool cut, bool& whole)
+// Lines of the journal that stand at their own place; the text is what the file has from `start` to `end`, and begins in
+// the middle of a line if `cut`. `whole` tells whether all of it was there and nothing else: before the journal has been
+// once around, the file ends with the last line that was written.
+std::vector<Json> LinesAtTheirPlace(const std::string& text, std::uint64_t start, std::uint64_t end, bool cut,
+                                    bool& whole)
 {
     std::vector<Json> lines;
-    whole = true;
+    whole = text.size() == end - start;
     for (std::size_t from = cut ? std::min(text.find('\n'), text.size() - 1) + 1 : 0; from < text.size();)
     {
         const std::size_t to = std::min(text.find('\n', from), text.size());
@@ -141,18 +143,20 @@ std::vector<Json> Machine::ReadJournal(JournalPosition& position)
     const std::uint64_t oldest = end > journalRoom ? end - journalRoom : 0;
     const std::uint64_t start = std::max(from, oldest);
     std::vector<Json> lines;
-    // A line whose writer is still at work is not at its place for a moment: wait for it, but not for a dead writer.
-    for (int attempt = 0; attempt < 50; ++attempt)
+    // A line whose writer is still at work is not at its place yet: wait for it, on a loaded machine for a while, but not
+    // for ever, as the writer may have died.
+    const ULONGLONG patience = GetTickCount64() + 5000;
+    do
     {
         bool whole = false;
-        lines = LinesAtTheirPlace(ReadRing(m_impl->folder / L"journal.jsonl", journalRoom, start, end), start,
+        lines = LinesAtTheirPlace(ReadRing(m_impl->folder / L"journal.jsonl", journalRoom, start, end), start, end,
                                   start > from, whole);
         if (whole)
         {
             break;
         }
         Sleep(2);
-    }
+    } while (GetTickCount64() < patience);
     if (start > from && !lines.empty())
     {
         lines.insert(lines.begin(), Json{{"time", lines.front()["time"]},

@@ -191,9 +191,7 @@ def run_system(tally, built, pattern):
 
     def one(item):
         kind, what = item
-        # What Wine lets down now and then runs when it is asked for by name.
-        extra = {'HALCYD_KILL_SWEEPS': '1'} if pattern else None
-        outcomes = _script(base, what) if kind == 'script' else _system_test(base, built, program, what, extra)
+        outcomes = _script(base, what) if kind == 'script' else _system_test(base, built, program, what)
         for outcome, where in outcomes:
             tally.add(outcome, where)
         finished[0] += 1
@@ -229,14 +227,13 @@ def _windows_for_test(base, speed, service=None):
                 return
 
 
-def _system_test(base, built, program, name, extra=None):
+def _system_test(base, built, program, name):
     speed = SPEED if name.startswith('Fast10_') else 1
     evidence = RESULTS / 'system' / name
     shutil.rmtree(evidence, ignore_errors=True)
     checked = built / 'Halcyd' / 'lockorder' / 'Halcyd.exe' if name.split('.')[0].endswith(LOCK_ORDER) else None
     with _windows_for_test(base, speed, checked) as prefix:
-        outcomes, result = googletest.run(prefix, program, [name], evidence / 'report.json', timeout=240,
-                                          extra=extra)
+        outcomes, result = googletest.run(prefix, program, [name], evidence / 'report.json', timeout=240)
         outcome = outcomes[0]
         outcome.name = f'system: {name}'
         if outcome.verdict == 'failed':

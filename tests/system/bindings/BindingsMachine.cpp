@@ -191,6 +191,16 @@ std::future<HRESULT> BindingsMachine::Disable(INetMonSvPtr monitor, std::wstring
                       });
 }
 
+std::future<HRESULT> BindingsMachine::Restore(INetMonSvPtr monitor)
+{
+    return std::async(std::launch::async,
+                      [monitor]
+                      {
+                          const ComApartment thread;
+                          return monitor->RestoreIpBindings();
+                      });
+}
+
 bool BindingsMachine::Comes(std::future<HRESULT>& call)
 {
     return call.wait_for(kPatience) == std::future_status::ready;

@@ -54,6 +54,8 @@ bool StartService(const ServiceControl& service);
 
 // A client that calls DisableIpBindings on a thread of its own, as clients must.
 std::future<HRESULT> Disable(INetMonSvPtr monitor, std::wstring kept = kTunnel, long ppp = 0);
+// A client that calls RestoreIpBindings on a thread of its own.
+std::future<HRESULT> Restore(INetMonSvPtr monitor);
 bool Comes(std::future<HRESULT>& call);
 
 // Another program that has the engine's write lock when this returns, until it is ended or, with "--seconds 3" among

@@ -297,6 +297,38 @@ TEST_F(JournalOfCalls, ReaderGoesOnWhereItStopped)
     EXPECT_EQ(lines[0]["call"], "Two");
 }
 
+// Until the journal has been once around, its file ends with the last line that was written, and a reader that is quicker
+// than the writer finds a file that is too short.
+TEST_F(JournalOfCalls, ReaderBesideAWriterSeesEachLineOnceAndInOrder)
+{
+    constexpr int count = 20000;
+    std::thread writer(
+        []
+        {
+            const auto own = OtherProcess();
+            for (int i = 0; i < count; ++i)
+            {
+                own->Journal("Numbered", Json{{"number", i}}, 0);
+            }
+        });
+    JournalPosition position;
+    std::vector<int> seen;
+    const ULONGLONG end = GetTickCount64() + 60'000;
+    while ((seen.empty() || seen.back() != count - 1) && GetTickCount64() < end)
+    {
+        for (const Json& line : TheMachine().ReadJournal(position))
+        {
+            seen.push_back(line["args"]["number"]);
+        }
+    }
+    writer.join();
+    ASSERT_EQ(seen.size(), static_cast<std::size_t>(count));
+    for (int i = 0; i < count; ++i)
+    {
+        ASSERT_EQ(seen[static_cast<std::size_t>(i)], i);
+    }
+}
+
 // The driver's view: the file that it maps.
 class DriverTableFile : public LabTest
 {
