@@ -31,9 +31,9 @@ bool StandsAt(const Json& line, std::uint64_t place)
            at == place && !text.empty();
 }
 
-// Lines of the journal that stand at their own place; the text is what the file has from `start` to `end`, and begins in
-// the middle of a line if `cut`. `whole` tells whether all of it was there and nothing else: before the journal has been
-// once around, the file ends with the last line that was written.
+// Lines of the journal that stand at their own place; the text is what the file has from `start` to `end`, and begins
+// in the middle of a line if `cut`. `whole` tells whether all of it was there and nothing else: before the journal has
+// been once around, the file ends with the last line that was written.
 std::vector<Json> LinesAtTheirPlace(const std::string& text, std::uint64_t start, std::uint64_t end, bool cut,
                                     bool& whole)
 {
@@ -143,8 +143,8 @@ std::vector<Json> Machine::ReadJournal(JournalPosition& position)
     const std::uint64_t oldest = end > journalRoom ? end - journalRoom : 0;
     const std::uint64_t start = std::max(from, oldest);
     std::vector<Json> lines;
-    // A line whose writer is still at work is not at its place yet: wait for it, on a loaded machine for a while, but not
-    // for ever, as the writer may have died.
+    // A line whose writer is still at work is not at its place yet: wait for it, on a loaded machine for a while, but
+    // not for ever, as the writer may have died.
     const ULONGLONG patience = GetTickCount64() + 5000;
     do
     {

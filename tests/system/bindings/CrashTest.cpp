@@ -209,8 +209,8 @@ protected:
         machine.AddFault(rule);
     }
 
-    // The process has said that it ends. Now and then Wine keeps one that ended itself among the living: its program has
-    // gone, but its pipes stay open, and whoever calls it waits for ever. Ended from outside it goes for good.
+    // The process has said that it ends. Now and then Wine keeps one that ended itself among the living: its program
+    // has gone, but its pipes stay open, and whoever calls it waits for ever. Ended from outside it goes for good.
     void MakeSureOfTheEnd()
     {
         TerminateProcess(processes.back().get(), 0xDEAD);
@@ -415,9 +415,7 @@ TEST_F(BindingsAfterACrash, DisableKilledAtEachOfItsCallsLeavesWhatTheTableSays)
     ASSERT_EQ(LivingMonitor()->RestoreIpBindings(), S_OK);
     ASSERT_TRUE(Comes(call));
 
-    const std::string table = Sweep(
-        calls, [] {},
-        [] { return Disable(LivingMonitor()); }, DueAfterDisable);
+    const std::string table = Sweep(calls, [] {}, [] { return Disable(LivingMonitor()); }, DueAfterDisable);
     CompareWithPage("disable", table);
 }
 
@@ -453,9 +451,7 @@ TEST_F(BindingsAfterACrash, RestoreKilledAtEachOfItsCallsIsFinishedByTheNextStar
     ASSERT_TRUE(Comes(call));
     EXPECT_EQ(Now(), DueAfterRestore(calls).second);
 
-    const std::string table = Sweep(
-        calls, prepare,
-        [] { return Restore(LivingMonitor()); }, DueAfterRestore);
+    const std::string table = Sweep(calls, prepare, [] { return Restore(LivingMonitor()); }, DueAfterRestore);
     CompareWithPage("restore", table);
 }
 } // namespace

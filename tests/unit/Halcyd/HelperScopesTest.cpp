@@ -2,29 +2,18 @@
 
 #include "Halcyd/ServiceControlEx.h"
 #include "tests/unit/Halcyd/DNSFixture.h"
-#include "tests/unit/support/UserTraceFlags.h"
-#include "tests/unit/support/VirtualClock.h"
+#include "tests/unit/Halcyd/ScopesTraced.h"
 
 namespace
 {
-class HelperScopes : public DNSTests::DNSFixture
+class HelperScopes : public ScopesTraced<DNSTests::DNSFixture>
 {
 protected:
-    void SetUp() override { SetTraceFlags(1U << 19); }
-    void TearDown() override { SetTraceFlags(0); }
-
-    void SetTraceFlags(std::uint32_t flags)
-    {
-        SetUserTraceFlags(clock, flags);
-        TraceLines::Clear();
-    }
     static void ExpectScopes(const std::wstring& function, int count)
     {
         EXPECT_EQ(count, TraceLines::Count(L"Enter ==> " + function + L" pid ")) << function.c_str();
         EXPECT_EQ(count, TraceLines::Count(L"Exit  <== " + function + L" pid ")) << function.c_str();
     }
-
-    VirtualClock clock;
 };
 
 TEST_F(HelperScopes, OfTheAdapterSettings)

@@ -12,23 +12,13 @@
 #include "Halcyd/VNIC.h"
 #include "tests/unit/Halcyd/LifecycleMonitor.h"
 #include "tests/unit/Halcyd/PlatformHooks.h"
-#include "tests/unit/Halcyd/TraceLines.h"
-#include "tests/unit/support/UserTraceFlags.h"
-#include "tests/unit/support/VirtualClock.h"
+#include "tests/unit/Halcyd/ScopesTraced.h"
 
 namespace
 {
-class MethodScopes : public testing::Test
+class MethodScopes : public ScopesTraced<testing::Test>
 {
 protected:
-    void SetUp() override { SetTraceFlags(1U << 19); }
-    void TearDown() override { SetTraceFlags(0); }
-
-    void SetTraceFlags(std::uint32_t flags)
-    {
-        SetUserTraceFlags(clock, flags);
-        TraceLines::Clear();
-    }
     // One entry and one exit for each method, and none for a lambda.
     static void ExpectOnceEach(const std::wstring& className, std::initializer_list<const wchar_t*> methods)
     {
@@ -46,7 +36,6 @@ protected:
     }
 
     HookScope hooks;
-    VirtualClock clock;
 };
 
 TEST_F(MethodScopes, OfTheMonitor)

@@ -297,8 +297,8 @@ TEST_F(JournalOfCalls, ReaderGoesOnWhereItStopped)
     EXPECT_EQ(lines[0]["call"], "Two");
 }
 
-// Until the journal has been once around, its file ends with the last line that was written, and a reader that is quicker
-// than the writer finds a file that is too short.
+// Until the journal has been once around, its file ends with the last line that was written, and a reader that is
+// quicker than the writer finds a file that is too short.
 TEST_F(JournalOfCalls, ReaderBesideAWriterSeesEachLineOnceAndInOrder)
 {
     constexpr int count = 20000;
