@@ -168,6 +168,60 @@ TEST_F(IpChange, CloseEndsTheUpdateWithoutAnEvent)
     EXPECT_TRUE(monitor->ipChangePending); // as it was
 }
 
+// A clock under which the cleanup begins in the middle of the rest behind an update: at a sleep, or at a wait with a
+// limit on the event that the cleanup sets.
+class CleanupWithinTheRest final : public SystemClock
+{
+public:
+    explicit CleanupWithinTheRest(const Event& event) : cleanup(event), previous(Clock::Exchange(this)) {}
+    ~CleanupWithinTheRest() override { Clock::Exchange(previous); }
+
+    void Sleep(DWORD milliseconds) noexcept override
+    {
+        ++sleeps;
+        cleanup.Set();
+        SystemClock::Sleep(milliseconds);
+    }
+    [[nodiscard]] DWORD Wait(HANDLE handle, DWORD milliseconds) noexcept override
+    {
+        if (handle != cleanup.Handle() || milliseconds == 0)
+        {
+            return SystemClock::Wait(handle, milliseconds);
+        }
+        limits.push_back(milliseconds);
+        cleanup.Set();
+        results.push_back(SystemClock::Wait(handle, milliseconds));
+        return results.back();
+    }
+
+    int sleeps = 0;
+    std::vector<DWORD> limits;
+    std::vector<DWORD> results;
+
+private:
+    const Event& cleanup;
+    Clock* previous;
+};
+
+TEST_F(IpChange, CleanupThatBeginsDuringTheSpacingEndsItAtOnceAndLeavesTheFlags)
+{
+    monitor->Add(id, L"Brevik Ethernet");
+    monitor->ipChangeQueued = true;
+    monitor->ipChangePending = true;
+    {
+        const CleanupWithinTheRest rest(monitor->wmiCleanupEvent);
+        monitor->NetMonHandleUnicastIpChangeEventImpl();
+        EXPECT_EQ(rest.sleeps, 0);
+        EXPECT_EQ(rest.limits, std::vector<DWORD>{500});
+        EXPECT_EQ(rest.results, std::vector<DWORD>{WAIT_OBJECT_0});
+    }
+    EXPECT_EQ(Told(), (std::vector<int>{7})); // the event had gone before
+    EXPECT_TRUE(monitor->ipChangeQueued);
+    EXPECT_TRUE(monitor->ipChangePending);
+    EXPECT_FALSE(trace.Has(L"Enter ==> CNetMonSv::EnqueueIPChangeEvent pid "));
+    monitor->wmiCleanupEvent.Reset();
+}
+
 TEST_F(IpChange, UpdateThatCannotBeQueuedIsDroppedAndTheNextChangeStartsAnew)
 {
     constexpr wchar_t failed[] = L"Could not enqueue NetMonHandleUnicastIpChangeEventImpl";

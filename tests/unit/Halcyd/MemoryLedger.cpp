@@ -25,6 +25,7 @@ Account& TheAccount()
 constexpr long ample = -1;
 thread_local long blocksToGive = ample;
 thread_local bool anyRefused = false;
+thread_local long stringsToGive = ample;
 
 // While it lives, a shortage does not concern this thread: the ledger is no part of the code under test.
 class AmpleMemory
@@ -79,6 +80,14 @@ void WINAPI LedgerCoTaskMemFree(LPVOID block)
 
 BSTR WINAPI LedgerSysAllocString(const OLECHAR* text)
 {
+    if (stringsToGive == 0)
+    {
+        return nullptr;
+    }
+    if (stringsToGive != ample)
+    {
+        --stringsToGive;
+    }
     static const auto real = Real<BSTR WINAPI(const OLECHAR*)>(L"oleaut32.dll", "SysAllocString");
     return Note(&Account::strings, real(text));
 }
@@ -119,6 +128,16 @@ bool NothrowNewFails::Takes(std::size_t size) noexcept
     failingSize = 0;
     nothrowNewFailed = true;
     return true;
+}
+
+NoStringAfter::NoStringAfter(long strings) noexcept
+{
+    stringsToGive = strings;
+}
+
+NoStringAfter::~NoStringAfter()
+{
+    stringsToGive = ample;
 }
 
 NoMemoryAfter::NoMemoryAfter(long blocks) noexcept

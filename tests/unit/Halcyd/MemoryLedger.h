@@ -60,3 +60,13 @@ public:
     // Asked by the program's operator new (AllocationBalance.cpp): whether this call is to fail.
     [[nodiscard]] static bool Takes() noexcept;
 };
+
+// From construction to destruction SysAllocString gives this thread `strings` strings, and then null. One at a time.
+class NoStringAfter
+{
+public:
+    explicit NoStringAfter(long strings) noexcept;
+    ~NoStringAfter();
+    NoStringAfter(const NoStringAfter&) = delete;
+    NoStringAfter& operator=(const NoStringAfter&) = delete;
+};

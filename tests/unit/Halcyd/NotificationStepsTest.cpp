@@ -2,6 +2,7 @@
 // with its account in the trace.
 
 #include "tests/unit/Halcyd/HostHooks.h"
+#include "tests/unit/Halcyd/MemoryLedger.h"
 #include "tests/unit/Halcyd/NotificationsFixture.h"
 
 namespace
@@ -47,6 +48,29 @@ TEST_F(NotificationSteps, WithoutAConnectionNothingIsSubscribedTo)
     EXPECT_EQ(monitor->RegisterForNotifications(), E_INVALIDARG);
     EXPECT_TRUE(trace.Has(L"Error not connected to namespace"));
     EXPECT_FALSE(trace.Has(L"at top of loop register for notification"));
+}
+
+TEST_F(NotificationSteps, SubscriptionWithoutItsTwoStringsIsShortOfMemoryAndTheLastOne)
+{
+    FakeWmiNamespace& wmi = monitor->UseWmi();
+    // Two strings for each of the six queries: the language and the query.
+    for (long strings = 0; strings < 12; ++strings)
+    {
+        TraceLines::Clear();
+        wmi.notificationQueries.clear();
+        HRESULT result = S_OK;
+        {
+            const NoStringAfter shortage(strings);
+            result = monitor->RegisterForNotifications();
+        }
+        EXPECT_EQ(result, E_OUTOFMEMORY) << strings;
+        EXPECT_EQ(trace.Count(L"Error OUT OF MEMORY"), 1) << strings;
+        EXPECT_EQ(wmi.notificationQueries.size(), static_cast<std::size_t>(strings / 2));
+        EXPECT_EQ(trace.Count(L"at top of loop register for notification"), strings / 2 + 1);
+        EXPECT_TRUE(wmi.cancelled.empty()) << strings;
+    }
+    const NoStringAfter justEnough(12);
+    EXPECT_EQ(monitor->RegisterForNotifications(), S_OK);
 }
 
 // --- sink, queue and thread ---
@@ -241,6 +265,40 @@ TEST_F(NotificationSteps, RemovalIsToldStepByStepWithoutALockInHand)
               L"");
     EXPECT_TRUE(listWasFree);
     EXPECT_EQ(sink.Events().back().adjacentMac, L""); // empty, not null
+}
+
+TEST_F(NotificationSteps, RemovalReadsTheAdapterOnceMoreBeforeTheElementGoes)
+{
+    // An element that has a name and no id yet: the last reading gives it the one that the client is told.
+    monitor->Add(nullptr, L"Brevik Ethernet");
+    Notify(removal, nullptr, L"Brevik Ethernet");
+    EXPECT_EQ(FirstMissingInOrder({
+                  L"MSNdis_NotifyAdapterRemoval for Brevik Ethernet",
+                  L"Enter ==> CNetMonSv::UpdateNodeFromNetworkAdapterObject pid ",
+                  L"Remove node '",
+                  L"firing adapter removed event",
+              }),
+              L"");
+    EXPECT_EQ(monitor->Head(), nullptr);
+    ASSERT_EQ(Told(), (std::vector<int>{2}));
+    EXPECT_EQ(sink.Events().back().deviceId, id);
+}
+
+TEST_F(NotificationSteps, ArrivalOfAKnownAdapterReadsItAnew)
+{
+    Notify(arrival);
+    _DEVICE_ELEMENT* const element = monitor->Head();
+    ASSERT_NE(element, nullptr);
+    EXPECT_EQ(element->DeviceIndex, 7);
+    EXPECT_STREQ(element->Caption, L"[00000007] Brevik Ethernet");
+    configuration[L"Index"] = 11L;
+    configuration[L"Caption"] = L"[00000011] Brevik Ethernet";
+    Notify(arrival);
+    EXPECT_EQ(monitor->Head(), element);
+    EXPECT_EQ(element->pNext, nullptr);
+    EXPECT_EQ(element->DeviceIndex, 11);
+    EXPECT_STREQ(element->Caption, L"[00000011] Brevik Ethernet");
+    EXPECT_EQ(Told(), (std::vector<int>{1, 1}));
 }
 
 TEST_F(NotificationSteps, ArrivalOfAKnownWiFiAdapterSaysThatItDoesNotWait)
