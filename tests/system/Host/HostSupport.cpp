@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <regex>
 #include <sstream>
 
 #include "NetUtilities/Format.h"
@@ -96,6 +97,23 @@ int CountInTraceOf(DWORD processId, const std::wstring& text)
         count += line.find(stamp) != std::wstring::npos && line.find(text) != std::wstring::npos ? 1 : 0;
     }
     return count;
+}
+
+std::set<std::wstring> ThreadsInTrace(const std::wstring& text, const std::wstring& andText)
+{
+    static const std::wregex stamp(L" ([0-9a-f]{5,}-[0-9a-f]{5,}): ");
+    std::wistringstream lines(TraceText());
+    std::set<std::wstring> threads;
+    std::wsmatch found;
+    for (std::wstring line; std::getline(lines, line);)
+    {
+        if (line.find(text) != std::wstring::npos && line.find(andText) != std::wstring::npos &&
+            std::regex_search(line, found, stamp))
+        {
+            threads.insert(found[1]);
+        }
+    }
+    return threads;
 }
 
 bool WaitUntil(const std::function<bool()>& condition, DWORD timeoutMs)

@@ -4,6 +4,7 @@
 #include <windows.h>
 
 #include <functional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -37,6 +38,8 @@ void RegisterProxies();
 [[nodiscard]] int CountInTrace(const std::wstring& text);
 // The same in the lines of one process only: those of one that has ended can reach the file late.
 [[nodiscard]] int CountInTraceOf(DWORD processId, const std::wstring& text);
+// The threads ("pid-tid", as the stamp of a line has them) that wrote a line with both texts.
+[[nodiscard]] std::set<std::wstring> ThreadsInTrace(const std::wstring& text, const std::wstring& andText = {});
 
 // Waits until the condition holds.
 [[nodiscard]] bool WaitUntil(const std::function<bool()>& condition, DWORD timeoutMs = 20'000);

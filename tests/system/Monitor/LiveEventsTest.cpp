@@ -1,6 +1,7 @@
 // Notifications of the machine on their way to a client, in the order that clients rely on. The waits for a gateway are
 // long, so these run in accelerated time.
 
+#include "Host/HostSupport.h"
 #include "Monitor/LiveMonitor.h"
 
 #include <atomic>
@@ -86,5 +87,27 @@ TEST_F(Fast10_LiveEvents, FailingSinkKeepsGettingEventsAndTheOtherSinkTheSame)
     ASSERT_TRUE(WaitFor(enumEventMediaConnect, kEthernet).has_value());
     EXPECT_TRUE(other->WaitForEvent(enumEventMediaDisconnect).has_value());
     EXPECT_TRUE(other->WaitForEvent(enumEventMediaConnect).has_value());
+}
+
+using Fast10_OpenNotStarted = MonitorTest;
+
+TEST_F(Fast10_OpenNotStarted, NotificationsAreDroppedAndNoneIsToldLater)
+{
+    const INetMonSvPtr monitor = Monitor();
+    ASSERT_EQ(monitor->Open(), S_OK);
+    const EventConnection sink(monitor);
+    ASSERT_EQ(sink.Result(), S_OK);
+    Lab(L"event MSNdis_StatusMediaDisconnect eth0");
+    Lab(L"event MSNdis_NotifyAdapterArrival eth0");
+    ASSERT_TRUE(HostSupport::WaitForTrace(L"no processing handler for object 0", 2, 60'000));
+    EXPECT_EQ(monitor->StartNotificationProcessing(), S_OK);
+    Lab(L"event MSNdis_StatusMediaDisconnect dock0");
+    EXPECT_TRUE(sink->WaitForEvent(enumEventMediaDisconnect, 60'000).has_value());
+    const std::vector<RecordedEvent> told = sink->Events();
+    ASSERT_EQ(told.size(), 1u);
+    EXPECT_EQ(told[0].deviceId, kDock);
+    ASSERT_TRUE(HostSupport::WaitForTrace(L"queued wmi event ", 1, 60'000));
+    EXPECT_EQ(HostSupport::CountInTrace(L"queued wmi event "), 1);
+    EXPECT_EQ(monitor->Close(), S_OK);
 }
 } // namespace
