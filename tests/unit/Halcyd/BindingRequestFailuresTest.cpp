@@ -168,7 +168,7 @@ TEST_F(BindingRequestFailuresTest, ThreadsThatAreInTheApartmentAlreadyDisableAnd
         });
     DisableAndRestore();
     EXPECT_GE(again, 3); // the client's thread and the two of the monitor
-    EXPECT_EQ(2u, sink.Count());
+    ASSERT_EQ(2u, sink.Count());
     EXPECT_EQ(S_OK, sink.WaitFor(1).result);
     EXPECT_EQ(10, sink.WaitFor(2).event);
     EXPECT_EQ(S_OK, sink.WaitFor(2).result);
@@ -187,7 +187,7 @@ TEST_F(BindingRequestFailuresTest, ThreadsThatAreInAnotherApartmentDisableAndRes
         });
     DisableAndRestore();
     EXPECT_GE(refused, 3);
-    EXPECT_EQ(2u, sink.Count());
+    ASSERT_EQ(2u, sink.Count());
     EXPECT_EQ(9, sink.WaitFor(1).event);
     EXPECT_EQ(S_OK, sink.WaitFor(1).result);
     EXPECT_EQ(10, sink.WaitFor(2).event);
