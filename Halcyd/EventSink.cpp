@@ -47,7 +47,6 @@ STDMETHODIMP EventSink::Indicate(long count, IWbemClassObject** objects) noexcep
     static_cast<void>(GuardMethod(
         [&](const std::source_location& here)
         {
-            const TraceHold hold; // the client waits for this event
             const ScopeTrace scope(Log::Source::NetMon, AlwaysOnTraceFlag, 0, {}, here);
             for (long index = 0; index < count; ++index)
             {

@@ -133,7 +133,6 @@ void CNetMonSv::ProcessWmiEventsThread()
             MonitorTrace::Note(L"time to end the ProcessWmiEventsThreadableMember thread");
             return;
         }
-        const TraceHold hold; // the trace of an event goes out behind the event
         // One wake empties the queue: no event is lost, none handled beside another.
         MonitorTrace::Note(L"processing wmi event queue");
         while (const IWbemClassObjectPtr object = PopWmiEvent())

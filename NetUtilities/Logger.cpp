@@ -20,7 +20,6 @@ namespace
 {
 constexpr unsigned DebugLinesFlag = 16;
 constexpr std::uint16_t FirstRefreshedSource = 1;
-constexpr DWORD LongestHold = 50; // milliseconds
 
 void WriteError(std::wstring_view text)
 {
@@ -117,24 +116,6 @@ void Logger::Write(std::uint16_t source, std::uint16_t level, std::wstring_view 
 void Logger::WriteDefault(std::uint16_t level, std::wstring_view text)
 {
     Write(defaultSource.load(std::memory_order_relaxed), level, text);
-}
-
-void Logger::Release() noexcept
-{
-    if (holders.fetch_sub(1) != 1)
-    {
-        return;
-    }
-    // Under the lock, so that it cannot fall between the thread's look at the holders and its wait.
-    bool wake = false;
-    {
-        const MutexLock lock(queueLock);
-        wake = std::exchange(held, false);
-    }
-    if (wake)
-    {
-        wakeUp.WakeOne();
-    }
 }
 
 bool Logger::Initialize()
@@ -267,12 +248,6 @@ void Logger::RunLoop()
                 wakeUp.Wait(queueLock);
             }
             asleep = false;
-            if (holders.load() != 0 && !stop.load())
-            {
-                held = true;
-                wakeUp.WaitFor(queueLock, LongestHold); // once: holders that follow each other do not add up
-                held = false;
-            }
             queue.swap(local);
         }
         for (const TraceLine& line : local)

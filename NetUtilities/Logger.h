@@ -61,10 +61,6 @@ public:
     // Delivers what is queued and ends the thread. Harmless when it is not running.
     void Stop() EXCLUDES(queueLock);
 
-    // Until the matching Release, what is written waits in the queue, though not for long. See TraceHold.
-    void Hold() noexcept { holders.fetch_add(1); }
-    void Release() noexcept EXCLUDES(queueLock);
-
     void SetDefaultSource(std::uint16_t source) noexcept { defaultSource.store(source, std::memory_order_relaxed); }
     // "<executable> -> <module> Logger_<0..99>": tells apart two loggers of one process.
     [[nodiscard]] const std::wstring& Identity() const noexcept { return identity; }
@@ -87,8 +83,6 @@ private:
     std::deque<TraceLine> queue GUARDED_BY(queueLock);
     ConditionVariable wakeUp;
     bool asleep GUARDED_BY(queueLock) = false; // the thread waits and nobody has signalled it yet
-    bool held GUARDED_BY(queueLock) = false;   // the thread has lines and waits for the last holder to go
-    std::atomic<int> holders{0};
     std::thread thread;
     std::atomic<std::uint16_t> defaultSource{static_cast<std::uint16_t>(Log::Source::General)};
     std::wstring identity;

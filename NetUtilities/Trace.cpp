@@ -103,22 +103,6 @@ void SetDefaultLogSource(Log::Source source)
     }
 }
 
-TraceHold::TraceHold() : logger(Logger::Instance())
-{
-    if (logger)
-    {
-        logger->Hold();
-    }
-}
-
-TraceHold::~TraceHold()
-{
-    if (logger)
-    {
-        logger->Release();
-    }
-}
-
 void LogBanner(std::uint16_t level, std::wstring_view text, unsigned width, BannerStyle style, wchar_t fill)
 {
     const auto centred = [&](std::wstring_view content)

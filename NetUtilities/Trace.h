@@ -11,7 +11,6 @@
 
 #include <cstdint>
 #include <functional>
-#include <memory>
 #include <source_location>
 #include <string>
 #include <string_view>
@@ -127,23 +126,6 @@ enum class BannerStyle
 // Marks a spot in the trace with `text`, centred with one blank on each side in a row of `fill`, by default source.
 void LogBanner(std::uint16_t level, std::wstring_view text, unsigned width = 60,
                BannerStyle style = BannerStyle::Framed, wchar_t fill = L'*');
-
-class Logger;
-
-// Keeps the lines of all threads back while it lives, for a twentieth of a second at most: for work that somebody waits
-// for. A line costs its writer next to nothing, but two processes have to do something to hand it over, and would do it
-// beside that work. Nothing is lost, and the order stays; `Logger::Stop` ends the wait.
-class TraceHold
-{
-public:
-    TraceHold();
-    ~TraceHold();
-    TraceHold(const TraceHold&) = delete;
-    TraceHold& operator=(const TraceHold&) = delete;
-
-private:
-    std::shared_ptr<Logger> logger;
-};
 
 // --- Other channels ---
 
