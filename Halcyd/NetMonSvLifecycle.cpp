@@ -120,10 +120,7 @@ HRESULT CNetMonSv::StartMonitoring()
     }
     MonitorTrace::Note(L"Loading IP Helper DLL");
     ipHelperModule.reset(LoadLibraryW(L"IPHLPAPI.DLL"));
-    if (ipHelperModule)
-    {
-        RegisterForIpChangeEvents();
-    }
+    RegisterForIpChangeEvents(); // without the library it only says so, and the monitor goes on without
     if (WmiEventThread != nullptr)
     {
         MonitorTrace::Doubt(L"Error the WmiEventThread is not NULL in CNetMonSv::Open()) ({})",

@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <iostream>
 
+#include "Host/HostSupport.h"
 #include "Lab/ServiceCalls.h"
 #include "Monitor/MonitorMachine.h"
 #include "tests/support/RunningService.h"
@@ -333,5 +334,14 @@ TEST_F(OpenFaultSweep, WithoutATimerQueueThereIsNoTimer)
     EXPECT_EQ(timers(), 1);
     const ArmedFault fault("CreateTimerQueue", 1, ERROR_NOT_ENOUGH_MEMORY);
     EXPECT_EQ(timers(), 0);
+}
+
+TEST_F(OpenFaultSweep, WithoutIpHelperTheMonitorOpensAndSaysThatThereAreNoAddressChanges)
+{
+    const ArmedFault fault("LoadLibraryW", 1, ERROR_MOD_NOT_FOUND);
+    EXPECT_EQ(CleanRound(), usual);
+    EXPECT_TRUE(fault.Hit());
+    EXPECT_TRUE(HostSupport::WaitForTrace(
+        L"Error cannot register for Unicast IP changes because IP Helper handle is not set."));
 }
 } // namespace
