@@ -175,13 +175,14 @@ ExitCode Disable(const Session& session)
     // The monitor is free-threaded and so is this process: the pointer may be used on the other thread as it is.
     OpenCall call([monitor, &kept, ppp] { return monitor->DisableIpBindings(kept, ppp); });
 
-    const HANDLE handles[] = {interruption.Handle(), queue.Available(), call.Finished()};
+    const HANDLE handles[] = {call.Finished(), queue.Available(), interruption.Handle()};
     std::int32_t outcome = 0;
     bool told = false;
+    bool interrupted = false;
     Progress progress(session);
     for (;;)
     {
-        const DWORD waited = WaitForMultipleObjects(3, handles, FALSE, ProgressInterval);
+        const DWORD waited = WaitForMultipleObjects(interrupted ? 2 : 3, handles, FALSE, ProgressInterval);
         if (!told && TakeEvent(queue, BindingsDisabledEvent, outcome))
         {
             told = true;
@@ -191,12 +192,19 @@ ExitCode Disable(const Session& session)
                                 : L"Not disabled: " + ResultWords(outcome),
                    outcome);
         }
-        if (waited == WAIT_OBJECT_0)
+        if (waited == WAIT_OBJECT_0 + 2)
         {
-            Report(session, "restoring", L"Restoring ...", 0);
+            interrupted = true;
+            Report(session, "restoring",
+                   told ? L"Restoring ..." : L"Restoring, as soon as the service has told what came of it ...", 0);
+        }
+        // A restore that comes before the outcome would close the session that the service is still opening, and the
+        // disable would then wait for another one.
+        if (interrupted && told)
+        {
             break;
         }
-        if (waited == WAIT_OBJECT_0 + 2)
+        if (waited == WAIT_OBJECT_0)
         {
             // Ended without us: somebody else restored, or the network configuration was not to be had.
             Check(call.Result(), L"Disabling the bindings");
@@ -212,7 +220,12 @@ ExitCode Disable(const Session& session)
         progress.Tick();
     }
     // A refused disable wants its restore too: that closes the service's session with the configuration engine.
-    const ExitCode restored = Restore(session, connection, queue);
+    ExitCode restored = Restore(session, connection, queue);
+    // Somebody else's restore may have come too early for the call: it stays open until one more.
+    while (WaitForSingleObject(call.Finished(), EventGrace) == WAIT_TIMEOUT)
+    {
+        restored = Restore(session, connection, queue);
+    }
     return outcome != 0 ? ExitCode::Failed : restored;
 }
 
