@@ -28,6 +28,7 @@ extern "C" void LabShimAttach()
         lab::shim::HookControlHandler();
         lab::shim::HookPowerStatus();
         lab::shim::HookServiceManager();
+        lab::shim::HookClassObjects();
         if (lab::FlagField(*lab::Machine::Attach().Snapshot(), "hooks", false))
             lab::shim::HookPlatformCalls();
     }

@@ -41,7 +41,7 @@ public:
         sink.reset();
         for (; opened > 0; --opened)
         {
-            Look(monitor->Close());
+            Look(monitor->Close(), "Close");
         }
         finished = true;
     }
@@ -63,28 +63,28 @@ private:
             if (opened < 2)
             {
                 ++opened; // counted by the service whatever its result
-                Look(monitor->Open());
+                Look(monitor->Open(), "Open");
             }
             break;
         case 2:
             if (opened > 0)
             {
                 --opened;
-                Look(monitor->Close());
+                Look(monitor->Close(), "Close");
             }
             break;
         case 3:
         case 4:
-            Look(monitor->StartNotificationProcessing());
+            Look(monitor->StartNotificationProcessing(), "StartNotificationProcessing");
             break;
         case 5:
-            Look(monitor->StopNotificationProcessing());
+            Look(monitor->StopNotificationProcessing(), "StopNotificationProcessing");
             break;
         case 6:
             ToggleSink(monitor);
             break;
         case 7:
-            Look(monitor->IsOpen(&open));
+            Look(monitor->IsOpen(&open), "IsOpen");
             break;
         default:
             (void)ReadAdapterList(monitor);
@@ -100,10 +100,10 @@ private:
             return;
         }
         sink = std::make_unique<EventConnection>(monitor);
-        Look(sink->Result());
+        Look(sink->Result(), "Advise");
     }
     // E_FAIL is how Open and Close report a time limit, which a fast clock makes short. All else must succeed.
-    void Look(HRESULT result)
+    void Look(HRESULT result, const char* call)
     {
         if (result == E_FAIL)
         {
@@ -113,7 +113,7 @@ private:
         if (FAILED(result))
         {
             broken = true;
-            ADD_FAILURE() << "a call failed with " << std::hex << result;
+            ADD_FAILURE() << call << " failed with " << std::hex << result;
         }
     }
 

@@ -3,6 +3,7 @@
 // docs/bindings-after-a-crash.md tells it to people, and is compared with what was seen.
 
 #include <algorithm>
+#include <optional>
 #include <ranges>
 #include <sstream>
 #include <vector>
@@ -10,7 +11,7 @@
 #include "bindings/BindingsAfterACrash.h"
 #include "bindings/BindingsMachine.h"
 #include "Monitor/MonitorMachine.h"
-#include "NetUtilities/TraceLogManager.h"
+#include "tests/support/TraceStoreKept.h"
 #include "lab/state/Model.h"
 #include "lab/state/Text.h"
 
@@ -97,10 +98,8 @@ protected:
         ASSERT_TRUE(apartment.Initialized());
         Load();
         ASSERT_TRUE(service.StartAndWait());
+        traceStore.emplace();
         ASSERT_TRUE(service.StopAndWait());
-        ASSERT_EQ(CoGetClassObject(CLSID_TraceLogManager, CLSCTX_LOCAL_SERVER, nullptr, IID_IClassFactory,
-                                   reinterpret_cast<void**>(&traceFactory)),
-                  S_OK);
         RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"Software\\QRLS\\Sorvane\\Tunvex");
         machine.Update([](Json& state, lab::Events&) { state["hooks"] = true; });
         StartFresh();
@@ -333,10 +332,7 @@ protected:
 
     ComApartment apartment;
     ServiceControl service;
-    // Each start of the service activates the trace store, as the only client that it has here. Wine takes an interface
-    // down with the last reference, and waits for ever if the last call to it has not quite ended in that moment: a
-    // chance in some thousand, and there are many starts. While this one is held there is no last reference.
-    _com_ptr_t<_com_IIID<IClassFactory, &IID_IClassFactory>> traceFactory;
+    std::optional<TraceStoreKept> traceStore; // there are many starts
     // Every process of the service, the dead ones too: an id is not given again while a handle is open. COM finds its
     // objects by the process's id, so a new process with the id of a dead one would be taken for that.
     std::vector<UniqueHandle> processes;
