@@ -9,10 +9,10 @@
 
 #include "NetUtilities/TraceLogManager.h"
 
-// A lock on the trace store for the life of this object, to be taken while the service runs. Without a client the store
-// lingers for some seconds, which a fast clock makes short: a start that comes as it goes has no trace, and ends.
+// A client of the trace store for the life of this object, to be made while the service runs. Without a client the
+// store lingers for some seconds, which a fast clock makes short: a start that comes as it goes has no trace, and ends.
 // Besides, Wine takes an interface down with the last reference, and waits for ever if the last call to it has not
-// quite ended in that moment: a chance in some thousand at each activation. While this one is held there is no last
+// quite ended in that moment: a chance in some thousand at each activation. While these are held there is no last
 // reference.
 class TraceStoreKept
 {
@@ -24,14 +24,7 @@ public:
                   S_OK);
         if (factory != nullptr)
         {
-            EXPECT_EQ(factory->LockServer(TRUE), S_OK);
-        }
-    }
-    ~TraceStoreKept()
-    {
-        if (factory != nullptr)
-        {
-            factory->LockServer(FALSE);
+            EXPECT_EQ(factory->CreateInstance(nullptr, IID_IUnknown, reinterpret_cast<void**>(&client)), S_OK);
         }
     }
     TraceStoreKept(const TraceStoreKept&) = delete;
@@ -39,4 +32,5 @@ public:
 
 private:
     _com_ptr_t<_com_IIID<IClassFactory, &IID_IClassFactory>> factory;
+    _com_ptr_t<_com_IIID<IUnknown, &IID_IUnknown>> client;
 };
