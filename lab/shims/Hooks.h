@@ -18,7 +18,7 @@ void HookPowerStatus();
 // are the platform's.
 void HookServiceManager();
 
-// Keeps the interfaces of the service known to COM, past a lock-up in Wine; see KeptInterfaces.cpp. Always on.
+// Keeps the interface of class objects known to COM, past a lock-up in Wine; see KeptInterfaces.cpp. Always on.
 void HookClassObjects();
 
 // Journals the program's other platform calls and lets fault rules fail them. Only where the state says

@@ -1,37 +1,27 @@
-// Interfaces that the service offers stay known to the platform's COM for the life of the process.
+// The interface of class objects stays known to the platform's COM for the life of the process.
 //
 // Wine takes an interface down when the last reference that any client has to an object of it goes, and waits for the
 // calls to it that are still under way. A call that ends in that very moment is missed: the thread waits for ever with
 // a lock in hand that every activation needs. A client does this at each activation, as it lets go of the class object
-// right behind its call, and about one in some thousand hangs. So an object that nobody can reach is marshalled once
-// for each interface, and no reference is the last one.
+// right behind its call, and about one in some thousand hangs. So an object that nobody can reach is marshalled once,
+// and no reference to a class object is the last one.
 #include "lab/shims/Hooks.h"
 #include "lab/shims/ImportTable.h"
 
 #include <objbase.h>
-#include <ocidl.h>
-
-#include <algorithm>
-#include <array>
-
-#include "Halcyd_h.h"
 
 namespace
 {
 
 decltype(&CoRegisterClassObject) g_original = nullptr;
 
-constexpr std::array kInterfaces{&IID_IUnknown,          &IID_IClassFactory, &IID_IConnectionPointContainer,
-                                 &IID_IConnectionPoint,  &IID_IDNS,          &IID_INetRegistry,
-                                 &IID_IServiceControlEx, &IID_IVNIC,         &IID_INetMonSv};
-
-// Says of each of them that it has it. None is ever called: nobody knows the way to it.
+// A class object by its word only. It is never called: nobody knows the way to it.
 class Holder : public IUnknown
 {
 public:
     STDMETHODIMP QueryInterface(REFIID iid, void** object) noexcept override
     {
-        const bool known = std::ranges::any_of(kInterfaces, [&iid](const IID* kept) { return *kept == iid; });
+        const bool known = iid == IID_IUnknown || iid == IID_IClassFactory;
         *object = known ? this : nullptr;
         return known ? S_OK : E_NOINTERFACE;
     }
@@ -40,24 +30,21 @@ public:
     STDMETHODIMP_(ULONG) Release() noexcept override { return 1; }
 };
 
-void KeepInterfaces()
+void KeepInterface()
 {
     static Holder holder;
-    for (const IID* const iid : kInterfaces)
-    {
-        IStream* stream = nullptr;
-        if (FAILED(CreateStreamOnHGlobal(nullptr, TRUE, &stream)))
-            return;
-        // One whose proxy is not installed cannot be called either.
-        static_cast<void>(CoMarshalInterface(stream, *iid, &holder, MSHCTX_LOCAL, nullptr, MSHLFLAGS_TABLESTRONG));
-        stream->Release();
-    }
+    IStream* stream = nullptr;
+    if (FAILED(CreateStreamOnHGlobal(nullptr, TRUE, &stream)))
+        return;
+    static_cast<void>(
+        CoMarshalInterface(stream, IID_IClassFactory, &holder, MSHCTX_LOCAL, nullptr, MSHLFLAGS_TABLESTRONG));
+    stream->Release();
 }
 
 HRESULT WINAPI RegisterClassObject(REFCLSID classId, IUnknown* factory, DWORD context, DWORD flags, DWORD* cookie)
 {
     // The program's apartment is there by now, and no client yet.
-    static const bool kept = (KeepInterfaces(), true);
+    static const bool kept = (KeepInterface(), true);
     static_cast<void>(kept);
     return g_original(classId, factory, context, flags, cookie);
 }
