@@ -1,6 +1,7 @@
 """halcydctl on a terminal, with somebody who types: what it draws, and Ctrl+C. Each check is a pair (name, why not)."""
 import json
 import re
+import subprocess
 
 import machine
 import product
@@ -67,8 +68,29 @@ def ctrl_c_restores_disabled_bindings(prefix):
     yield 'with all bindings as before', None if _binding_paths(prefix) == before else _binding_paths(prefix)
 
 
+def early_ctrl_c_waits_for_the_outcome_and_restores_then(prefix):
+    before = _binding_paths(prefix)
+    kept = next(path for path in before if path.startswith('ms_tcpip->')).removeprefix('ms_tcpip->')
+    holder = prefix.popen([product.windows(f'{product.LAB}/labctl.exe'), 'lock', 'netcfg', 'Other program',
+                           '--seconds', '4'], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE)
+    yield 'another program holds the lock', None if b'locked' in holder.stdout.readline() else 'it does not'
+    with Terminal(prefix, [CLIENT, 'bindings', 'disable', kept]) as terminal:
+        working = terminal.shows('working for 1 s')
+        yield 'the disable waits for the lock', None if working else terminal.text()
+        terminal.type(CTRL_C)
+        put_off = terminal.shows('Restoring, as soon as the service has told what came of it ...')
+        yield 'an early Ctrl+C says that it waits', None if put_off else terminal.text()
+        done = put_off and terminal.shows('The bindings of all other adapters are disabled.', put_off)
+        yield 'the outcome is told', None if done else terminal.text()
+        restored = done and terminal.shows('The bindings are restored.', done)
+        yield 'the restore comes behind it', None if restored else terminal.text()
+        code = terminal.exit_code()
+        yield 'and the client ends with 0', None if code == 0 else f'{code}: {terminal.text()}'
+    holder.wait(60)
+
+
 CHECKS = (watch_draws_in_colour_and_ends_with_ctrl_c, follow_of_the_trace_ends_with_ctrl_c,
-          ctrl_c_restores_disabled_bindings)
+          ctrl_c_restores_disabled_bindings, early_ctrl_c_waits_for_the_outcome_and_restores_then)
 
 
 def run(prefix, check):
