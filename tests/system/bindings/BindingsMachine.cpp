@@ -168,11 +168,10 @@ INetMonSvPtr BindingsMachine::LivingMonitor()
 
 bool BindingsMachine::StartService(const ServiceControl& service)
 {
-    // The manager needs a moment to notice that a process has died: until then it takes the service for running, or
-    // fails over the pipe to that process.
+    // The manager needs a moment to notice that a process has died.
     const ULONGLONG end = GetTickCount64() + 60'000;
     DWORD error = service.Start();
-    while (error != 0 && GetTickCount64() < end)
+    while (error == ERROR_SERVICE_ALREADY_RUNNING && GetTickCount64() < end)
     {
         Sleep(5);
         error = service.Start();

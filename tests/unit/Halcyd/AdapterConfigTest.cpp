@@ -3,6 +3,7 @@
 #include <comdef.h>
 
 #include "tests/unit/Halcyd/AdapterConfigFixture.h"
+#include "tests/unit/Halcyd/WritableRecords.h"
 
 namespace
 {
@@ -301,10 +302,7 @@ TEST_F(AdapterConfigTest, RecordThatCouldBeWrittenIsToldAndRestored)
 {
     const auto card = engine.AddComponent(L"card", 2);
     const auto path = engine.AddPath(L"ms_tcpip", {card});
-    RegCreateKeyExWHook::Replace(
-        [](HKEY root, LPCWSTR name, DWORD reserved, LPWSTR cls, DWORD options, REGSAM, LPSECURITY_ATTRIBUTES security,
-           PHKEY key, LPDWORD made)
-        { return RegCreateKeyExWHook::Real(root, name, reserved, cls, options, KEY_ALL_ACCESS, security, key, made); });
+    LetRecordsBeWritten();
     Open();
     EXPECT_EQ(S_OK, session->DisableBindings(L"", 0));
     EXPECT_EQ(1, RecordValue(RecordOf(L"ms_tcpip", *card)));
@@ -525,10 +523,7 @@ TEST_F(AdapterConfigTest, AThousandCyclesLeaveTheBindingsAndTheEngineAsTheyWere)
     const auto card = engine.AddComponent(L"card", 2);
     const auto path = engine.AddPath(L"ms_tcpip", {card});
     const auto other = engine.AddPath(L"ms_tcpip6", {card}, false);
-    RegCreateKeyExWHook::Replace(
-        [](HKEY root, LPCWSTR name, DWORD reserved, LPWSTR cls, DWORD options, REGSAM, LPSECURITY_ATTRIBUTES security,
-           PHKEY key, LPDWORD made)
-        { return RegCreateKeyExWHook::Real(root, name, reserved, cls, options, KEY_ALL_ACCESS, security, key, made); });
+    LetRecordsBeWritten();
     DWORD handlesBefore = 0;
     for (int cycle = 0; cycle < 1000; ++cycle)
     {

@@ -9,6 +9,7 @@
 #include "NetUtilities/RegistryKey.h"
 #include "tests/unit/Halcyd/HostHooks.h"
 #include "tests/unit/Halcyd/NetMonSvBindingsFixture.h"
+#include "tests/unit/Halcyd/WritableRecords.h"
 
 namespace
 {
@@ -28,17 +29,6 @@ protected:
     {
         RegistryKey key(false);
         return key.Open(HKEY_LOCAL_MACHINE, subkey, KEY_READ) == ERROR_SUCCESS;
-    }
-    // A machine that lets the record's value be written.
-    static void LetTheRecordBeWritten()
-    {
-        RegCreateKeyExWHook::Replace(
-            [](HKEY root, LPCWSTR name, DWORD reserved, LPWSTR cls, DWORD options, REGSAM,
-               LPSECURITY_ATTRIBUTES security, PHKEY key, LPDWORD made)
-            {
-                return RegCreateKeyExWHook::Real(root, name, reserved, cls, options, KEY_ALL_ACCESS, security, key,
-                                                 made);
-            });
     }
     // A disable that the client answers with a restore from within the event. Both have ended when this returns.
     void DisableAndRestore()
@@ -63,7 +53,7 @@ protected:
 
 TEST_F(BindingRequestFailuresTest, RestoreThatCannotBeAppliedIsToldFreesTheLockAndTheWaitingDisableAndKeepsTheRecord)
 {
-    LetTheRecordBeWritten();
+    LetRecordsBeWritten();
     std::future<HRESULT> disable = DisableOnAThread();
     EXPECT_EQ(S_OK, sink.WaitFor(1).result);
     WaitForTrace(L"wait for RestoreIpBindings to finish");

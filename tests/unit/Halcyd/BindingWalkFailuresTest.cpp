@@ -9,6 +9,7 @@
 #include "NetUtilities/ComApartment.h"
 #include "NetUtilities/Event.h"
 #include "tests/unit/Halcyd/AdapterConfigFixture.h"
+#include "tests/unit/Halcyd/WritableRecords.h"
 
 namespace
 {
@@ -17,17 +18,6 @@ constexpr HRESULT Injected = static_cast<HRESULT>(0x80040123);
 class BindingWalkFailuresTest : public AdapterConfigFixture
 {
 protected:
-    // A machine that lets the records' values be written.
-    static void LetTheRecordsBeWritten()
-    {
-        RegCreateKeyExWHook::Replace(
-            [](HKEY root, LPCWSTR name, DWORD reserved, LPWSTR cls, DWORD options, REGSAM,
-               LPSECURITY_ATTRIBUTES security, PHKEY key, LPDWORD made)
-            {
-                return RegCreateKeyExWHook::Real(root, name, reserved, cls, options, KEY_ALL_ACCESS, security, key,
-                                                 made);
-            });
-    }
     static void WriteExceptionValue(DWORD type, const void* data, DWORD size)
     {
         RegistryKey key(false);
@@ -145,7 +135,7 @@ TEST_F(BindingWalkFailuresTest, PppDeviceOfOneKeepsNdiswanFromBeingLookedAtAtAll
 
 TEST_F(BindingWalkFailuresTest, RecordThatCannotBeMadeDoesNotStopTheDisable)
 {
-    LetTheRecordsBeWritten();
+    LetRecordsBeWritten();
     const auto firstPath = engine.AddPath(L"ms_tcpip", {first});
     const auto secondPath = engine.AddPath(L"ms_tcpip", {second});
     Open();
@@ -161,7 +151,7 @@ TEST_F(BindingWalkFailuresTest, RecordThatCannotBeMadeDoesNotStopTheDisable)
 
 TEST_F(BindingWalkFailuresTest, ValueOfARecordThatCannotBeWrittenDoesNotStopTheDisable)
 {
-    LetTheRecordsBeWritten();
+    LetRecordsBeWritten();
     const auto firstPath = engine.AddPath(L"ms_tcpip", {first});
     const auto secondPath = engine.AddPath(L"ms_tcpip", {second});
     Open();
@@ -270,7 +260,7 @@ protected:
 
 TEST_F(BindingsExclusionTest, RestoreDoesNotBeginWhileADisableIsInside)
 {
-    LetTheRecordsBeWritten();
+    LetRecordsBeWritten();
     const auto path = engine.AddPath(L"ms_tcpip", {first});
     Open();
     RunInside(
