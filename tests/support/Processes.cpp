@@ -1,8 +1,11 @@
 #include "tests/support/Processes.h"
 
+#include <gtest/gtest.h>
 #include <tlhelp32.h>
 
+#include <algorithm>
 #include <cwchar>
+#include <string_view>
 
 namespace
 {
@@ -56,6 +59,63 @@ bool Launch(const std::wstring& commandLine, HANDLE output, PROCESS_INFORMATION&
     std::wstring line = commandLine; // CreateProcessW may write into it
     return CreateProcessW(nullptr, line.data(), nullptr, nullptr, output != nullptr, CREATE_NO_WINDOW, nullptr, nullptr,
                           &startup, &process) != FALSE;
+}
+
+// One look at a process.
+struct Look
+{
+    Holdings held;
+    ULONGLONG worked = 0; // what its threads have worked so far, in 100 ns
+};
+
+ULONGLONG Number(const FILETIME& time)
+{
+    return static_cast<ULONGLONG>(time.dwHighDateTime) << 32 | time.dwLowDateTime;
+}
+
+// 0 for a thread that has gone.
+ULONGLONG WorkOf(DWORD threadId)
+{
+    FILETIME created{};
+    FILETIME ended{};
+    FILETIME kernel{};
+    FILETIME user{};
+    const UniqueHandle thread{OpenThread(THREAD_QUERY_INFORMATION, FALSE, threadId)};
+    if (!thread || !GetThreadTimes(thread.get(), &created, &ended, &kernel, &user))
+    {
+        return 0;
+    }
+    return Number(kernel) + Number(user);
+}
+
+bool NoMoreThan(const Holdings& held, const Holdings& limit)
+{
+    return held.handles.all <= limit.handles.all && held.handles.lasting <= limit.handles.lasting &&
+           held.threads <= limit.threads;
+}
+
+Holdings Least(const Holdings& one, const Holdings& other)
+{
+    return {{std::min(one.handles.all, other.handles.all), std::min(one.handles.lasting, other.handles.lasting)},
+            std::min(one.threads, other.threads)};
+}
+
+Look LookAt(DWORD processId)
+{
+    Look look;
+    look.held.handles = CountHandles(processId);
+    const UniqueHandle snapshot{CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0)};
+    THREADENTRY32 entry{};
+    entry.dwSize = sizeof entry;
+    for (BOOL more = Thread32First(snapshot.get(), &entry); more; more = Thread32Next(snapshot.get(), &entry))
+    {
+        if (entry.th32OwnerProcessID == processId)
+        {
+            ++look.held.threads;
+            look.worked += WorkOf(entry.th32ThreadID);
+        }
+    }
+    return look;
 }
 
 } // namespace
@@ -123,27 +183,45 @@ bool KillProcess(DWORD processId)
     return WaitForSingleObject(process.get(), 30'000) == WAIT_OBJECT_0;
 }
 
-DWORD HandleCount(DWORD processId)
-{
-    const UniqueHandle process{OpenProcess(PROCESS_QUERY_INFORMATION, FALSE, processId)};
-    DWORD count = 0;
-    if (!process || !GetProcessHandleCount(process.get(), &count))
-        return 0;
-    return count;
-}
-
 Holdings HoldingsOf(DWORD processId)
 {
-    Holdings holdings;
-    holdings.handles = HandleCount(processId);
-    const UniqueHandle snapshot{CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0)};
-    THREADENTRY32 entry{};
-    entry.dwSize = sizeof entry;
-    for (BOOL more = Thread32First(snapshot.get(), &entry); more; more = Thread32Next(snapshot.get(), &entry))
+    return LookAt(processId).held;
+}
+
+Holdings HoldingsAtRest(DWORD processId, const Holdings& enough)
+{
+    constexpr ULONGLONG busy = 200'000; // worked between two looks: a tenth of the time
+    const std::string_view suite = testing::UnitTest::GetInstance()->current_test_info()->test_suite_name();
+    const DWORD speed = suite.starts_with("Fast10_") ? 10 : 1;
+    const ULONGLONG quietMs = 8'000ULL * speed;
+    const ULONGLONG limitMs = 60'000ULL * speed;
+    const ULONGLONG start = GetTickCount64();
+    ULONGLONG since = start;
+    Look last = LookAt(processId);
+    Holdings least = last.held;
+    for (ULONGLONG now = start; now - since < quietMs && now - start < limitMs; now = GetTickCount64())
     {
-        holdings.threads += entry.th32OwnerProcessID == processId ? 1 : 0;
+        if (NoMoreThan(least, enough))
+        {
+            break;
+        }
+        Sleep(200 * speed);
+        const Look look = LookAt(processId);
+        if (!NoMoreThan(least, look.held) || look.worked > last.worked + busy)
+        {
+            since = GetTickCount64();
+        }
+        least = Least(least, look.held);
+        last = look;
     }
-    return holdings;
+    return least;
+}
+
+void ExpectNoMoreHeld(const Holdings& before, const Holdings& after, DWORD kept)
+{
+    EXPECT_LE(after.handles.lasting, before.handles.lasting + kept + 1) << "before: " << before.handles.lasting;
+    EXPECT_LE(after.handles.all, before.handles.all + 4 * kept + 8) << "before: " << before.handles.all;
+    EXPECT_LE(after.threads, before.threads + kept + 1) << "before: " << before.threads;
 }
 
 std::wstring ProductFolder()

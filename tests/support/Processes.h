@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "NetUtilities/Handles.h"
+#include "tests/support/HandleCount.h"
 
 struct FinishedProcess
 {
@@ -28,16 +29,25 @@ struct FinishedProcess
 // Ends one process at once, as a crash would, and waits until it has gone.
 bool KillProcess(DWORD processId);
 
-// Number of kernel handles that a process holds, 0 if it cannot be asked.
-[[nodiscard]] DWORD HandleCount(DWORD processId);
-
 // What a process holds, to be compared before and after.
 struct Holdings
 {
-    DWORD handles = 0;
+    HandleCounts handles;
     DWORD threads = 0;
 };
 [[nodiscard]] Holdings HoldingsOf(DWORD processId);
+
+// What a process holds at rest: the least of each figure. The trace goes out behind the calls, and the threads of the
+// pools, which calls come in with and go out with, leave after some five seconds without work: so this looks until for
+// longer than that nothing has become less and the process has not been busy, or until there is no more than `enough`.
+// A process that does not come to rest is taken as it is after a minute. The pools wait in the machine's time, so in
+// ten-fold time all of this takes ten times as long.
+[[nodiscard]] Holdings HoldingsAtRest(DWORD processId, const Holdings& enough = {});
+
+// Expects that a service holds at rest what it held before: a connection more of COM's (a pipe, a thread, some events)
+// at most, and what `kept` calls, which were made to fail, could not give back (a handle each, or a thread with its
+// events).
+void ExpectNoMoreHeld(const Holdings& before, const Holdings& after, DWORD kept = 0);
 
 // Folder of the product's executables in the prepared prefix, with a trailing backslash.
 [[nodiscard]] std::wstring ProductFolder();

@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-
 #include "bindings/BindingsMachine.h"
 #include "Monitor/MonitorMachine.h"
 #include "lab/state/Model.h"
@@ -17,21 +15,6 @@ using lab::Json;
 
 constexpr int kWarmUp = 50;
 constexpr int kCycles = 1000;
-
-// What a service holds. Threads and handles of COM's own calls come and go a little behind the calls: the least of some
-// looks is what stays.
-Holdings LeastHoldings(DWORD processId)
-{
-    Holdings least = HoldingsOf(processId);
-    for (int look = 0; look < 20; ++look)
-    {
-        Sleep(20);
-        const Holdings now = HoldingsOf(processId);
-        least.handles = std::min(least.handles, now.handles);
-        least.threads = std::min(least.threads, now.threads);
-    }
-    return least;
-}
 
 class BindingCycles : public BindingsServiceTest
 {
@@ -65,19 +48,15 @@ TEST_F(BindingCycles, AThousandLeaveTheBindingsAsTheyWereAndNothingOver)
     machine.SwitchJournal(false);
     const DWORD processId = service.ProcessId();
     ASSERT_NO_FATAL_FAILURE(Cycles(kWarmUp, events));
-    const Holdings before = LeastHoldings(processId);
+    const Holdings before = HoldingsAtRest(processId);
     ASSERT_NO_FATAL_FAILURE(Cycles(kCycles, events));
-    const Holdings after = LeastHoldings(processId);
+    const Holdings after = HoldingsAtRest(processId, before);
 
     EXPECT_EQ(service.ProcessId(), processId);
     EXPECT_TRUE(PathsOff().empty());
     EXPECT_EQ(ReadRecord(), (Record{{"ms_tcpip", std::nullopt}, {"ms_tcpip6", std::nullopt}}));
     EXPECT_FALSE(LockHolder());
-    // One more of each may be COM's at that moment; a leak of one in each cycle would be a thousand.
-    EXPECT_LE(after.handles, before.handles + 2) << "before " << before.handles << ", after " << after.handles;
-    EXPECT_LE(after.threads, before.threads + 2) << "before " << before.threads << ", after " << after.threads;
-    RecordProperty("handlesBefore", static_cast<int>(before.handles));
-    RecordProperty("handlesAfter", static_cast<int>(after.handles));
+    ExpectNoMoreHeld(before, after);
 }
 
 TEST_F(BindingCycles, EngineObjectsAndTableEntriesOfEachCycleAreGivenBack)
