@@ -16,6 +16,7 @@
 
 #include "NetUtilities/ComApartment.h"
 #include "NetUtilities/Handles.h"
+#include "clients/TraceStore/KeptClassInterface.h"
 #include "clients/TraceStore/Registration.h"
 #include "clients/TraceStore/StoreSettings.h"
 #include "clients/TraceStore/TraceLogManagerObject.h"
@@ -68,6 +69,7 @@ HRESULT Serve()
     TraceLevels levels;
     ServerLifetime lifetime;
     TraceLogManagerFactory factory({store, levels, lifetime});
+    const KeptClassInterface kept;
 
     // Suspended until everything stands, so that the first client cannot meet half a server.
     DWORD cookie = 0;
