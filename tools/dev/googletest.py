@@ -13,6 +13,7 @@ class Outcome:
     detail: str = ''    # why
     seconds: float = 0.0
     never_ran: bool = False     # another test of the same program did not let it come to that
+    started_again: bool = False     # Wine ended before its program had begun, the first time
 
 
 def parse_list(text):
@@ -60,12 +61,14 @@ def run(prefix, program, names, report, pattern=None, timeout=300, extra=None):
     report.parent.mkdir(parents=True, exist_ok=True)
     report.unlink(missing_ok=True)
     windows_report = 'Z:' + str(report).replace('/', '\\')
-    result = prefix.run([program, f'--gtest_filter={pattern or ":".join(names)}', f'--gtest_output=json:{windows_report}',
-                         '--gtest_color=no'], timeout, extra)
-    if result.returncode == 1 and not result.stdout:
-        # Wine did not get as far as the program: not a word, not even the banner. Nothing of ours has run yet.
-        result = prefix.run([program, f'--gtest_filter={pattern or ":".join(names)}',
-                             f'--gtest_output=json:{windows_report}', '--gtest_color=no'], timeout, extra)
+    command = [program, f'--gtest_filter={pattern or ":".join(names)}', f'--gtest_output=json:{windows_report}',
+               '--gtest_color=no']
+    result = prefix.run(command, timeout, extra)
+    # Wine now and then does not get as far as the program: not a word, not even the banner. Nothing of ours has run yet,
+    # so it is started once more, and the summary says so.
+    started_again = result.returncode == 1 and not result.stdout
+    if started_again:
+        result = prefix.run(command, timeout, extra)
     reported = _results(report)
     outcomes = []
     for name in names:
@@ -81,6 +84,7 @@ def run(prefix, program, names, report, pattern=None, timeout=300, extra=None):
                 tail = result.stdout[-3000:] if started else ''
                 outcome = Outcome(name, 'failed', f'{why if started else "never ran: " + why}\n{tail}',
                                   never_ran=not started and '[ RUN      ]' in result.stdout)
+        outcome.started_again = started_again
         outcomes.append(outcome)
     # All tests fine but the program says otherwise: a crash on the way out.
     if result.returncode != 0 and all(o.verdict != 'failed' for o in outcomes):

@@ -76,6 +76,10 @@ class Tally:
                 print(f'    and {never} that never ran, because their program ended or hung before')
         for outcome in (o for o in self.outcomes if o.verdict == 'skipped'):
             print(f'skipped: {outcome.name} {outcome.detail.splitlines()[0] if outcome.detail else ""}')
+        again = [o.name for o in self.outcomes if o.started_again]
+        if again:
+            print(f'started a second time, as Wine had ended before the program began: {", ".join(again[:5])}'
+                  + (f' and {len(again) - 5} more' if len(again) > 5 else ''))
         print(dim(f'{len(self.outcomes)} tests in {seconds:.0f} s'))
         skipped = f', {self.count("skipped")} skipped' if self.count('skipped') else ''
         print(f'{self.count("passed")} passed, {len(failed)} failed{skipped}', flush=True)
