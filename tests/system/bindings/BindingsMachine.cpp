@@ -166,7 +166,7 @@ INetMonSvPtr BindingsMachine::LivingMonitor()
     return {};
 }
 
-bool BindingsMachine::StartService(const ServiceControl& service)
+bool BindingsMachine::BeginStart(const ServiceControl& service)
 {
     // The manager needs a moment to notice that a process has died.
     const ULONGLONG end = GetTickCount64() + 60'000;
@@ -177,7 +177,12 @@ bool BindingsMachine::StartService(const ServiceControl& service)
         error = service.Start();
     }
     EXPECT_EQ(error, 0U);
-    return error == 0 && service.WaitForState(SERVICE_RUNNING);
+    return error == 0;
+}
+
+bool BindingsMachine::StartService(const ServiceControl& service)
+{
+    return BeginStart(service) && service.WaitForState(SERVICE_RUNNING);
 }
 
 std::future<HRESULT> BindingsMachine::Disable(INetMonSvPtr monitor, std::wstring kept, long ppp)

@@ -49,7 +49,9 @@ std::optional<std::wstring> LockHolder();
 // The monitor of the process that runs now, past the platform's activation: see lab/shims/ObjectReference.cpp.
 INetMonSvPtr LivingMonitor();
 
-// Starts the service, also after its process was killed, and waits until it says RUNNING.
+// Asks for the start of the service, also after its process was killed. True when it was accepted; does not wait.
+bool BeginStart(const ServiceControl& service);
+// The same, and waits until the service says RUNNING.
 bool StartService(const ServiceControl& service);
 
 // A client that calls DisableIpBindings on a thread of its own, as clients must.

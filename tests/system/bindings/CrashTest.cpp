@@ -1,6 +1,7 @@
-// The service dies at every platform call of a disable and of a restore in turn, is started again, and bindings and
-// record are compared with what is due. What is due is worked out here, from the calls that were made before the end;
-// docs/bindings-after-a-crash.md tells it to people, and is compared with what was seen.
+// The service dies at every platform call of a disable, of a restore, and of the restore that a start makes, is started
+// again each time, and bindings and record are compared with what is due. What is due is worked out here, from the
+// calls that were made before the end; docs/bindings-after-a-crash.md tells it to people, and is compared with what was
+// seen.
 
 #include <algorithm>
 #include <optional>
@@ -11,6 +12,7 @@
 #include "bindings/BindingsAfterACrash.h"
 #include "bindings/BindingsMachine.h"
 #include "Monitor/MonitorMachine.h"
+#include "tests/support/Processes.h"
 #include "tests/support/TraceStoreKept.h"
 #include "lab/state/Model.h"
 #include "lab/state/Text.h"
@@ -102,26 +104,32 @@ protected:
         ASSERT_TRUE(service.StopAndWait());
         RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"Software\\QRLS\\Sorvane\\Tunvex");
         machine.Update([](Json& state, lab::Events&) { state["hooks"] = true; });
-        StartFresh();
+        static_cast<void>(StartFresh());
     }
 
     // Starts the service and waits until it is at rest: the last call behind RUNNING asks for the tunnel's key, and the
     // trace's thread, which goes its own way, runs the trace store's object as the start runs the monitor.
-    void StartFresh()
+    // Gives its calls.
+    std::vector<PlatformCall> StartFresh()
     {
         static_cast<void>(machine.ReadJournal(position));
-        ASSERT_TRUE(StartService(service));
-        processes.emplace_back(OpenProcess(SYNCHRONIZE | PROCESS_TERMINATE, FALSE, service.ProcessId()));
-        ASSERT_TRUE(processes.back());
+        EXPECT_TRUE(StartService(service));
+        Hold(service.ProcessId());
         bool tunnelAsked = false;
         int objectsRun = 0;
-        AwaitCall(
+        return AwaitCall(
             [&](const PlatformCall& call)
             {
                 tunnelAsked |= call.name == "RegOpenKeyExW" && call.detail.find("Tunvex") != std::string::npos;
                 objectsRun += call.name == "OleRun" ? 1 : 0;
                 return tunnelAsked && objectsRun == 2;
             });
+    }
+
+    void Hold(DWORD processId)
+    {
+        processes.emplace_back(OpenProcess(SYNCHRONIZE | PROCESS_TERMINATE, FALSE, processId));
+        EXPECT_TRUE(processes.back()) << processId;
     }
 
     // The service's calls since the last look, in the order of the journal.
@@ -199,10 +207,11 @@ protected:
     // The restore-finished event is made behind all else, and then the wait begins.
     static bool IsTheWait(const PlatformCall& call) { return call.name == "CreateEventW"; }
 
-    void KillAtCall(std::size_t number)
+    // At the `number`th call from now on, or the `number`th one of a name.
+    void KillAtCall(std::size_t number, const std::string& name = "*")
     {
         lab::FaultRule rule;
-        rule.call = "*";
+        rule.call = name;
         rule.nth = static_cast<std::uint32_t>(number);
         rule.kill = true;
         machine.AddFault(rule);
@@ -226,7 +235,7 @@ protected:
         left = Now();
         EXPECT_FALSE(LockHolder()) << "the write lock outlived its process";
         machine.ClearFaults();
-        StartFresh();
+        static_cast<void>(StartFresh());
         healed = Now();
         EXPECT_FALSE(LockHolder());
     }
@@ -274,6 +283,21 @@ protected:
         MakeSureOfTheEnd();
         EXPECT_TRUE(Comes(client));
         EXPECT_TRUE(FAILED(client.get()));
+        return made;
+    }
+
+    // The calls that a start made until the service died at the `nth` call of this name.
+    std::vector<PlatformCall> DieInStart(const std::string& name, std::size_t nth)
+    {
+        MakeSureOfTheEnd(); // of the service of the round before
+        static_cast<void>(NewCalls());
+        KillAtCall(nth, name);
+        EXPECT_TRUE(BeginStart(service));
+        std::vector<PlatformCall> made = AwaitCall([](const PlatformCall& call) { return call.wasTheEnd; });
+        for (const DWORD processId : FindProcesses(L"Halcyd.exe"))
+        {
+            Hold(processId);
+        }
         return made;
     }
 
@@ -339,6 +363,20 @@ protected:
     lab::Machine& machine = lab::Machine::Attach();
     lab::JournalPosition position;
 };
+
+// What a disable leaves that a crash has interrupted: the card's paths are off, and records say so.
+void LeaveRecords()
+{
+    Lab(L"bindings set ms_tcpip lab_card off");
+    Lab(L"bindings set ms_tcpip6 lab_card off");
+    const DWORD one = 1;
+    for (const wchar_t* protocol : {L"\\ms_tcpip\\", L"\\ms_tcpip6\\"})
+    {
+        EXPECT_EQ(RegSetKeyValueW(HKEY_LOCAL_MACHINE, (std::wstring(kRecordRoot) + protocol + kCard).c_str(),
+                                  L"BindingDisabledByQRL", REG_DWORD, &one, sizeof one),
+                  0);
+    }
+}
 
 bool WasMade(const std::vector<PlatformCall>& done, const std::string& name)
 {
@@ -411,7 +449,8 @@ TEST_F(BindingsAfterACrash, DisableKilledAtEachOfItsCallsLeavesWhatTheTableSays)
     ASSERT_EQ(LivingMonitor()->RestoreIpBindings(), S_OK);
     ASSERT_TRUE(Comes(call));
 
-    const std::string table = Sweep(calls, [] {}, [] { return Disable(LivingMonitor()); }, DueAfterDisable);
+    const std::string table = Sweep(
+        calls, [] {}, [] { return Disable(LivingMonitor()); }, DueAfterDisable);
     CompareWithPage("disable", table);
 }
 
@@ -447,7 +486,67 @@ TEST_F(BindingsAfterACrash, RestoreKilledAtEachOfItsCallsIsFinishedByTheNextStar
     ASSERT_TRUE(Comes(call));
     EXPECT_EQ(Now(), DueAfterRestore(calls).second);
 
-    const std::string table = Sweep(calls, prepare, [] { return Restore(LivingMonitor()); }, DueAfterRestore);
+    const std::string table = Sweep(
+        calls, prepare, [] { return Restore(LivingMonitor()); }, DueAfterRestore);
     CompareWithPage("restore", table);
+}
+
+// The calls of a start before its restore, and those of the restore: from the making of the engine to the end of its
+// session. Of their names the trace's thread, which starts beside it, has CoCreateInstance and OleRun.
+struct StartCalls
+{
+    explicit StartCalls(std::vector<PlatformCall> all)
+    {
+        std::erase_if(all, [](const PlatformCall& call)
+                      { return call.name == "CoCreateInstance" || call.name == "OleRun"; });
+        const auto first = std::ranges::find(all, "CNetCfg::CreateInstance", &PlatformCall::name);
+        const auto last = std::find_if(all.rbegin(), std::make_reverse_iterator(first),
+                                       [](const PlatformCall& call)
+                                       { return call.name == "IGlobalInterfaceTable::RevokeInterfaceFromGlobal"; });
+        before.assign(all.begin(), first);
+        restore.assign(first, last.base());
+    }
+
+    // How many calls of its name a start has made with this one of the restore.
+    std::size_t Nth(std::size_t number) const
+    {
+        const std::string& name = restore[number - 1].name;
+        return static_cast<std::size_t>(
+            std::ranges::count(before, name, &PlatformCall::name) +
+            std::ranges::count(restore | std::views::take(number), name, &PlatformCall::name));
+    }
+
+    std::vector<PlatformCall> before;
+    std::vector<PlatformCall> restore;
+};
+
+TEST_F(BindingsAfterACrash, StartKilledAtEachCallOfItsRestoreIsFinishedByTheNextStart)
+{
+    MakeSureOfTheEnd();
+    LeaveRecords();
+    const StartCalls start(StartFresh());
+    const std::vector<PlatformCall>& calls = start.restore;
+    EXPECT_EQ(Now(), DueAfterRestore(calls).second);
+
+    std::vector<std::string> rows;
+    for (std::size_t number = 1; number <= calls.size() && !HasFatalFailure(); ++number)
+    {
+        const PlatformCall& last = calls[number - 1];
+        SCOPED_TRACE(testing::Message() << "killed at call " << number << ", " << last.name);
+        Clean();
+        LeaveRecords();
+        const std::vector<PlatformCall> made = DieInStart(last.name, start.Nth(number));
+        const auto end = std::ranges::find_if(made, &PlatformCall::wasTheEnd);
+        EXPECT_TRUE(end != made.end() && *end == last) << Listed(made);
+        Left left;
+        Left healed;
+        Restart(left, healed);
+        const auto [dueLeft, dueHealed] = DueAfterRestore(
+            std::vector<PlatformCall>(calls.begin(), calls.begin() + static_cast<std::ptrdiff_t>(number) - 1));
+        EXPECT_EQ(left, dueLeft);
+        EXPECT_EQ(healed, dueHealed);
+        rows.push_back(Names(left) + " | " + Names(healed));
+    }
+    CompareWithPage("start", Table(calls, rows));
 }
 } // namespace
