@@ -193,7 +193,7 @@ Holdings HoldingsAtRest(DWORD processId, const Holdings& enough)
     constexpr ULONGLONG busy = 200'000; // worked between two looks: a tenth of the time
     const std::string_view suite = testing::UnitTest::GetInstance()->current_test_info()->test_suite_name();
     const DWORD speed = suite.starts_with("Fast10_") ? 10 : 1;
-    const ULONGLONG quietMs = 8'000ULL * speed;
+    const ULONGLONG quietMs = 6'500ULL * speed;
     const ULONGLONG limitMs = 60'000ULL * speed;
     const ULONGLONG start = GetTickCount64();
     ULONGLONG since = start;

@@ -249,8 +249,21 @@ protected:
         EXPECT_EQ(CleanRound(), usual);
     }
 
-    // Fails all calls of a recorded round that `wanted` takes.
-    void Sweep(unsigned stages)
+    // Which calls of the stages a test takes. The long sweep is two tests, so that they can run side by side.
+    enum class Which
+    {
+        All,
+        Even,
+        Odd,
+    };
+
+    static bool Takes(Which which, std::size_t number)
+    {
+        return which == Which::All || (number % 2 == 0) == (which == Which::Even);
+    }
+
+    // Fails the calls of a recorded round that belong to one of the stages.
+    void Sweep(unsigned stages, Which which = Which::All)
     {
         const Round round = RecordedRound();
         CleanRound();
@@ -259,11 +272,12 @@ protected:
         Holdings before = atFirst;
         DWORD kept = 0;
         int swept = 0;
+        std::size_t matching = 0;
         for (std::size_t index = 0; index < round.calls.size() && !HasFailure(); ++index)
         {
             const ServiceCall& call = round.calls[index];
             const Stage stage = StageOf(round.calls, index, round.callsOfOpen);
-            if ((stages & stage) == 0)
+            if ((stages & stage) == 0 || !Takes(which, matching++))
             {
                 continue;
             }
@@ -276,7 +290,7 @@ protected:
             }
             Fail(call, *row, stage);
             ++swept;
-            kept += row->keeps ? 1u : 0u;
+            kept += row->keeps ? KeptBy(call) : 0;
             CheckHoldings(before, call, *row, stage);
         }
         EXPECT_GT(swept, 0);
@@ -284,6 +298,13 @@ protected:
         const Holdings atLast = HoldingsAtRest(processId, atFirst);
         ASSERT_EQ(service.ProcessId(), processId); // one process lived through it all
         ExpectNoMoreHeld(atFirst, atLast, kept);
+    }
+
+    // Handles that a failed call to give something back leaves: one, but the set of the whole class, which is the first
+    // that is destroyed, holds a key of each of the three adapters.
+    static DWORD KeptBy(const ServiceCall& call)
+    {
+        return call.name == "SetupDiDestroyDeviceInfoList" && call.nth == 1 ? 3 : 1;
     }
 
     // COM may open one more connection, so one growth means nothing; one that each repetition brings again is a leak.
@@ -314,9 +335,14 @@ TEST_F(OpenFaultSweep, EachCallOfConnectingFailsOpenOrIsDoneWithout)
     Sweep(Connecting);
 }
 
-TEST_F(OpenFaultSweep, EachCallOfDiscoveryCostsAtMostAnAdapterOrAPartOfOne)
+TEST_F(OpenFaultSweep, EachEvenCallOfDiscoveryCostsAtMostAnAdapterOrAPartOfOne)
 {
-    Sweep(Discovering);
+    Sweep(Discovering, Which::Even);
+}
+
+TEST_F(OpenFaultSweep, EachOddCallOfDiscoveryCostsAtMostAnAdapterOrAPartOfOne)
+{
+    Sweep(Discovering, Which::Odd);
 }
 
 TEST_F(OpenFaultSweep, EachCallOfStartingAndClosingIsDoneWithout)
