@@ -1,4 +1,4 @@
-' A late-bound client: every class by its ProgID, the monitor's property, and plain errors where they are stated.
+' A late-bound client: every class by its ProgID, the monitor's property, and plain errors where a member gives one.
 Option Explicit
 Dim held, name, object, failures
 

@@ -95,7 +95,7 @@ void Value(Lines& lines, const std::wstring& key, const wchar_t* name, const std
 }
 
 // What the scripts write.
-Lines StatedKeys()
+Lines ExpectedKeys()
 {
     Lines lines;
     const std::wstring appId = std::wstring(L"HKCR\\AppID\\") + AppId;
@@ -128,15 +128,15 @@ Lines StatedKeys()
 
 // Compares and names what is missing and what is too much. A DWORD or another type prints in the exporter's own form,
 // so those lines are looked at apart.
-void ExpectSame(Lines found, const Lines& stated)
+void ExpectSame(Lines found, const Lines& expected)
 {
-    for (const std::wstring& line : stated)
+    for (const std::wstring& line : expected)
     {
         EXPECT_EQ(found.erase(line), 1u) << "missing: " << std::string(line.begin(), line.end());
     }
     for (const std::wstring& line : found)
     {
-        ADD_FAILURE() << "not stated: " << std::string(line.begin(), line.end());
+        ADD_FAILURE() << "not expected: " << std::string(line.begin(), line.end());
     }
 }
 
@@ -167,12 +167,12 @@ std::wstring AppIdValue(const wchar_t* name)
 }
 } // namespace
 
-TEST_F(RegistrationTest, RegServerWritesExactlyTheStatedKeysAndValues)
+TEST_F(RegistrationTest, RegServerWritesExactlyTheDocumentedKeysAndValues)
 {
     ASSERT_EQ(HostSupport::RunWord(L"-RegServer"), 0u);
     Lines found = Differences(unregistered, ExportAll());
     EXPECT_EQ(RemoveContaining(found, L"[TypesSupported]"), 1u);
-    ExpectSame(found, StatedKeys());
+    ExpectSame(found, ExpectedKeys());
     EXPECT_FALSE(ServiceControl().Exists());
 }
 
@@ -182,15 +182,15 @@ TEST_F(RegistrationTest, ServiceWritesTheSameKeysTwoValuesAndTheService)
     Lines found = Differences(unregistered, ExportAll());
     EXPECT_EQ(RemoveContaining(found, L"[TypesSupported]"), 1u);
     EXPECT_GE(RemoveContaining(found, L"Services\\Halcyd"), 1u); // the manager's own record of the service
-    Lines stated = StatedKeys();
+    Lines expected = ExpectedKeys();
     const std::wstring appId = std::wstring(L"HKCR\\AppID\\") + AppId;
-    Value(stated, appId, L"LocalService", L"Halcyd");
-    Value(stated, appId, L"ServiceParameters", L"-Service");
-    ExpectSame(found, stated);
+    Value(expected, appId, L"LocalService", L"Halcyd");
+    Value(expected, appId, L"ServiceParameters", L"-Service");
+    ExpectSame(found, expected);
     EXPECT_TRUE(ServiceControl().Exists());
 }
 
-TEST_F(RegistrationTest, RemovalLeavesNothingOfTheStatedKeys)
+TEST_F(RegistrationTest, RemovalLeavesNoneOfItsKeys)
 {
     ASSERT_EQ(HostSupport::RunWord(L"-service"), 0u);
     ASSERT_EQ(HostSupport::RunWord(L"/unregserver"), 0u);
@@ -234,7 +234,7 @@ TEST_F(RegistrationTest, WithoutTheAppIdKeyTheProcessEndsWithTheRegistrysError)
     EXPECT_TRUE(HostSupport::WaitForNoProcess());
 }
 
-TEST_F(RegistrationTest, ServiceHasTheStatedAttributes)
+TEST_F(RegistrationTest, ServiceIsAutomaticRunsAsLocalSystemAndNeedsRpcss)
 {
     ASSERT_EQ(HostSupport::RunWord(L"-Service"), 0u);
     const UniqueServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));

@@ -55,14 +55,14 @@ std::vector<Member> Members(REFIID iid)
     return members;
 }
 
-void ExpectMembers(REFIID iid, const std::vector<Member>& stated)
+void ExpectMembers(REFIID iid, const std::vector<Member>& expected)
 {
     const std::vector<Member> found = Members(iid);
-    ASSERT_EQ(found.size(), stated.size());
-    for (std::size_t i = 0; i < stated.size(); ++i)
+    ASSERT_EQ(found.size(), expected.size());
+    for (std::size_t i = 0; i < expected.size(); ++i)
     {
-        EXPECT_EQ(found[i].id, stated[i].id) << i;
-        EXPECT_EQ(found[i].name, stated[i].name) << i;
+        EXPECT_EQ(found[i].id, expected[i].id) << i;
+        EXPECT_EQ(found[i].name, expected[i].name) << i;
     }
 }
 } // namespace
@@ -167,12 +167,12 @@ TEST(TypeLibrary, VirtualAdapterHasItsTwentyMembersInOrder)
                                     L"CreateMultipleIPv6RouteEntries",
                                     L"DeleteMultipleIPv6RouteEntries",
                                     L"PerformGenericAction"};
-    std::vector<Member> stated;
+    std::vector<Member> expected;
     for (MEMBERID id = 2; id <= 21; ++id)
     {
-        stated.push_back({id, names[id - 2]});
+        expected.push_back({id, names[id - 2]});
     }
-    ExpectMembers(IID_IVNIC, stated);
+    ExpectMembers(IID_IVNIC, expected);
 }
 
 TEST(TypeLibrary, SixClassesNameTheirInterfacesAndTheMonitorItsEvents)

@@ -1,4 +1,4 @@
-// Variants of every type in every variant argument: the stated result, or a failure on the way, and nothing else
+// Variants of every type in every variant argument: the result of that type, or a failure on the way, and nothing else
 // changed.
 
 #include "Input/InputMachine.h"

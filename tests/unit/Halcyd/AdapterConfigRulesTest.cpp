@@ -35,19 +35,19 @@ struct PathRow
 };
 
 const PathRow PathRule[] = {
-    {.what = L"0: no lower component", .noComponent = true},
-    {.what = L"2: already disabled", .disabled = true, .line = L"\talready disabled", .enabledAfterwards = false},
-    {.what = L"3: the kept adapter", .kept = true, .line = L"\tthis is the component that we should not unbind"},
-    {.what = L"4: its tunnel interface",
+    {.what = L"no lower component", .noComponent = true},
+    {.what = L"already disabled", .disabled = true, .line = L"\talready disabled", .enabledAfterwards = false},
+    {.what = L"the kept adapter", .kept = true, .line = L"\tthis is the component that we should not unbind"},
+    {.what = L"its tunnel interface",
      .isatap = true,
      .line = L"\tthis is the component that we should not unbind: isatap.{00000001-ABCD-1111-0102-030405060708}"},
-    {.what = L"5: NDISWAN's IP component of a PPP device",
+    {.what = L"NDISWAN's IP component of a PPP device",
      .wanIp = true,
      .line = L"\tdon't disable 'ms_ndiswanip' since this is a PPP connection"},
-    {.what = L"6: excepted",
+    {.what = L"excepted",
      .excepted = true,
      .line = L"\tlisted is in the exception list...it's binding will not be disabled"},
-    {.what = L"7: otherwise", .line = L"\tdisabled binding", .enabledAfterwards = false},
+    {.what = L"otherwise", .line = L"\tdisabled binding", .enabledAfterwards = false},
 };
 
 class PathRuleTest : public AdapterConfigRulesTest
@@ -114,7 +114,7 @@ TEST_F(PathRuleTest, OfTwoRowsThatFitTheEarlierOneDecides)
     {
         for (const PathRow* second = first + 1; second != std::end(PathRule); ++second)
         {
-            // A path cannot be without a component and be disabled or kept as one: row 0 leaves it as it is.
+            // A path cannot be without a component and be disabled or kept as one: the first row leaves it as it is.
             if (first->noComponent && second->disabled)
             {
                 continue;

@@ -358,7 +358,7 @@ TEST_F(AdapterConfigTest, PathsWithoutLowerComponentAreLeftAlone)
     EXPECT_EQ(0, engine.Calls("INetCfgBindingPath::Enable"));
 }
 
-TEST_F(AdapterConfigTest, PppDeviceKeepsNdiswanByTheStatedValues)
+TEST_F(AdapterConfigTest, PppValueOneKeepsAllOfNdiswanAndTwoItsIpComponentOnly)
 {
     const auto wan = engine.AddComponent(L"ms_ndiswanip", 2);
     const auto modem = engine.AddComponent(L"modem", 3);

@@ -143,16 +143,16 @@ protected:
     }
 
     // The lines of the host's source, oldest first; each is given as the text that it starts with.
-    static void ExpectLines(const std::vector<Line>& stated)
+    static void ExpectLines(const std::vector<Line>& expected)
     {
         std::vector<RecordedLine> lines = TraceRecorder::Get().Lines();
         std::erase_if(lines, [](const RecordedLine& line) { return line.source != 10; });
-        for (std::size_t at = 0; at < std::max(lines.size(), stated.size()); ++at)
+        for (std::size_t at = 0; at < std::max(lines.size(), expected.size()); ++at)
         {
             const std::wstring found =
                 at < lines.size() ? std::to_wstring(lines[at].level) + L" " + lines[at].Message() : L"(nothing)";
             const std::wstring wanted =
-                at < stated.size() ? std::to_wstring(stated[at].level) + L" " + stated[at].start : L"(nothing)";
+                at < expected.size() ? std::to_wstring(expected[at].level) + L" " + expected[at].start : L"(nothing)";
             EXPECT_TRUE(found.starts_with(wanted))
                 << "line " << at << "\nfound:  " << std::string(found.begin(), found.end())
                 << "\nwanted: " << std::string(wanted.begin(), wanted.end());

@@ -113,7 +113,7 @@ struct Located
     std::wstring made;
 };
 
-TEST(FunctionNameOfThisCompiler, MembersConstructorsAndCallOperatorsHaveTheStatedForm)
+TEST(FunctionNameOfThisCompiler, MembersConstructorsAndCallOperatorsReadTheSameWithEachCompiler)
 {
     EXPECT_EQ(L"`anonymous-namespace'::Located::Member", Located::Member(nullptr));
     EXPECT_EQ(L"`anonymous-namespace'::Located::operator()", Located()());

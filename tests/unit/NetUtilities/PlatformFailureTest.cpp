@@ -124,7 +124,7 @@ TEST(MissingTraceService, IsToldTheDebuggerBeforeTheProcessEnds)
     EXPECT_EQ(install.DeleteValue(L"DebugOutput"), 0U);
 }
 
-// The end of the process itself is the stated one.
+// The debugger is told first, then the process ends by its terminate handler.
 CHILD_PROCESS(DebuggerChannelTest, TellsTheDebugger)
 {
     std::set_terminate(

@@ -88,7 +88,7 @@ protected:
     void TearDown() override { RestartTrace(); }
 };
 
-TEST_F(SingletonTest, TypeNameReadsLikeTheStatedOneWithEachCompiler)
+TEST_F(SingletonTest, TypeNameReadsClassAndNameWithEachCompiler)
 {
     EXPECT_EQ("class SingletonA", SingletonDetail::TypeName<SingletonA>());
 }

@@ -11,7 +11,7 @@
 
 namespace
 {
-TEST(TraceStamp, EqualsTheStatedFormatForAllFieldWidths)
+TEST(TraceStamp, KeepsItsFormatForAllFieldWidths)
 {
     const WORD values[] = {0, 1, 9, 10, 12, 59, 99};
     const DWORD ids[] = {0, 1, 0x1A2C, 0xFFFFF, 0x100000, 0x12345678, 0xFFFFFFFF};
