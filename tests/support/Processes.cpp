@@ -217,11 +217,14 @@ Holdings HoldingsAtRest(DWORD processId, const Holdings& enough)
     return least;
 }
 
-void ExpectNoMoreHeld(const Holdings& before, const Holdings& after, DWORD kept)
+void ExpectNoMoreHeld(DWORD processId, const Holdings& before, DWORD kept)
 {
-    EXPECT_LE(after.handles.lasting, before.handles.lasting + kept + 1) << "before: " << before.handles.lasting;
-    EXPECT_LE(after.handles.all, before.handles.all + 4 * kept + 8) << "before: " << before.handles.all;
-    EXPECT_LE(after.threads, before.threads + kept + 1) << "before: " << before.threads;
+    const Holdings limit{{before.handles.all + 4 * kept + 8, before.handles.lasting + kept + 1},
+                         before.threads + kept + 1};
+    const Holdings after = HoldingsAtRest(processId, limit);
+    EXPECT_LE(after.handles.lasting, limit.handles.lasting) << "before: " << before.handles.lasting;
+    EXPECT_LE(after.handles.all, limit.handles.all) << "before: " << before.handles.all;
+    EXPECT_LE(after.threads, limit.threads) << "before: " << before.threads;
 }
 
 std::wstring ProductFolder()

@@ -44,10 +44,10 @@ struct Holdings
 // ten-fold time all of this takes ten times as long.
 [[nodiscard]] Holdings HoldingsAtRest(DWORD processId, const Holdings& enough = {});
 
-// Expects that a service holds at rest what it held before: a connection more of COM's (a pipe, a thread, some events)
+// Expects that a service comes to hold what it held before: a connection more of COM's (a pipe, a thread, some events)
 // at most, and what `kept` calls, which were made to fail, could not give back (a handle each, or a thread with its
 // events).
-void ExpectNoMoreHeld(const Holdings& before, const Holdings& after, DWORD kept = 0);
+void ExpectNoMoreHeld(DWORD processId, const Holdings& before, DWORD kept = 0);
 
 // Folder of the product's executables in the prepared prefix, with a trailing backslash.
 [[nodiscard]] std::wstring ProductFolder();

@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <future>
 #include <map>
 #include <memory>
 #include <set>
@@ -293,8 +294,17 @@ TEST_F(Fast10_MixedStorm, TenThousandEventsAreAllToldInOrderAlsoWhenAClientDiesA
     Settle(plain, L"192.0.2.197/24");
     const SIZE_T early = PrivateBytes(process.get());
 
-    EXPECT_TRUE(KillProcess(watcher)); // between one event and the next, or within one
+    // In the middle of the second storm, between one event and the next or within one.
+    const std::size_t calm = plain.notices;
+    std::future<std::size_t> killed = std::async(std::launch::async,
+                                                 [&]
+                                                 {
+                                                     EXPECT_TRUE(plain.Await(plain.notices, calm + 500));
+                                                     EXPECT_TRUE(KillProcess(watcher));
+                                                     return plain.notices.load();
+                                                 });
     Storm(7, 2);
+    const std::size_t toldAtTheKill = killed.get();
     Settle(plain, L"192.0.2.198/24");
     const std::vector<json> raised = Raised(before);
     const std::vector<Told> expected = Expected(raised);
@@ -304,6 +314,7 @@ TEST_F(Fast10_MixedStorm, TenThousandEventsAreAllToldInOrderAlsoWhenAClientDiesA
     const SIZE_T late = PrivateBytes(process.get());
 
     EXPECT_GE(raised.size(), 10'000u);
+    EXPECT_LT(toldAtTheKill + 500, expected.size()) << "the storm was nearly over when the client died";
     Compare(plain.connection.Recorder(), expected);
     Compare(curious.connection.Recorder(), expected);
     EXPECT_GT(read.load(), 20);

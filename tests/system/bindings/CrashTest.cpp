@@ -449,8 +449,7 @@ TEST_F(BindingsAfterACrash, DisableKilledAtEachOfItsCallsLeavesWhatTheTableSays)
     ASSERT_EQ(LivingMonitor()->RestoreIpBindings(), S_OK);
     ASSERT_TRUE(Comes(call));
 
-    const std::string table = Sweep(
-        calls, [] {}, [] { return Disable(LivingMonitor()); }, DueAfterDisable);
+    const std::string table = Sweep(calls, [] {}, [] { return Disable(LivingMonitor()); }, DueAfterDisable);
     CompareWithPage("disable", table);
 }
 
@@ -486,8 +485,7 @@ TEST_F(BindingsAfterACrash, RestoreKilledAtEachOfItsCallsIsFinishedByTheNextStar
     ASSERT_TRUE(Comes(call));
     EXPECT_EQ(Now(), DueAfterRestore(calls).second);
 
-    const std::string table = Sweep(
-        calls, prepare, [] { return Restore(LivingMonitor()); }, DueAfterRestore);
+    const std::string table = Sweep(calls, prepare, [] { return Restore(LivingMonitor()); }, DueAfterRestore);
     CompareWithPage("restore", table);
 }
 
@@ -500,8 +498,7 @@ struct StartCalls
         std::erase_if(all, [](const PlatformCall& call)
                       { return call.name == "CoCreateInstance" || call.name == "OleRun"; });
         const auto first = std::ranges::find(all, "CNetCfg::CreateInstance", &PlatformCall::name);
-        const auto last = std::find_if(all.rbegin(), std::make_reverse_iterator(first),
-                                       [](const PlatformCall& call)
+        const auto last = std::find_if(all.rbegin(), std::make_reverse_iterator(first), [](const PlatformCall& call)
                                        { return call.name == "IGlobalInterfaceTable::RevokeInterfaceFromGlobal"; });
         before.assign(all.begin(), first);
         restore.assign(first, last.base());

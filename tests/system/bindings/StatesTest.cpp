@@ -112,7 +112,7 @@ TEST_F(BindingStates, RestoreThatIsOverBeforeTheDisableWaitsLeavesItNothingToWai
     RestartHooked();
     lab::FaultRule rule;
     rule.call = "CreateEventW";
-    rule.delayMs = 1000;
+    rule.delayMs = 3000;
     machine.AddFault(rule);
     const EventConnection events(monitor);
     std::future<HRESULT> call = Disable(monitor);
@@ -137,7 +137,7 @@ TEST_F(BindingStates, RestoreThatEndsAfterTheDisableBeganToWaitWakesIt)
     }
     lab::FaultRule rule;
     rule.call = "INetCfgLock::ReleaseWriteLock";
-    rule.delayMs = 500;
+    rule.delayMs = 3000;
     machine.AddFault(rule);
     std::future<HRESULT> restore = std::async(std::launch::async,
                                               [this]
