@@ -227,6 +227,34 @@ void ExpectNoMoreHeld(DWORD processId, const Holdings& before, DWORD kept)
     EXPECT_LE(after.threads, limit.threads) << "before: " << before.threads;
 }
 
+SIZE_T PrivateBytes(HANDLE process)
+{
+    SIZE_T bytes = 0;
+    SIZE_T ofAllocation = 0;
+    bool isStack = false;
+    const void* allocation = nullptr;
+    MEMORY_BASIC_INFORMATION region{};
+    for (const char* at = nullptr; VirtualQueryEx(process, at, &region, sizeof region) == sizeof region;
+         at = static_cast<const char*>(region.BaseAddress) + region.RegionSize)
+    {
+        if (region.AllocationBase != allocation)
+        {
+            bytes += isStack ? 0 : ofAllocation;
+            allocation = region.AllocationBase;
+            ofAllocation = 0;
+            isStack = false;
+        }
+        if (region.State == MEM_COMMIT && region.Type == MEM_PRIVATE)
+        {
+            ofAllocation += region.RegionSize;
+            isStack = isStack || (region.Protect & PAGE_GUARD) != 0; // where a stack would grow to
+        }
+    }
+    bytes += isStack ? 0 : ofAllocation;
+    EXPECT_GT(bytes, 0u);
+    return bytes;
+}
+
 std::wstring ProductFolder()
 {
     return L"C:\\Program Files\\Halcyd\\";

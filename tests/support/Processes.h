@@ -49,5 +49,9 @@ struct Holdings
 // events).
 void ExpectNoMoreHeld(DWORD processId, const Holdings& before, DWORD kept = 0);
 
+// Bytes that a process (opened for queries) has in use for itself, without the stacks of its threads, which come and go
+// with the pools. GetProcessMemoryInfo is not used: it answers 0 for another process here.
+[[nodiscard]] SIZE_T PrivateBytes(HANDLE process);
+
 // Folder of the product's executables in the prepared prefix, with a trailing backslash.
 [[nodiscard]] std::wstring ProductFolder();

