@@ -50,7 +50,7 @@ struct Holdings
 void ExpectNoMoreHeld(DWORD processId, const Holdings& before, DWORD kept = 0);
 
 // Bytes that a process (opened for queries) has in use for itself, without the stacks of its threads, which come and go
-// with the pools. GetProcessMemoryInfo is not used: it answers 0 for another process here.
+// with the pools. The PrivateUsage of GetProcessMemoryInfo is not used: it is 0 here.
 [[nodiscard]] SIZE_T PrivateBytes(HANDLE process);
 
 // Folder of the product's executables in the prepared prefix, with a trailing backslash.
